@@ -1,0 +1,163 @@
+#include "engine/Context.h"
+
+#include <array>
+#include <atomic>
+#include <cstdlib>
+#include <mutex>
+#include <stdexcept>
+#include <utility>
+
+#include <glog/logging.h>
+#include <mupdf/fitz.h>
+
+#include "engine/FontLoader.h"
+
+namespace Orvane::PDF::Pdfium {
+namespace {
+
+// ---- allocator: counts what MuPDF holds and refuses to pass the limit ----
+
+std::atomic<size_t> memoryLimit{size_t(3) << 30};
+std::atomic<size_t> memoryInUse{0};
+
+// Each block carries its size in a header, aligned for any type.
+constexpr size_t kHeader = alignof(std::max_align_t);
+
+bool reserve(size_t bytes) {
+    size_t used = memoryInUse.load(std::memory_order_relaxed);
+    do {
+        if (bytes > memoryLimit.load(std::memory_order_relaxed) - std::min(used, memoryLimit.load())) return false;
+    } while (!memoryInUse.compare_exchange_weak(used, used + bytes, std::memory_order_relaxed));
+    return true;
+}
+
+void* countedMalloc(void*, size_t size) {
+    if (size > SIZE_MAX - kHeader || !reserve(size)) return nullptr;
+    auto* block = static_cast<unsigned char*>(std::malloc(size + kHeader));
+    if (block == nullptr) {
+        memoryInUse.fetch_sub(size, std::memory_order_relaxed);
+        return nullptr;
+    }
+    *reinterpret_cast<size_t*>(block) = size;
+    return block + kHeader;
+}
+
+void countedFree(void*, void* ptr) {
+    if (ptr == nullptr) return;
+    auto* block = static_cast<unsigned char*>(ptr) - kHeader;
+    memoryInUse.fetch_sub(*reinterpret_cast<size_t*>(block), std::memory_order_relaxed);
+    std::free(block);
+}
+
+void* countedRealloc(void* user, void* ptr, size_t size) {
+    if (ptr == nullptr) return countedMalloc(user, size);
+    if (size == 0) {
+        countedFree(user, ptr);
+        return nullptr;
+    }
+    auto* block = static_cast<unsigned char*>(ptr) - kHeader;
+    const size_t old = *reinterpret_cast<size_t*>(block);
+    if (size > SIZE_MAX - kHeader) return nullptr;
+    if (size > old && !reserve(size - old)) return nullptr;
+    auto* grown = static_cast<unsigned char*>(std::realloc(block, size + kHeader));
+    if (grown == nullptr) {
+        if (size > old) memoryInUse.fetch_sub(size - old, std::memory_order_relaxed);
+        return nullptr;
+    }
+    if (size < old) memoryInUse.fetch_sub(old - size, std::memory_order_relaxed);
+    *reinterpret_cast<size_t*>(grown) = size;
+    return grown + kHeader;
+}
+
+fz_alloc_context allocator{nullptr, countedMalloc, countedRealloc, countedFree};
+
+// ---- locks shared by the base context and its clones ----
+
+std::array<std::mutex, FZ_LOCK_MAX> engineLocks;
+
+void lockEngine(void*, int lock) { engineLocks[lock].lock(); }
+void unlockEngine(void*, int lock) { engineLocks[lock].unlock(); }
+
+fz_locks_context locks{nullptr, lockEngine, unlockEngine};
+
+// MuPDF reports recoverable problems of damaged files as warnings; they are
+// diagnostics, not errors of the caller's.
+void logWarning(void*, const char* message) { VLOG(1) << "engine: " << message; }
+void logError(void*, const char* message) { VLOG(1) << "engine error: " << message; }
+
+// ---- the base context and the threads' clones ----
+
+std::mutex baseMutex;
+fz_context* baseContext = nullptr;  // guarded by baseMutex
+int baseUsers = 0;                  // threads holding a clone; guarded by baseMutex
+
+struct ThreadContext {
+    fz_context* ctx = nullptr;
+    int initCalls = 0;
+};
+thread_local ThreadContext threadContext;
+
+fz_context* makeBaseContext() {
+    fz_context* ctx = fz_new_context(&allocator, &locks, kStoreSize);
+    if (ctx == nullptr) throw std::runtime_error("cannot create the PDF engine's context");
+    fz_set_warning_callback(ctx, logWarning, nullptr);
+    fz_set_error_callback(ctx, logError, nullptr);
+    // Registering handlers and installing the font loader allocate; a failure
+    // there leaves a context that cannot open anything, so give it up.
+    bool ok = true;
+    fz_try(ctx) {
+        fz_register_document_handlers(ctx);
+        installSystemFontLoader(ctx);
+    }
+    fz_catch(ctx) { ok = false; }
+    if (!ok) {
+        fz_drop_context(ctx);
+        throw std::runtime_error("cannot initialise the PDF engine");
+    }
+    return ctx;
+}
+
+}  // namespace
+
+PdfiumInitializer& PdfiumInitializer::Instance() {
+    static PdfiumInitializer instance;
+    return instance;
+}
+
+void PdfiumInitializer::InitLibrary() {
+    if (threadContext.initCalls++ > 0) return;
+    std::lock_guard<std::mutex> lock(baseMutex);
+    try {
+        if (baseContext == nullptr) baseContext = makeBaseContext();
+        fz_context* clone = fz_clone_context(baseContext);
+        if (clone == nullptr) throw std::runtime_error("cannot clone the PDF engine's context");
+        threadContext.ctx = clone;
+        ++baseUsers;
+    } catch (...) {
+        threadContext.initCalls = 0;
+        if (baseUsers == 0 && baseContext != nullptr) {
+            fz_drop_context(std::exchange(baseContext, nullptr));
+        }
+        throw;
+    }
+}
+
+void PdfiumInitializer::Uninitialize() {
+    if (threadContext.initCalls == 0 || --threadContext.initCalls > 0) return;
+    fz_drop_context(std::exchange(threadContext.ctx, nullptr));
+    std::lock_guard<std::mutex> lock(baseMutex);
+    if (--baseUsers == 0) fz_drop_context(std::exchange(baseContext, nullptr));
+}
+
+fz_context* CurrentContext() {
+    if (threadContext.ctx == nullptr) {
+        throw std::logic_error("the PDF engine is not initialised on this thread");
+    }
+    return threadContext.ctx;
+}
+
+void SetMemoryLimit(size_t bytes) { memoryLimit.store(bytes); }
+size_t MemoryLimit() { return memoryLimit.load(); }
+size_t MemoryInUse() { return memoryInUse.load(); }
+
+}  // namespace Orvane::PDF::Pdfium

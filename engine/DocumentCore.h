@@ -1,0 +1,35 @@
+#pragma once
+
+// What a document shares with its pages: the MuPDF document and the context
+// of the thread that opened it. Pages hold it, so a page stays usable while
+// anyone holds it; the last holder drops the document.
+
+#include <functional>
+#include <memory>
+
+#include <mupdf/fitz.h>
+#include <mupdf/pdf.h>
+
+#include "orvane/pdf/Document.h"
+
+namespace Orvane::PDF::Pdfium {
+
+struct DocumentCore {
+    DocumentCore(fz_context* context, pdf_document* document) : ctx(context), doc(document) {}
+    ~DocumentCore() { pdf_drop_document(ctx, doc); }
+    DocumentCore(const DocumentCore&) = delete;
+    DocumentCore& operator=(const DocumentCore&) = delete;
+
+    fz_context* const ctx;
+    pdf_document* const doc;
+    // Called after the page list or a page's rotation changed (keeps the
+    // document's metadata current). Set by the owning PdfDocument.
+    std::function<void()> onPagesChanged;
+    // Font provider of the owning document, for ScopedFontProvider.
+    std::shared_ptr<IFontProvider> fonts;
+};
+
+// The page at index (std::out_of_range when there is none).
+std::shared_ptr<IPage> MakePage(const std::shared_ptr<DocumentCore>& core, unsigned index);
+
+}  // namespace Orvane::PDF::Pdfium

@@ -1,0 +1,2 @@
+// Implemented in progress.
+#include "engine/Engine.h"

@@ -1,0 +1,1 @@
+#include "tests/support/PdfBuilder.h"

@@ -1,0 +1,142 @@
+#pragma once
+
+// Builds PDF files in code, so that every test knows exactly what a file holds.
+// Geometry is in PDF user space (points, origin bottom-left, y upward); Rect is
+// Orvane::PDF::Rect {left, top, right, bottom} with top >= bottom.
+
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "orvane/pdf/Records.h"
+
+namespace QuirelleTest {
+
+using Orvane::PDF::Rect;
+
+// Text drawn with the standard Helvetica font (not embedded), WinAnsi
+// encoding. text is UTF-8 limited to Latin-1; "\n" is not allowed (use one
+// run per line).
+struct TextRun {
+    double x = 72;  // baseline start
+    double y = 720;
+    double fontSize = 12;
+    std::string text;
+};
+
+// A filled rectangle path, colour 0xRRGGBB.
+struct FilledRect {
+    Rect rect;
+    uint32_t rgb = 0x000000;
+};
+
+// An image of one colour drawn into rect. With alpha, an /SMask of the given
+// constant opacity (0-255) is attached.
+struct ImageSpec {
+    Rect rect;
+    int pixelWidth = 8;
+    int pixelHeight = 8;
+    uint32_t rgb = 0xFF0000;
+    std::optional<int> alpha;
+};
+
+// A link annotation: to a URI, to a page of this file (explicit /XYZ with the
+// given values; std::nullopt writes null), or to a named destination.
+struct LinkSpec {
+    Rect rect;
+    std::string uri;                // URI link when not empty
+    int targetPage = -1;            // explicit destination when >= 0
+    std::optional<double> left;     // /XYZ left
+    std::optional<double> top;      // /XYZ top
+    std::optional<double> zoom;     // /XYZ zoom; 0 or null keeps the zoom
+    std::string fitMode;            // instead of XYZ: "Fit", "FitH", "FitR"... (values from left/top)
+    std::string namedDestination;   // named destination when not empty
+};
+
+// Any other annotation, by PDF subtype name ("Text", "Square", "Widget"...).
+// flags is the /F entry (4 = Print, 2 = Hidden, 32 = NoView).
+struct AnnotationSpec {
+    std::string subtype;
+    Rect rect;
+    int flags = 4;
+    std::optional<uint32_t> fillRgb;  // with an appearance stream filling rect in this colour
+};
+
+struct PageSpec {
+    double width = 612;
+    double height = 792;
+    int rotate = 0;                 // /Rotate, any multiple of 90
+    std::optional<Rect> cropBox;    // /CropBox
+    std::vector<TextRun> text;
+    std::vector<FilledRect> rects;
+    std::vector<ImageSpec> images;
+    std::vector<LinkSpec> links;
+    std::vector<AnnotationSpec> annotations;
+    std::string extraContent;       // raw content-stream operators appended at the end
+};
+
+struct EncryptionSpec {
+    enum class Method { Rc4_40, Rc4_128, Aes128, Aes256 };
+    std::string userPassword;
+    std::string ownerPassword;
+    int32_t permissions = -4;       // /P: all bits set (everything allowed)
+    Method method = Method::Aes128;
+};
+
+class PdfBuilder {
+public:
+    PdfBuilder& AddPage(PageSpec page);
+    // Adds count pages of the given size, each with "Page N" (N from 1) at (72, 720).
+    PdfBuilder& AddNumberedPages(int count, double width = 612, double height = 792);
+    // A named destination for /XYZ left top on page, in the catalog's /Names
+    // tree (or the old-style /Dests dictionary when inNamesTree is false).
+    PdfBuilder& AddNamedDestination(const std::string& name, int page, double left, double top,
+                                     bool inNamesTree = true);
+    // Puts /MediaBox, /Rotate and /Resources of every page on the page tree's
+    // root instead of on the pages (attributes the pages inherit).
+    PdfBuilder& InheritAttributes(bool inherit = true);
+    PdfBuilder& Encrypt(EncryptionSpec encryption);
+
+    // The file's bytes. Throws std::runtime_error on failure.
+    std::string Build() const;
+    void Save(const std::filesystem::path& path) const;
+
+    const std::vector<PageSpec>& Pages() const { return pages_; }
+
+private:
+    struct NamedDestination {
+        std::string name;
+        int page;
+        double left, top;
+        bool inNamesTree;
+    };
+    std::vector<PageSpec> pages_;
+    std::vector<NamedDestination> named_;
+    bool inherit_ = false;
+    std::optional<EncryptionSpec> encryption_;
+};
+
+// Writes bytes to a file.
+void WriteFile(const std::filesystem::path& path, const std::string& bytes);
+std::string ReadFile(const std::filesystem::path& path);
+
+// A directory removed with everything in it when the object goes.
+class TempDir {
+public:
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+    const std::filesystem::path& Path() const { return path_; }
+    std::filesystem::path File(const std::string& name) const { return path_ / name; }
+
+private:
+    std::filesystem::path path_;
+};
+
+// The directory of the bundled samples (the repository's samples/).
+std::filesystem::path SamplesDir();
+
+}  // namespace QuirelleTest
