@@ -32,10 +32,15 @@ auto guarded(fz_context* ctx, Body&& body, Failure kind = Failure::Engine) {
         fz_catch(ctx) { throwCaught(ctx, kind); }
     } else {
         static_assert(std::is_trivially_copyable_v<Result>, "guarded bodies return plain C values");
+        // result is read only when no longjmp happened, so it cannot be
+        // clobbered; GCC cannot see that.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wclobbered"
         Result result{};
         fz_try(ctx) { result = body(); }
         fz_catch(ctx) { throwCaught(ctx, kind); }
         return result;
+#pragma GCC diagnostic pop
     }
 }
 

@@ -1,1 +1,450 @@
 #include "tests/support/PdfBuilder.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <sstream>
+#include <stdexcept>
+#include <utility>
+
+#include <unistd.h>
+#include <zlib.h>
+
+#include <mupdf/fitz.h>
+#include <mupdf/pdf.h>
+
+#include "engine/Guarded.h"
+#include "engine/Handles.h"
+
+// The file is written as PDF text by hand: every dictionary is exactly what
+// the page specs ask for, and MuPDF only gets involved to encrypt the result.
+
+namespace QuirelleTest {
+
+namespace {
+
+using Orvane::PDF::Pdfium::guarded;
+
+// A number as PDF writes it: integers without a point, otherwise at most four
+// decimals with trailing zeros cut.
+std::string Num(double v) {
+    if (!std::isfinite(v)) throw std::runtime_error("PdfBuilder: coordinate is not a finite number");
+    char buf[64];
+    if (v == std::floor(v) && std::fabs(v) < 1e15) {
+        std::snprintf(buf, sizeof buf, "%.0f", v == 0 ? 0.0 : v);
+        return buf;
+    }
+    std::snprintf(buf, sizeof buf, "%.4f", v);
+    std::string s = buf;
+    while (!s.empty() && s.back() == '0') s.pop_back();
+    if (!s.empty() && s.back() == '.') s.pop_back();
+    if (s == "-0") s = "0";
+    return s;
+}
+
+std::string Opt(const std::optional<double>& v) { return v ? Num(*v) : "null"; }
+
+std::string RectArray(const Rect& r) {
+    return "[" + Num(r.left) + " " + Num(r.bottom) + " " + Num(r.right) + " " + Num(r.top) + "]";
+}
+
+std::string Ref(int num) { return std::to_string(num) + " 0 R"; }
+
+// Colour operands "r g b" for 0xRRGGBB.
+std::string Rgb(uint32_t rgb) {
+    auto channel = [](uint32_t c) { return Num(std::round(c / 255.0 * 1000.0) / 1000.0); };
+    return channel((rgb >> 16) & 0xFF) + " " + channel((rgb >> 8) & 0xFF) + " " + channel(rgb & 0xFF);
+}
+
+// A literal string for already encoded bytes; anything outside printable
+// ASCII goes as an octal escape so the file stays readable.
+std::string LiteralString(const std::string& bytes) {
+    std::string out = "(";
+    for (unsigned char c : bytes) {
+        if (c == '(' || c == ')' || c == '\\') {
+            out += '\\';
+            out += static_cast<char>(c);
+        } else if (c < 0x20 || c >= 0x7F) {
+            char esc[8];
+            std::snprintf(esc, sizeof esc, "\\%03o", c);
+            out += esc;
+        } else {
+            out += static_cast<char>(c);
+        }
+    }
+    return out + ")";
+}
+
+// A name object, with #xx for bytes that may not stand in a name.
+std::string Name(const std::string& name) {
+    std::string out = "/";
+    for (unsigned char c : name) {
+        if (c < 0x21 || c > 0x7E || std::strchr("()<>[]{}/%#", c) != nullptr) {
+            char esc[4];
+            std::snprintf(esc, sizeof esc, "#%02X", c);
+            out += esc;
+        } else {
+            out += static_cast<char>(c);
+        }
+    }
+    return out;
+}
+
+// UTF-8 to the single bytes of WinAnsiEncoding (equal to Latin-1 above 0x9F).
+std::string ToLatin1(const std::string& utf8) {
+    std::string out;
+    for (size_t i = 0; i < utf8.size();) {
+        const unsigned char c = utf8[i];
+        uint32_t cp = 0;
+        if (c < 0x80) {
+            cp = c;
+            i += 1;
+        } else if ((c & 0xE0) == 0xC0 && i + 1 < utf8.size() && (utf8[i + 1] & 0xC0) == 0x80) {
+            cp = ((c & 0x1Fu) << 6) | (utf8[i + 1] & 0x3Fu);
+            i += 2;
+        } else {
+            throw std::runtime_error("PdfBuilder: text outside Latin-1: " + utf8);
+        }
+        if (cp > 0xFF || (cp >= 0x80 && cp < 0xA0)) throw std::runtime_error("PdfBuilder: text outside Latin-1: " + utf8);
+        if (cp == '\n' || cp == '\r') throw std::runtime_error("PdfBuilder: line break in a text run");
+        out += static_cast<char>(cp);
+    }
+    return out;
+}
+
+std::string Deflate(const std::string& data) {
+    uLongf size = compressBound(data.size());
+    std::string out(size, '\0');
+    if (compress2(reinterpret_cast<Bytef*>(out.data()), &size, reinterpret_cast<const Bytef*>(data.data()),
+                  data.size(), 9) != Z_OK)
+        throw std::runtime_error("PdfBuilder: deflate failed");
+    out.resize(size);
+    return out;
+}
+
+// Holds the objects by number and lays them out with their cross-reference table.
+class ObjectWriter {
+public:
+    int Reserve() {
+        objects_.emplace_back();
+        return static_cast<int>(objects_.size());
+    }
+    void Set(int num, std::string body) { objects_.at(num - 1) = std::move(body); }
+    int Add(std::string body) {
+        const int num = Reserve();
+        Set(num, std::move(body));
+        return num;
+    }
+    // entries: dictionary entries without << >> and without /Length.
+    int AddStream(const std::string& entries, const std::string& data) {
+        return Add("<< " + entries + (entries.empty() ? "" : " ") + "/Length " + std::to_string(data.size()) +
+                   " >>\nstream\n" + data + "\nendstream");
+    }
+
+    std::string Finish(int root) const {
+        std::string out = "%PDF-1.7\n%\xE2\xE3\xCF\xD3\n";
+        std::vector<size_t> offsets;
+        for (size_t i = 0; i < objects_.size(); ++i) {
+            offsets.push_back(out.size());
+            out += std::to_string(i + 1) + " 0 obj\n" + objects_[i] + "\nendobj\n";
+        }
+        const size_t xref = out.size();
+        out += "xref\n0 " + std::to_string(objects_.size() + 1) + "\n0000000000 65535 f \n";
+        for (size_t offset : offsets) {
+            char entry[24];
+            std::snprintf(entry, sizeof entry, "%010zu 00000 n \n", offset);
+            out += entry;
+        }
+        // A stable /ID from the body, so the same pages give the same bytes.
+        uint64_t h1 = 1469598103934665603ull, h2 = 7809847782465536322ull;
+        for (unsigned char c : out) {
+            h1 = (h1 ^ c) * 1099511628211ull;
+            h2 = (h2 ^ c) * 1099511628211ull + 1;
+        }
+        char id[40];
+        std::snprintf(id, sizeof id, "%016llX%016llX", static_cast<unsigned long long>(h1),
+                      static_cast<unsigned long long>(h2));
+        out += "trailer\n<< /Size " + std::to_string(objects_.size() + 1) + " /Root " + Ref(root) + " /ID [<" + id +
+               "> <" + id + ">] >>\nstartxref\n" + std::to_string(xref) + "\n%%EOF\n";
+        return out;
+    }
+
+private:
+    std::vector<std::string> objects_;
+};
+
+std::string DestArray(int pageRef, const std::string& mode, const std::optional<double>& left,
+                      const std::optional<double>& top, const std::optional<double>& zoom,
+                      const std::optional<double>& right, const std::optional<double>& bottom) {
+    const std::string page = "[" + Ref(pageRef);
+    if (mode.empty() || mode == "XYZ") return page + " /XYZ " + Opt(left) + " " + Opt(top) + " " + Opt(zoom) + "]";
+    if (mode == "Fit" || mode == "FitB") return page + " /" + mode + "]";
+    if (mode == "FitH" || mode == "FitBH") return page + " /" + mode + " " + Opt(top) + "]";
+    if (mode == "FitV" || mode == "FitBV") return page + " /" + mode + " " + Opt(left) + "]";
+    if (mode == "FitR")
+        return page + " /FitR " + Opt(left) + " " + Opt(bottom) + " " + Opt(right) + " " + Opt(top) + "]";
+    throw std::runtime_error("PdfBuilder: unknown destination mode " + mode);
+}
+
+struct ContextDeleter {
+    void operator()(fz_context* ctx) const { fz_drop_context(ctx); }
+};
+
+int EncryptMethod(EncryptionSpec::Method method) {
+    switch (method) {
+    case EncryptionSpec::Method::Rc4_40: return PDF_ENCRYPT_RC4_40;
+    case EncryptionSpec::Method::Rc4_128: return PDF_ENCRYPT_RC4_128;
+    case EncryptionSpec::Method::Aes128: return PDF_ENCRYPT_AES_128;
+    case EncryptionSpec::Method::Aes256: return PDF_ENCRYPT_AES_256;
+    }
+    return PDF_ENCRYPT_AES_128;
+}
+
+// Rewrites a plain file encrypted, with a context of its own so that any
+// thread can build files.
+std::string EncryptWithMupdf(const std::string& plain, const EncryptionSpec& spec) {
+    using namespace Orvane::PDF::Pdfium;
+    if (spec.userPassword.size() >= 128 || spec.ownerPassword.size() >= 128)
+        throw std::runtime_error("PdfBuilder: password longer than 127 bytes");
+    std::unique_ptr<fz_context, ContextDeleter> holder(fz_new_context(nullptr, nullptr, FZ_STORE_DEFAULT));
+    fz_context* ctx = holder.get();
+    if (ctx == nullptr) throw std::runtime_error("PdfBuilder: cannot create a MuPDF context");
+
+    pdf_write_options opts = pdf_default_write_options;
+    opts.do_encrypt = EncryptMethod(spec.method);
+    opts.permissions = spec.permissions;
+    std::memcpy(opts.upwd_utf8, spec.userPassword.c_str(), spec.userPassword.size() + 1);
+    std::memcpy(opts.opwd_utf8, spec.ownerPassword.c_str(), spec.ownerPassword.size() + 1);
+
+    try {
+        const unsigned char* data = reinterpret_cast<const unsigned char*>(plain.data());
+        const size_t size = plain.size();
+        StreamHandle stream(ctx, guarded(ctx, [&] { return fz_open_memory(ctx, data, size); }));
+        PdfDocumentHandle doc(ctx, guarded(ctx, [&] { return pdf_open_document_with_stream(ctx, stream.get()); }));
+        BufferHandle buffer(ctx, guarded(ctx, [&] { return fz_new_buffer(ctx, size + 4096); }));
+        OutputHandle out(ctx, guarded(ctx, [&] { return fz_new_output_with_buffer(ctx, buffer.get()); }));
+        guarded(ctx, [&] {
+            pdf_write_document(ctx, doc.get(), out.get(), &opts);
+            fz_close_output(ctx, out.get());
+        });
+        unsigned char* bytes = nullptr;
+        const size_t length = fz_buffer_storage(ctx, buffer.get(), &bytes);
+        return std::string(reinterpret_cast<const char*>(bytes), length);
+    } catch (const std::exception& e) {
+        throw std::runtime_error(std::string("PdfBuilder: encryption failed: ") + e.what());
+    }
+}
+
+}  // namespace
+
+PdfBuilder& PdfBuilder::AddPage(PageSpec page) {
+    pages_.push_back(std::move(page));
+    return *this;
+}
+
+PdfBuilder& PdfBuilder::AddNumberedPages(int count, double width, double height) {
+    for (int i = 0; i < count; ++i) {
+        PageSpec page;
+        page.width = width;
+        page.height = height;
+        page.text.push_back({72, 720, 12, "Page " + std::to_string(pages_.size() + 1)});
+        pages_.push_back(std::move(page));
+    }
+    return *this;
+}
+
+PdfBuilder& PdfBuilder::AddNamedDestination(const std::string& name, int page, double left, double top,
+                                            bool inNamesTree) {
+    named_.push_back({name, page, left, top, inNamesTree});
+    return *this;
+}
+
+PdfBuilder& PdfBuilder::InheritAttributes(bool inherit) {
+    inherit_ = inherit;
+    return *this;
+}
+
+PdfBuilder& PdfBuilder::Encrypt(EncryptionSpec encryption) {
+    encryption_ = std::move(encryption);
+    return *this;
+}
+
+std::string PdfBuilder::Build() const {
+    ObjectWriter w;
+    const int catalog = w.Reserve();
+    const int pagesRoot = w.Reserve();
+    const int font = w.Add("<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica /Encoding /WinAnsiEncoding >>");
+
+    std::vector<int> pageRefs;
+    for (size_t i = 0; i < pages_.size(); ++i) pageRefs.push_back(w.Reserve());
+    auto pageRef = [&](int index) {
+        if (index < 0 || index >= static_cast<int>(pageRefs.size()))
+            throw std::runtime_error("PdfBuilder: destination to missing page " + std::to_string(index));
+        return pageRefs[index];
+    };
+
+    // Image XObjects are named by their position in the whole file, so the
+    // inherited resources can hold all of them at once.
+    std::string allImages;
+    int imageCount = 0;
+    for (size_t p = 0; p < pages_.size(); ++p) {
+        const PageSpec& page = pages_[p];
+        std::string content = "0 g\n";
+        std::string images;
+        for (const FilledRect& r : page.rects) {
+            content += "q " + Rgb(r.rgb) + " rg " + Num(r.rect.left) + " " + Num(r.rect.bottom) + " " +
+                       Num(r.rect.right - r.rect.left) + " " + Num(r.rect.top - r.rect.bottom) + " re f Q\n";
+        }
+        for (const ImageSpec& im : page.images) {
+            if (im.pixelWidth <= 0 || im.pixelHeight <= 0) throw std::runtime_error("PdfBuilder: empty image");
+            const size_t pixels = static_cast<size_t>(im.pixelWidth) * im.pixelHeight;
+            std::string samples;
+            samples.reserve(pixels * 3);
+            for (size_t i = 0; i < pixels; ++i) {
+                samples += static_cast<char>((im.rgb >> 16) & 0xFF);
+                samples += static_cast<char>((im.rgb >> 8) & 0xFF);
+                samples += static_cast<char>(im.rgb & 0xFF);
+            }
+            const std::string size = "/Width " + std::to_string(im.pixelWidth) + " /Height " +
+                                     std::to_string(im.pixelHeight) + " /BitsPerComponent 8 /Filter /FlateDecode";
+            std::string smask;
+            if (im.alpha) {
+                const char a = static_cast<char>(std::clamp(*im.alpha, 0, 255));
+                const int mask = w.AddStream("/Type /XObject /Subtype /Image /ColorSpace /DeviceGray " + size,
+                                             Deflate(std::string(pixels, a)));
+                smask = " /SMask " + Ref(mask);
+            }
+            const int xobject =
+                w.AddStream("/Type /XObject /Subtype /Image /ColorSpace /DeviceRGB " + size + smask, Deflate(samples));
+            const std::string name = "/Im" + std::to_string(imageCount++);
+            images += " " + name + " " + Ref(xobject);
+            content += "q " + Num(im.rect.right - im.rect.left) + " 0 0 " + Num(im.rect.top - im.rect.bottom) + " " +
+                       Num(im.rect.left) + " " + Num(im.rect.bottom) + " cm " + name + " Do Q\n";
+        }
+        allImages += images;
+        for (const TextRun& t : page.text) {
+            content += "BT /F1 " + Num(t.fontSize) + " Tf " + Num(t.x) + " " + Num(t.y) + " Td " +
+                       LiteralString(ToLatin1(t.text)) + " Tj ET\n";
+        }
+        if (!page.extraContent.empty()) content += page.extraContent + "\n";
+        const int contents = w.AddStream("", content);
+
+        std::vector<int> annots;
+        for (const LinkSpec& link : page.links) {
+            std::string dict = "<< /Type /Annot /Subtype /Link /Rect " + RectArray(link.rect) +
+                               " /Border [0 0 0] /P " + Ref(pageRefs[p]);
+            if (!link.uri.empty())
+                dict += " /A << /S /URI /URI " + LiteralString(link.uri) + " >>";
+            else if (!link.namedDestination.empty())
+                dict += " /Dest " + LiteralString(link.namedDestination);
+            else if (link.targetPage >= 0)
+                dict += " /Dest " + DestArray(pageRef(link.targetPage), link.fitMode, link.left, link.top, link.zoom,
+                                              link.right, link.bottom);
+            annots.push_back(w.Add(dict + " >>"));
+        }
+        for (const AnnotationSpec& a : page.annotations) {
+            std::string dict = "<< /Type /Annot /Subtype " + Name(a.subtype) + " /Rect " + RectArray(a.rect) +
+                               " /F " + std::to_string(a.flags) + " /P " + Ref(pageRefs[p]);
+            if (a.fillRgb) {
+                // The form's box is the annotation's rect, so it maps onto it unscaled.
+                const int form = w.AddStream(
+                    "/Type /XObject /Subtype /Form /BBox " + RectArray(a.rect),
+                    Rgb(*a.fillRgb) + " rg " + Num(a.rect.left) + " " + Num(a.rect.bottom) + " " +
+                        Num(a.rect.right - a.rect.left) + " " + Num(a.rect.top - a.rect.bottom) + " re f");
+                dict += " /AP << /N " + Ref(form) + " >>";
+            }
+            annots.push_back(w.Add(dict + " >>"));
+        }
+
+        const PageSpec& first = pages_.front();
+        std::string dict = "<< /Type /Page /Parent " + Ref(pagesRoot);
+        if (!inherit_ || page.width != first.width || page.height != first.height)
+            dict += " /MediaBox [0 0 " + Num(page.width) + " " + Num(page.height) + "]";
+        if (page.cropBox) dict += " /CropBox " + RectArray(*page.cropBox);
+        if (inherit_ ? page.rotate != first.rotate : page.rotate != 0) dict += " /Rotate " + std::to_string(page.rotate);
+        if (!inherit_) {
+            dict += " /Resources << /Font << /F1 " + Ref(font) + " >>";
+            if (!images.empty()) dict += " /XObject <<" + images + " >>";
+            dict += " >>";
+        }
+        dict += " /Contents " + Ref(contents);
+        if (!annots.empty()) {
+            dict += " /Annots [";
+            for (size_t i = 0; i < annots.size(); ++i) dict += (i ? " " : "") + Ref(annots[i]);
+            dict += "]";
+        }
+        w.Set(pageRefs[p], dict + " >>");
+    }
+
+    std::string root = "<< /Type /Pages /Count " + std::to_string(pages_.size()) + " /Kids [";
+    for (size_t i = 0; i < pageRefs.size(); ++i) root += (i ? " " : "") + Ref(pageRefs[i]);
+    root += "]";
+    if (inherit_ && !pages_.empty()) {
+        root += " /MediaBox [0 0 " + Num(pages_.front().width) + " " + Num(pages_.front().height) + "]";
+        if (pages_.front().rotate != 0) root += " /Rotate " + std::to_string(pages_.front().rotate);
+        root += " /Resources << /Font << /F1 " + Ref(font) + " >>";
+        if (!allImages.empty()) root += " /XObject <<" + allImages + " >>";
+        root += " >>";
+    }
+    w.Set(pagesRoot, root + " >>");
+
+    std::string cat = "<< /Type /Catalog /Pages " + Ref(pagesRoot);
+    std::vector<NamedDestination> tree, dests;
+    for (const NamedDestination& d : named_) (d.inNamesTree ? tree : dests).push_back(d);
+    if (!tree.empty()) {
+        // A name tree's keys are kept in byte order.
+        std::stable_sort(tree.begin(), tree.end(), [](const auto& a, const auto& b) { return a.name < b.name; });
+        std::string names = "<< /Names [";
+        for (const NamedDestination& d : tree)
+            names += " " + LiteralString(d.name) + " " +
+                     DestArray(pageRef(d.page), "XYZ", d.left, d.top, std::nullopt, std::nullopt, std::nullopt);
+        cat += " /Names << /Dests " + Ref(w.Add(names + " ] >>")) + " >>";
+    }
+    if (!dests.empty()) {
+        std::string dict = "<<";
+        for (const NamedDestination& d : dests)
+            dict += " " + Name(d.name) + " " +
+                    DestArray(pageRef(d.page), "XYZ", d.left, d.top, std::nullopt, std::nullopt, std::nullopt);
+        cat += " /Dests " + Ref(w.Add(dict + " >>"));
+    }
+    w.Set(catalog, cat + " >>");
+
+    std::string bytes = w.Finish(catalog);
+    if (encryption_) bytes = EncryptWithMupdf(bytes, *encryption_);
+    return bytes;
+}
+
+void PdfBuilder::Save(const std::filesystem::path& path) const { WriteFile(path, Build()); }
+
+void WriteFile(const std::filesystem::path& path, const std::string& bytes) {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    out.close();
+    if (!out) throw std::runtime_error("cannot write " + path.string());
+}
+
+std::string ReadFile(const std::filesystem::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) throw std::runtime_error("cannot read " + path.string());
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+TempDir::TempDir() {
+    std::string pattern = (std::filesystem::temp_directory_path() / "quirelle-test-XXXXXX").string();
+    if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("cannot create a temporary directory");
+    path_ = pattern;
+}
+
+TempDir::~TempDir() {
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+}
+
+std::filesystem::path SamplesDir() { return QUIRELLE_SAMPLES_DIR; }
+
+}  // namespace QuirelleTest

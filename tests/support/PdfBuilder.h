@@ -53,6 +53,8 @@ struct LinkSpec {
     std::optional<double> zoom;     // /XYZ zoom; 0 or null keeps the zoom
     std::string fitMode;            // instead of XYZ: "Fit", "FitH", "FitR"... (values from left/top)
     std::string namedDestination;   // named destination when not empty
+    std::optional<double> right;    // /FitR right
+    std::optional<double> bottom;   // /FitR bottom
 };
 
 // Any other annotation, by PDF subtype name ("Text", "Square", "Widget"...).
@@ -95,7 +97,9 @@ public:
     PdfBuilder& AddNamedDestination(const std::string& name, int page, double left, double top,
                                      bool inNamesTree = true);
     // Puts /MediaBox, /Rotate and /Resources of every page on the page tree's
-    // root instead of on the pages (attributes the pages inherit).
+    // root instead of on the pages (attributes the pages inherit). The root
+    // takes the first page's size and rotation; a page that differs from it
+    // keeps its own /MediaBox or /Rotate.
     PdfBuilder& InheritAttributes(bool inherit = true);
     PdfBuilder& Encrypt(EncryptionSpec encryption);
 
