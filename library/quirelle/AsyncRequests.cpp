@@ -1,1 +1,95 @@
-#include "Quirelle"
+// Fire-and-forget page requests. Page-information requests wait in a list,
+// oldest first, a repeated request moving to the back. Image requests wait in
+// two sets keyed on the page index alone (the default view, every other view),
+// so a set holds one request per page and serves the smallest page first.
+// Answers go to the observers on the worker, never under queueMutex.
+
+#include "Log.h"
+#include "QuirelleImpl.h"
+
+namespace Orvane::PDF {
+
+void Quirelle::Impl::AddPageInfoRequest(const PageInfoRequest& request) {
+    {
+        std::lock_guard<std::mutex> lock(queueMutex);
+        RemovePendingPageInfo(request);
+        pageInfoRequests.push_back(request);
+    }
+    queueCondition.notify_all();
+}
+
+void Quirelle::Impl::AddPageImageRequest(const PageImageTask& request) {
+    {
+        std::lock_guard<std::mutex> lock(queueMutex);
+        RemovePendingPageImage(request);
+        // Dropped when the page index is already pending in this set, for
+        // another document or another non-default view.
+        PendingSetFor(request.viewType).insert(request);
+    }
+    queueCondition.notify_all();
+}
+
+void Quirelle::Impl::CancelRequests(const int64_t& id, unsigned page, ViewType viewType) {
+    std::lock_guard<std::mutex> lock(queueMutex);
+    RemovePendingPageImage({id, page, viewType, 0, 0});
+    RemovePendingPageInfo({id, page, viewType});
+}
+
+void Quirelle::Impl::RemovePendingPageInfo(const PageInfoRequest& key) {
+    pageInfoRequests.remove_if([&key](const PageInfoRequest& request) {
+        return request.id == key.id && request.page == key.page && request.viewType == key.viewType;
+    });
+}
+
+void Quirelle::Impl::RemovePendingPageImage(const PageImageTask& key) {
+    PendingImages& pending = PendingSetFor(key.viewType);
+    auto found = pending.find(key);
+    if (found != pending.end() && found->id == key.id && found->viewType == key.viewType) pending.erase(found);
+}
+
+void Quirelle::Impl::ServePageInfoRequest() {
+    PageInfoRequest request;
+    {
+        std::lock_guard<std::mutex> lock(queueMutex);
+        if (pageInfoRequests.empty()) return;
+        request = pageInfoRequests.front();
+        pageInfoRequests.pop_front();
+    }
+    try {
+        if (!FindDocument(request.id)) throw std::invalid_argument("Invalid doc handle");
+        const PageInfo info = PageInfoOf(request.id, request.page);
+        observers.Notify(&IPageInfoObserver::OnPageInfo, request.id, request.page, info.size, info.rotation,
+                         info.rect);
+    } catch (...) {
+        // The failure marker: size 1 x 1, rotation 0, an all-zero rect. An
+        // observer throwing now only loses this notification.
+        try {
+            observers.Notify(&IPageInfoObserver::OnPageInfo, request.id, request.page, Size{1.0, 1.0},
+                             IPage::Rotate0, Rect{0.0, 0.0, 0.0, 0.0});
+        } catch (const std::exception& e) {
+            QUIRELLE_LOG(ERROR) << "An observer failed on page information: " << e.what();
+        } catch (...) {
+            QUIRELLE_LOG(ERROR) << "An observer failed on page information";
+        }
+    }
+}
+
+void Quirelle::Impl::ServePendingImage(PendingImages& pending) {
+    PageImageTask request;
+    {
+        std::lock_guard<std::mutex> lock(queueMutex);
+        if (pending.empty()) return;
+        request = *pending.begin();
+        pending.erase(pending.begin());
+    }
+    const QImage image = RenderPageImage(FindDocument(request.id), request);
+    try {
+        observers.Notify(&IPageInfoObserver::OnPageImage, request.id, request.page, request.viewType, image);
+    } catch (const std::exception& e) {
+        QUIRELLE_LOG(ERROR) << "An observer failed on a page image: " << e.what();
+    } catch (...) {
+        QUIRELLE_LOG(ERROR) << "An observer failed on a page image";
+    }
+}
+
+}  // namespace Orvane::PDF

@@ -1,1 +1,39 @@
-#include "Quirelle"
+// Image files as documents: every frame Qt can read becomes one page, one
+// pixel to one point, in frame order.
+
+#include <stdexcept>
+
+#include <QImageReader>
+#include <QList>
+#include <QString>
+
+#include "QuirelleImpl.h"
+#include "engine/Engine.h"
+#include "engine/PdfDocument.h"
+
+namespace Orvane::PDF {
+
+std::shared_ptr<IDocument> Quirelle::Impl::CreateImageDocument(const Orvane::ioPath& path) {
+    QImageReader reader(QString::fromUtf8(path.utf8string().c_str()), QByteArray());
+    QList<QImage> frames;
+    const int count = reader.imageCount();
+    for (int i = 0; i < count; ++i) {
+        QImage frame = Util::ConvertToConvinientFormat(reader.read());
+        if (frame.format() == QImage::Format_ARGB32_Premultiplied) {
+            frames.append(frame.convertToFormat(QImage::Format_ARGB32));
+        } else if (frame.format() != QImage::Format_Invalid) {
+            frames.append(frame);
+        }
+        reader.jumpToNextImage();
+    }
+    if (frames.isEmpty()) throw std::runtime_error("Invalid image format for file: " + path.utf8string());
+
+    auto document = std::make_shared<Pdfium::PdfDocument>(fontProvider);
+    for (int i = 0; i < frames.size(); ++i) {
+        std::shared_ptr<IBitmap> bitmap = Util::CreateBitmapFromQImage(frames[i]);
+        document->CreatePageFromImage(static_cast<unsigned>(i), bitmap, frames[i].width(), frames[i].height());
+    }
+    return document;
+}
+
+}  // namespace Orvane::PDF

@@ -1,1 +1,183 @@
+// The exported facade: every operation forwards to Quirelle::Impl. Queued
+// operations wrap their work in a lambda that runs on the worker.
+
 #include "Quirelle"
+
+#include "QuirelleImpl.h"
+
+namespace Orvane::PDF {
+
+using Impl = Quirelle::Impl;
+
+Quirelle::Quirelle(const std::shared_ptr<IFontProviderFactory>& fontProviderFactory)
+    : impl(std::make_unique<Impl>(fontProviderFactory)) {}
+
+Quirelle::~Quirelle() = default;
+
+void Quirelle::RegisterEventHandler(IPageInfoObserver* observer) {
+    static_cast<Core::EventPublisher<IPageInfoObserver>&>(impl->observers).RegisterEventHandler(observer);
+}
+
+void Quirelle::UnregisterEventHandler(IPageInfoObserver* observer) {
+    static_cast<Core::EventPublisher<IPageInfoObserver>&>(impl->observers).UnregisterEventHandler(observer);
+}
+
+std::future<IPDFProvider::OpenDocInfo> Quirelle::CreateDocument() { return OpenDocument(Orvane::ioPath(), ""); }
+
+std::future<IPDFProvider::OpenDocInfo> Quirelle::OpenDocument(const Orvane::ioPath& path, const std::string& password) {
+    return impl->Enqueue(impl->openQueue, Impl::OpenDocumentTask{-1, path, password},
+                         [i = impl.get()](const Impl::OpenDocumentTask& task) { return i->OpenDocument(task); });
+}
+
+void Quirelle::SetCallbackOnFormChange(const int64& id, const std::function<void()>& callback) {
+    impl->WithOpenDocument(id, [&](IDocument& document) { document.SetFormOnChangeHandler(callback); });
+}
+
+int Quirelle::GetPageCount(const int64& id) {
+    return impl->WithOpenDocument(id, [](IDocument& document) { return static_cast<int>(document.GetPageCount()); });
+}
+
+void Quirelle::GetPageInfoAsync(const int64& id, unsigned page, IPageInfoObserver::ViewType viewType) {
+    impl->AddPageInfoRequest({id, page, viewType});
+}
+
+std::future<IPDFProvider::PageInfo> Quirelle::GetPageInfo(const int64& id, unsigned page) {
+    return impl->Enqueue(impl->pageInfoQueue, Impl::PageTask{id, page},
+                         [i = impl.get()](const Impl::PageTask& task) { return i->PageInfoOf(task.id, task.page); });
+}
+
+void Quirelle::GeneratePageImageAsync(const int64& id, unsigned page, int width, int height,
+                                      IPageInfoObserver::ViewType viewType) {
+    impl->AddPageImageRequest({id, page, viewType, width, height});
+}
+
+void Quirelle::CancelAsyncTasks(const int64& id, unsigned page, IPageInfoObserver::ViewType viewType) {
+    impl->CancelRequests(id, page, viewType);
+}
+
+std::future<QImage> Quirelle::GeneratePageImage(const int64& id, unsigned page, int width, int height,
+                                                IPageInfoObserver::ViewType viewType) {
+    return impl->Enqueue(impl->pageImageQueue, Impl::PageImageTask{id, page, viewType, width, height},
+                         [i = impl.get()](const Impl::PageImageTask& task) {
+                             return Impl::RenderPageImage(i->FindDocument(task.id), task);
+                         });
+}
+
+std::future<QImage> Quirelle::GeneratePageImage(const int64& id, unsigned page, int width, int height) {
+    // Through the virtual table, so that an override of the long form serves both.
+    IPDFProvider& provider = *this;
+    return provider.GeneratePageImage(id, page, width, height, IPageInfoObserver::DefaultView);
+}
+
+std::future<Rect> Quirelle::GetPageObjectBounds(const int64& id, unsigned page, int x, int y, int kind) {
+    return impl->Enqueue(impl->objectBoundsQueue, Impl::PagePositionTask{id, page, x, y, kind},
+                         [i = impl.get()](const Impl::PagePositionTask& task) { return i->GetPageObjectBounds(task); });
+}
+
+std::future<std::shared_ptr<ITextObject>> Quirelle::GetPageTextObject(const int64& id, unsigned page) {
+    return impl->Enqueue(impl->textObjectQueue, Impl::PageTask{id, page},
+                         [i = impl.get()](const Impl::PageTask& task) { return i->GetPageTextObject(task); });
+}
+
+std::future<void> Quirelle::RotatePage(const int64& id, unsigned page, PageRotation rotation) {
+    return impl->Enqueue(impl->rotationQueue, Impl::RotationPageTask{id, page, rotation},
+                         [i = impl.get()](const Impl::RotationPageTask& task) { i->RotatePage(task); });
+}
+
+void Quirelle::ExecuteWithDocument(const int64& id, std::packaged_task<void(std::shared_ptr<IDocument>&)>&& task) {
+    impl->EnqueueCallerWork(id, std::move(task));
+}
+
+std::future<void> Quirelle::MovePages(const int64& id, const std::vector<unsigned>& pages, unsigned destination) {
+    return impl->Enqueue(impl->moveQueue, Impl::MovePagesTask{id, destination, pages},
+                         [i = impl.get()](const Impl::MovePagesTask& task) { i->MovePages(task); });
+}
+
+std::future<void> Quirelle::ImportPages(const int64& sourceId, const int64& targetId,
+                                        const std::vector<unsigned>& pages, int position) {
+    return impl->Enqueue(impl->importQueue, Impl::ImportPageTask{sourceId, targetId, position, pages},
+                         [i = impl.get()](const Impl::ImportPageTask& task) { i->ImportPages(task); });
+}
+
+std::future<void> Quirelle::ImportAllPages(const int64& sourceId, const int64& targetId, int position) {
+    return impl->Enqueue(impl->importQueue, Impl::ImportPageTask{sourceId, targetId, position, {}},
+                         [i = impl.get()](const Impl::ImportPageTask& task) { i->ImportAllPages(task); });
+}
+
+std::future<bool> Quirelle::SaveDocument(const int64& id) { return SaveDocumentAs(id, Orvane::ioPath()); }
+
+std::future<bool> Quirelle::SaveDocumentAs(const int64& id, const Orvane::ioPath& path) {
+    return impl->Enqueue(impl->saveQueue, Impl::SaveDocumentTask{id, path},
+                         [i = impl.get()](const Impl::SaveDocumentTask& task) { return i->SaveDocument(task); });
+}
+
+std::future<bool> Quirelle::ExportPagesTo(const int64& id, const std::vector<unsigned>& pages,
+                                          const Orvane::ioPath& path) {
+    return impl->Enqueue(impl->exportQueue, Impl::ExportTask{id, pages, path},
+                         [i = impl.get()](const Impl::ExportTask& task) { return i->ExportPages(task); });
+}
+
+std::future<bool> Quirelle::IsInsideLinkArea(const int64& id, unsigned page, int x, int y) {
+    return impl->Enqueue(impl->linkAreaQueue, Impl::PagePositionTask{id, page, x, y, 0},
+                         [i = impl.get()](const Impl::PagePositionTask& task) { return i->IsInsideLinkArea(task); });
+}
+
+std::future<void> Quirelle::DeletePages(const int64& id, const std::vector<unsigned>& pages) {
+    return impl->Enqueue(impl->deleteQueue, Impl::DeletePagesTask{id, pages},
+                         [i = impl.get()](const Impl::DeletePagesTask& task) { i->DeletePages(task); });
+}
+
+std::future<void> Quirelle::AddBlankPage(const int64& id, unsigned index, int width, int height) {
+    return impl->Enqueue(impl->blankPageQueue, int64_t{id},
+                         [i = impl.get(), index, width, height](const int64_t& doc) {
+                             i->AddBlankPage(doc, index, width, height);
+                         });
+}
+
+Orvane::ioPath Quirelle::GetDocumentPath(const int64& id) {
+    return impl->WithOpenDocument(id, [](IDocument& document) { return document.GetDocumentPath(); });
+}
+
+bool Quirelle::IsProtected(const int64& id) {
+    return impl->WithOpenDocument(id, [](IDocument& document) { return document.IsProtected(); });
+}
+
+bool Quirelle::IsEditContentProtected(const int64& id) {
+    return impl->WithOpenDocument(id, [](IDocument& document) { return document.IsEditContentProtected(); });
+}
+
+bool Quirelle::IsEditPagesProtected(const int64& id) {
+    return impl->WithOpenDocument(id, [](IDocument& document) { return document.IsEditPagesProtected(); });
+}
+
+bool Quirelle::IsExtractingPagesProtected(const int64& id) {
+    return impl->WithOpenDocument(id, [](IDocument& document) { return document.IsExtractingPagesProtected(); });
+}
+
+bool Quirelle::IsCopyTextAndGraphicsProtected(const int64& id) {
+    return impl->WithOpenDocument(id, [](IDocument& document) { return document.IsCopyTextAndGraphicsProtected(); });
+}
+
+bool Quirelle::IsPrintProtected(const int64& id) {
+    return impl->WithOpenDocument(id, [](IDocument& document) { return document.IsPrintProtected(); });
+}
+
+bool Quirelle::IsPrintLowResolution(const int64& id) {
+    return impl->WithOpenDocument(id, [](IDocument& document) { return document.IsPrintLowResolution(); });
+}
+
+std::future<IPDFProvider::DestinationLinkInfo> Quirelle::HandleLink(const int64& id, unsigned page, int x, int y) {
+    return impl->Enqueue(impl->linkQueue, Impl::PagePositionTask{id, page, x, y, 0},
+                         [i = impl.get()](const Impl::PagePositionTask& task) { return i->HandleLink(task); });
+}
+
+int64 Quirelle::SearchInDocument(const int64& id, unsigned startPage, const std::wstring& text,
+                                 const SearchCallback& callback) {
+    return impl->AddSearch(id, startPage, text, callback);
+}
+
+void Quirelle::StopSearch(const int64& searchId) { impl->StopSearch(searchId); }
+
+std::future<void> Quirelle::CloseDoument(const int64& id) { return impl->EnqueueClose(id); }
+
+}  // namespace Orvane::PDF

@@ -1,1 +1,140 @@
-#include "Quirelle"
+// The worker thread: its start, its passes over the queues and its shutdown.
+//
+// One pass serves every queue once, in the fixed order of ServePass, taking at
+// most one task from each: every kind of work advances by one task a pass and
+// none can starve another. The worker sleeps only when every queue and both
+// pending-image sets are empty; stop requests alone never start a pass.
+
+#include <system_error>
+
+#include "Log.h"
+#include "QuirelleImpl.h"
+#include "engine/Context.h"
+#include "orvane/pdf/SystemFontProviderFactory.h"
+
+namespace Orvane::PDF {
+
+Quirelle::Impl::Impl(const std::shared_ptr<IFontProviderFactory>& factory)
+    : fontProviderFactory(factory ? factory : std::make_shared<SystemFontProviderFactory>()) {
+    thread = std::thread([this] { WorkerLoop(); });
+}
+
+Quirelle::Impl::~Impl() {
+    {
+        // Set under the lock so the worker cannot miss it between its test
+        // for work and its wait.
+        std::lock_guard<std::mutex> lock(queueMutex);
+        stop.exchange(true);
+    }
+    queueCondition.notify_all();
+    thread.join();
+    // What is still queued is destroyed unrun with the members: its futures
+    // report broken promise, pending asynchronous requests go unanswered.
+}
+
+void Quirelle::Impl::WorkerLoop() {
+    StartEngine();
+    while (!stop.load()) {
+        if (WaitForWork()) ServePass();
+    }
+    ShutDown();
+}
+
+void Quirelle::Impl::StartEngine() {
+    try {
+        fontProvider = fontProviderFactory->CreateFontProvider();
+        Pdfium::PdfiumInitializer::Instance().InitLibrary();
+    } catch (const std::exception& e) {
+        // Tasks still run and report the engine's absence through their own answers.
+        QUIRELLE_LOG(ERROR) << "Orvane::PDF::Quirelle::Impl::WorkerLoop: cannot start the PDF engine: " << e.what();
+    }
+}
+
+// True when there is work to serve; otherwise waits for a wake-up and answers false.
+bool Quirelle::Impl::WaitForWork() {
+    std::unique_lock<std::mutex> lock(queueMutex);
+    if (HasWork()) return true;
+    if (!stop.load()) queueCondition.wait(lock);
+    return false;
+}
+
+bool Quirelle::Impl::HasWork() const {
+    return !openQueue.empty() || !pageInfoRequests.empty() || !pageInfoQueue.empty() || !pendingImages[0].empty() ||
+           !pendingImages[1].empty() || !pageImageQueue.empty() || !objectBoundsQueue.empty() ||
+           !textObjectQueue.empty() || !rotationQueue.empty() || !callerWorkQueue.empty() || !importQueue.empty() ||
+           !saveQueue.empty() || !exportQueue.empty() || !moveQueue.empty() || !deleteQueue.empty() ||
+           !blankPageQueue.empty() || !linkAreaQueue.empty() || !linkQueue.empty() || !searches.empty() ||
+           !closeQueue.empty();
+}
+
+// The order of service. Opening comes first, so a document is open before
+// any request made after the open is served; closing comes last, after
+// everything already queued for the document in this pass.
+void Quirelle::Impl::ServePass() {
+    ServeOne(openQueue);                  //  1 open / create
+    ServePageInfoRequest();               //  2 asynchronous page information
+    ServeOne(pageInfoQueue);              //  3 page information
+    ServePendingImage(pendingImages[0]);  //  4 asynchronous images, default view
+    ServePendingImage(pendingImages[1]);  //    asynchronous images, other views
+    ServeOne(pageImageQueue);             //  5 page images
+    ServeOne(objectBoundsQueue);          //  6 object bounds
+    ServeOne(textObjectQueue);            //  7 text objects
+    ServeOne(rotationQueue);              //  8 rotation
+    ServeCallerWork();                    //  9 caller's work
+    ServeOne(importQueue);                // 10 import
+    ServeOne(saveQueue);                  // 11 save, save as
+    ServeOne(exportQueue);                // 12 export
+    ServeOne(moveQueue);                  // 13 move
+    ServeOne(deleteQueue);                // 14 delete
+    ServeOne(blankPageQueue);             // 15 blank page
+    ServeOne(linkAreaQueue);              // 16 link area
+    ServeOne(linkQueue);                  // 17 link
+    ServeSearchStep();                    // 18 one page of one search
+    PurgeStoppedSearches();               // 19 stopped searches
+    ServeOne(closeQueue);                 // 20 close
+}
+
+void Quirelle::Impl::ServeCallerWork() {
+    std::unique_lock<std::mutex> lock(queueMutex);
+    if (callerWorkQueue.empty()) return;
+    CallerWork item = std::move(callerWorkQueue.front());
+    callerWorkQueue.pop_front();
+    lock.unlock();
+    std::shared_ptr<IDocument> document = FindDocument(item.id);
+    item.work(document);
+}
+
+void Quirelle::Impl::ShutDown() {
+    decltype(documents) released;
+    {
+        std::lock_guard<std::mutex> lock(queueMutex);
+        released.swap(documents);
+    }
+    released.clear();  // every document goes on the thread that made it
+    Pdfium::PdfiumInitializer::Instance().Uninitialize();
+    fontProvider.reset();
+}
+
+void Quirelle::Impl::EnqueueCallerWork(const int64_t& id,
+                                       std::packaged_task<void(std::shared_ptr<IDocument>&)>&& work) {
+    {
+        std::lock_guard<std::mutex> lock(queueMutex);
+        callerWorkQueue.push_back({id, std::move(work)});
+    }
+    queueCondition.notify_all();
+}
+
+std::shared_ptr<IDocument> Quirelle::Impl::FindDocument(int64_t id) const {
+    // Worker only: the worker is the registry's only writer.
+    auto found = documents.find(id);
+    return found == documents.end() ? nullptr : found->second;
+}
+
+int64_t Quirelle::Impl::RegisterDocument(std::shared_ptr<IDocument> document) {
+    std::lock_guard<std::mutex> lock(queueMutex);
+    const int64_t id = nextDocumentId++;
+    documents[id] = std::move(document);
+    return id;
+}
+
+}  // namespace Orvane::PDF
