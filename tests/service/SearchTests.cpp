@@ -1,0 +1,166 @@
+// Text search through the service: page order with wrap-around, one page a
+// pass, stopping, closing, and results that point at the page text.
+
+#include <atomic>
+
+#include "tests/service/ServiceTest.h"
+
+namespace QuirelleTest {
+namespace {
+
+// Collects one search's callbacks.
+class Hits {
+public:
+    IPDFProvider::SearchCallback Callback() {
+        return [this](unsigned page, const std::vector<SearchResultInfo>& results,
+                      const std::shared_ptr<ITextObject>& text) {
+            std::lock_guard<std::mutex> lock(mutex_);
+            pages_.push_back(page);
+            results_.push_back(results);
+            texts_.push_back(text);
+            if (onPage) onPage(page);
+            changed_.notify_all();
+        };
+    }
+    std::vector<unsigned> WaitForPages(size_t n) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        if (!changed_.wait_for(lock, kTimeout, [&] { return pages_.size() >= n; })) ADD_FAILURE() << "too few pages";
+        return pages_;
+    }
+    std::vector<unsigned> Pages() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return pages_;
+    }
+    std::vector<std::vector<SearchResultInfo>> results_;
+    std::vector<std::shared_ptr<ITextObject>> texts_;
+    std::function<void(unsigned)> onPage;  // under the collector's lock
+
+private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::vector<unsigned> pages_;
+};
+
+using Search = ServiceTest;
+
+// Waits until every step queued so far has run: a search over a one-page
+// document started now reports after them (searches take turns).
+void Drain(IPDFProvider& service, int64_t onePageDoc, int rounds = 1) {
+    for (int i = 0; i < rounds; ++i) {
+        Hits marker;
+        service.SearchInDocument(onePageDoc, 0, L"x", marker.Callback());
+        marker.WaitForPages(1);
+    }
+}
+
+TEST_F(Search, VisitsEveryPageOnceFromTheStartPageWrappingAround) {
+    const int64_t doc = OpenNumbered(5);
+    const int64_t marker = OpenNumbered(1);
+    Hits hits;
+    const int64_t first = service->SearchInDocument(doc, 3, L"page", hits.Callback());
+    EXPECT_EQ(hits.WaitForPages(5), (std::vector<unsigned>{3, 4, 0, 1, 2}));
+    Drain(*service, marker, 2);
+    EXPECT_EQ(hits.Pages().size(), 5u);
+    // Every page says "Page N": one case-insensitive hit each, pointing at it.
+    for (size_t i = 0; i < 5; ++i) {
+        ASSERT_EQ(hits.results_[i].size(), 1u);
+        const SearchResultInfo& hit = hits.results_[i][0];
+        EXPECT_EQ(hits.texts_[i]->GetText().substr(hit.charIndex, hit.charCount), L"Page");
+    }
+    // Search ids count up across documents; a start page past the end wraps.
+    Hits wrapped;
+    EXPECT_EQ(service->SearchInDocument(marker, 7, L"page", wrapped.Callback()), first + 3);
+    EXPECT_EQ(wrapped.WaitForPages(1), (std::vector<unsigned>{0}));
+}
+
+TEST_F(Search, EmptyDocumentsEmptyCallbacksAndUnknownIdsSearchNothing) {
+    const int64_t empty = Await(service->CreateDocument()).id;
+    const int64_t marker = OpenNumbered(1);
+    Hits hits;
+    service->SearchInDocument(empty, 0, L"page", hits.Callback());
+    service->SearchInDocument(marker, 0, L"page", nullptr);
+    service->SearchInDocument(4242, 0, L"page", hits.Callback());
+    Drain(*service, marker, 2);
+    EXPECT_TRUE(hits.Pages().empty());
+}
+
+TEST_F(Search, TwoSearchesTakeTurnsPageByPage) {
+    const int64_t doc = OpenNumbered(3);
+    std::vector<std::string> order;
+    std::mutex mutex;
+    Hits a, b;
+    a.onPage = [&](unsigned page) { std::lock_guard<std::mutex> l(mutex); order.push_back("a" + std::to_string(page)); };
+    b.onPage = [&](unsigned page) { std::lock_guard<std::mutex> l(mutex); order.push_back("b" + std::to_string(page)); };
+    const int64_t clockDoc = OpenNumbered(1);
+    {
+        // Hold the worker so both searches are queued before either steps.
+        PassClock clock(*service, clockDoc);
+        service->SearchInDocument(doc, 0, L"page", a.Callback());
+        service->SearchInDocument(doc, 1, L"page", b.Callback());
+        clock.Release();
+        a.WaitForPages(3);
+        b.WaitForPages(3);
+    }
+    EXPECT_EQ(order, (std::vector<std::string>{"a0", "b1", "a1", "b2", "a2", "b0"}));
+}
+
+TEST_F(Search, StoppingBeforeTheFirstStepOrFromTheCallback) {
+    const int64_t doc = OpenNumbered(6);
+    const int64_t marker = OpenNumbered(1);
+    Hits never;
+    const int64_t id = service->SearchInDocument(doc, 0, L"page", never.Callback());
+    service->StopSearch(id);
+
+    Hits once;
+    int64_t selfId = -1;
+    std::atomic<bool> idKnown{false};
+    once.onPage = [&](unsigned) {
+        while (!idKnown) std::this_thread::yield();
+        service->StopSearch(selfId);
+    };
+    selfId = service->SearchInDocument(doc, 2, L"page", once.Callback());
+    idKnown = true;
+    once.WaitForPages(1);
+    Drain(*service, marker, 3);
+    EXPECT_TRUE(never.Pages().empty());
+    EXPECT_EQ(once.Pages(), (std::vector<unsigned>{2}));
+    service->StopSearch(987654);  // never existed: no effect
+}
+
+TEST_F(Search, ClosingTheDocumentEndsItsSearch) {
+    const int64_t doc = OpenNumbered(20);
+    const int64_t marker = OpenNumbered(1);
+    Hits hits;
+    std::promise<void> firstPage;
+    hits.onPage = [&](unsigned page) {
+        if (page == 0) firstPage.set_value();
+    };
+    service->SearchInDocument(doc, 0, L"page", hits.Callback());
+    firstPage.get_future().wait();
+    Await(service->CloseDoument(doc));
+    const size_t seen = hits.Pages().size();
+    Drain(*service, marker, 3);
+    EXPECT_EQ(hits.Pages().size(), seen);
+    EXPECT_LT(seen, 20u);
+}
+
+TEST_F(Search, PageImagesKeepArrivingBetweenTheStepsOfALongSearch) {
+    const int64_t doc = OpenNumbered(60);
+    Hits hits;
+    std::promise<void> started;
+    std::atomic<int> imagesWhileSearching{0};
+    hits.onPage = [&](unsigned page) {
+        if (page == 0) started.set_value();
+    };
+    service->SearchInDocument(doc, 0, L"page", hits.Callback());
+    started.get_future().wait();
+    for (int i = 0; i < 5; ++i) {
+        Await(service->GeneratePageImage(doc, 0, 30, 30));
+        if (hits.Pages().size() < 60) ++imagesWhileSearching;
+    }
+    hits.WaitForPages(60);
+    EXPECT_EQ(imagesWhileSearching.load(), 5);
+}
+
+}  // namespace
+}  // namespace QuirelleTest

@@ -1,0 +1,127 @@
+#pragma once
+
+// Support for tests of the service: a fixture owning a Quirelle, files built
+// in code, a clock that holds the worker and counts its passes, and an
+// observer that records what it hears.
+
+#include <array>
+#include <chrono>
+#include <condition_variable>
+#include <filesystem>
+#include <functional>
+#include <future>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include <Quirelle>
+
+#include "tests/support/PdfBuilder.h"
+
+namespace QuirelleTest {
+
+using namespace Orvane::PDF;
+constexpr auto kTimeout = std::chrono::seconds(60);
+
+// The future's value; fails the test (and throws) if it does not come in time.
+template <class T>
+T Await(std::future<T>&& future) {
+    if (future.wait_for(kTimeout) != std::future_status::ready) {
+        ADD_FAILURE() << "timed out waiting for the worker";
+        throw std::runtime_error("timeout");
+    }
+    return future.get();
+}
+
+template <class T>
+bool IsReady(const std::future<T>& future) {
+    return future.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
+}
+
+class ServiceTest : public ::testing::Test {
+protected:
+    int64_t Open(const std::filesystem::path& path, const std::string& password = "") {
+        const IPDFProvider::OpenDocInfo info = Await(service->OpenDocument(path.string(), password));
+        EXPECT_NE(info.id, -1) << path;
+        return info.id;
+    }
+    // A file of count pages, each with "Page N" at (72, 720).
+    std::filesystem::path NumberedPdf(int count, const std::string& name = "numbered.pdf") {
+        const auto path = temp.File(name);
+        PdfBuilder().AddNumberedPages(count).Save(path);
+        return path;
+    }
+    int64_t OpenNumbered(int count) { return Open(NumberedPdf(count, "numbered" + std::to_string(count) + ".pdf")); }
+
+    TempDir temp;
+    std::unique_ptr<Quirelle> service = std::make_unique<Quirelle>(nullptr);
+};
+
+// Holds the worker inside the callback of a search over a document with many
+// pages. After Release() the search advances one page per worker pass, so each
+// later callback marks the end of the work of one pass (the search step comes
+// after every other kind of work but closing); onPass(n) runs on the worker
+// in pass n (1, 2, ...).
+class PassClock {
+public:
+    PassClock(IPDFProvider& service, int64_t doc, std::function<void(int)> onPass = nullptr);
+    ~PassClock();
+    void Release();
+    // Waits until pass n has reached its search step.
+    void WaitForPass(int n);
+    void Stop();
+    // Forget the service (after it was destroyed): the destructor then leaves it alone.
+    void Detach() { detached_ = true; }
+
+private:
+    IPDFProvider& service_;
+    std::function<void(int)> onPass_;
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    bool held_ = false;
+    bool released_ = false;
+    int passes_ = 0;
+    int64_t searchId_ = -1;
+    bool detached_ = false;
+};
+
+// Records the answers to asynchronous requests.
+class RecordingObserver : public IPageInfoObserver {
+public:
+    struct Info {
+        int64_t doc;
+        unsigned page;
+        Size size;
+        IPage::Rotation rotation;
+        Rect rect;
+    };
+    struct Image {
+        int64_t doc;
+        unsigned page;
+        ViewType viewType;
+        QImage image;
+    };
+
+    void OnPageInfo(int64_t doc, unsigned page, const Size& size, const IPage::Rotation& rotation,
+                    const Rect& rect) override;
+    void OnPageImage(int64_t doc, unsigned page, ViewType viewType, const QImage& image) override;
+
+    // Waits until at least n answers of the kind have come.
+    std::vector<Info> WaitForInfos(size_t n);
+    std::vector<Image> WaitForImages(size_t n);
+    std::vector<Info> Infos();
+    std::vector<Image> Images();
+
+    std::function<void()> onAnswer;  // runs on the worker after each answer is recorded
+
+private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::vector<Info> infos_;
+    std::vector<Image> images_;
+};
+
+}  // namespace QuirelleTest
