@@ -131,6 +131,7 @@ TEST_F(AsyncRequests, AnObserverThatThrowsGetsTheFailureNotificationOnce) {
 TEST_F(AsyncRequests, ClosingADocumentDropsItsPendingRequests) {
     {
         PassClock clock(*service, clockDoc);
+        clock.OccupyCloseStep();
         service->GeneratePageImageAsync(doc, 1, 10, 10, IPageInfoObserver::DefaultView);
         service->GeneratePageImageAsync(doc, 2, 10, 10, IPageInfoObserver::DefaultView);
         service->GetPageInfoAsync(doc, 1, IPageInfoObserver::DefaultView);

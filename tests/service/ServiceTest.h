@@ -25,6 +25,7 @@ namespace QuirelleTest {
 
 using namespace Orvane::PDF;
 constexpr auto kTimeout = std::chrono::seconds(60);
+constexpr int64_t kNotOpen = 1'000'000;  // a document id no test opens
 
 // The future's value; fails the test (and throws) if it does not come in time.
 template <class T>
@@ -65,11 +66,17 @@ protected:
 // later callback marks the end of the work of one pass (the search step comes
 // after every other kind of work but closing); onPass(n) runs on the worker
 // in pass n (1, 2, ...).
+//
+// Work queued while the worker is held is served from pass 1 on, except a
+// close: the held pass still has its close step ahead. OccupyCloseStep()
+// queues the close of an id that is not open, which takes that step, so that
+// closes queued after it wait for pass 1 like everything else.
 class PassClock {
 public:
     PassClock(IPDFProvider& service, int64_t doc, std::function<void(int)> onPass = nullptr);
     ~PassClock();
     void Release();
+    void OccupyCloseStep() { service_.CloseDoument(kNotOpen); }
     // Waits until pass n has reached its search step.
     void WaitForPass(int n);
     void Stop();
