@@ -36,6 +36,5 @@ sanitized() {
 
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
-export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
 sanitized asan address,undefined "core_tests engine_tests service_tests"
 sanitized tsan thread "core_tests service_tests"

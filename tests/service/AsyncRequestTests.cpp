@@ -15,7 +15,8 @@ protected:
         doc = OpenNumbered(10);
         service->RegisterEventHandler(&observer);
     }
-    void TearDown() override { service->UnregisterEventHandler(&observer); }
+    // The worker may still be answering requests: stop it before the observer goes.
+    void TearDown() override { service.reset(); }
 
     int64_t clockDoc = -1;
     int64_t doc = -1;
@@ -151,31 +152,30 @@ TEST_F(AsyncRequests, ObserversMayRegisterUnregisterAndRequestFromCallbacks) {
     // service and the observer list from several threads at once.
     RecordingObserver extra;
     std::atomic<int> answers{0};
-    observer.onAnswer = [&] {
+    Quirelle* const provider = service.get();
+    observer.onAnswer = [&, provider] {
         const int n = ++answers;
         if (n % 2 == 0) {
-            service->RegisterEventHandler(&extra);
+            provider->RegisterEventHandler(&extra);
         } else {
-            service->UnregisterEventHandler(&extra);
+            provider->UnregisterEventHandler(&extra);
         }
         if (n < 40) {
-            service->GeneratePageImageAsync(doc, n % 10, 8, 8, IPageInfoObserver::DefaultView);
-            service->GetPageInfoAsync(doc, n % 10, IPageInfoObserver::ThumbnailView);
+            provider->GeneratePageImageAsync(doc, n % 10, 8, 8, IPageInfoObserver::DefaultView);
+            provider->GetPageInfoAsync(doc, n % 10, IPageInfoObserver::ThumbnailView);
         }
     };
     std::thread caller([&] {
         for (unsigned i = 0; i < 20; ++i) {
-            service->GetPageInfoAsync(doc, i % 10, IPageInfoObserver::DefaultView);
-            service->CancelAsyncTasks(doc, (i + 5) % 10, IPageInfoObserver::DefaultView);
+            provider->GetPageInfoAsync(doc, i % 10, IPageInfoObserver::DefaultView);
+            provider->CancelAsyncTasks(doc, (i + 5) % 10, IPageInfoObserver::DefaultView);
         }
     });
-    service->GeneratePageImageAsync(doc, 0, 8, 8, IPageInfoObserver::DefaultView);
+    provider->GeneratePageImageAsync(doc, 0, 8, 8, IPageInfoObserver::DefaultView);
     caller.join();
     observer.WaitForImages(5);
-    Await(service->GetPageInfo(doc, 0));  // ends once the worker got this far
-    service->UnregisterEventHandler(&extra);
-    observer.onAnswer = nullptr;
-    Await(service->GetPageInfo(doc, 0));
+    // Stop the worker while the observers and the callback's captures live.
+    service.reset();
     EXPECT_GE(answers.load(), 5);
 }
 

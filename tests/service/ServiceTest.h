@@ -74,23 +74,30 @@ protected:
 class PassClock {
 public:
     PassClock(IPDFProvider& service, int64_t doc, std::function<void(int)> onPass = nullptr);
+    // Stops the clock and waits for a callback in flight: a search's callback
+    // may still arrive after StopSearch returns.
     ~PassClock();
     void Release();
     void OccupyCloseStep() { service_.CloseDoument(kNotOpen); }
     // Waits until pass n has reached its search step.
     void WaitForPass(int n);
-    void Stop();
     // Forget the service (after it was destroyed): the destructor then leaves it alone.
     void Detach() { detached_ = true; }
 
 private:
+    // Shared with the search's callback, which may outlive this object.
+    struct State {
+        std::mutex mutex;
+        std::condition_variable changed;
+        std::function<void(int)> onPass;
+        bool held = false;
+        bool released = false;
+        bool finished = false;  // no more onPass calls
+        bool busy = false;      // an onPass call is running
+        int passes = 0;
+    };
     IPDFProvider& service_;
-    std::function<void(int)> onPass_;
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    bool held_ = false;
-    bool released_ = false;
-    int passes_ = 0;
+    std::shared_ptr<State> state_ = std::make_shared<State>();
     int64_t searchId_ = -1;
     bool detached_ = false;
 };
@@ -122,7 +129,7 @@ public:
     std::vector<Info> Infos();
     std::vector<Image> Images();
 
-    std::function<void()> onAnswer;  // runs on the worker after each answer is recorded
+    std::function<void()> onAnswer;  // runs on the worker before each answer is recorded
 
 private:
     std::mutex mutex_;
