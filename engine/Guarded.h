@@ -24,6 +24,10 @@ enum class Failure {
 // exhaustion is always an engine failure.
 [[noreturn]] void throwCaught(fz_context* ctx, Failure kind = Failure::Engine);
 
+// result is read only when no longjmp happened, so it cannot be clobbered;
+// GCC cannot see that and warns for every instantiation.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wclobbered"
 template <class Body>
 auto guarded(fz_context* ctx, Body&& body, Failure kind = Failure::Engine) {
     using Result = decltype(body());
@@ -32,16 +36,12 @@ auto guarded(fz_context* ctx, Body&& body, Failure kind = Failure::Engine) {
         fz_catch(ctx) { throwCaught(ctx, kind); }
     } else {
         static_assert(std::is_trivially_copyable_v<Result>, "guarded bodies return plain C values");
-        // result is read only when no longjmp happened, so it cannot be
-        // clobbered; GCC cannot see that.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wclobbered"
         Result result{};
         fz_try(ctx) { result = body(); }
         fz_catch(ctx) { throwCaught(ctx, kind); }
         return result;
-#pragma GCC diagnostic pop
     }
 }
+#pragma GCC diagnostic pop
 
 }  // namespace Orvane::PDF::Pdfium

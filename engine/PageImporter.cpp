@@ -1,2 +1,415 @@
-// Implemented in progress.
+// Copies pages between documents (or within one).
+//
+// Across documents every value a page refers to is deep-copied through one
+// graft map per call, so what several pages share (fonts, images, a common
+// resource dictionary) arrives once. Within one document the copy is a new
+// page dictionary that shares the original's indirect objects.
+//
+// A copied page gets its inherited attributes written into it, and copies of
+// its annotations. What an annotation refers to outside itself is adjusted:
+// /P names the new page, a popup is copied with its parent, a link to a page
+// copied in the same call points at the copy. Across documents a link whose
+// page stays behind is dropped (it would lead nowhere), and so is any
+// annotation that would drag the source's page tree along. Form widgets keep
+// their appearance, value and field attributes, but they are not made fields
+// of the target's form.
+
+#include <algorithm>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <glog/logging.h>
+
+#include "engine/DocumentCore.h"
 #include "engine/Engine.h"
+#include "engine/Guarded.h"
+#include "engine/Handles.h"
+#include "engine/PdfDocument.h"
+#include "orvane/Exception.h"
+
+namespace Orvane::PDF::Pdfium {
+namespace {
+
+// ---- plain C helpers (they run inside guarded()) ----
+
+// A source value for the target: grafted across documents; within one
+// document indirect objects are shared and direct ones copied, so that no
+// direct object has two parents.
+pdf_obj* transfer(fz_context* ctx, pdf_graft_map* map, pdf_obj* value) {
+    if (map != NULL) return pdf_graft_mapped_object(ctx, map, value);
+    if (pdf_is_indirect(ctx, value)) return pdf_keep_obj(ctx, value);
+    return pdf_deep_copy_obj(ctx, value);
+}
+
+// Fills the new page dictionary from the source page: the inheritable
+// attributes as the page sees them, and its own drawing-related entries.
+void fillPage(fz_context* ctx, pdf_graft_map* map, pdf_obj* source, pdf_obj* page) {
+    pdf_obj* const inherited[] = {PDF_NAME(Resources), PDF_NAME(MediaBox), PDF_NAME(CropBox), PDF_NAME(Rotate)};
+    pdf_obj* const own[] = {PDF_NAME(Contents), PDF_NAME(BleedBox), PDF_NAME(TrimBox), PDF_NAME(ArtBox),
+                            PDF_NAME(UserUnit), PDF_NAME(Group),   PDF_NAME(Dur),     PDF_NAME(Trans)};
+    pdf_dict_put(ctx, page, PDF_NAME(Type), PDF_NAME(Page));
+    for (size_t i = 0; i < sizeof inherited / sizeof *inherited; ++i) {
+        pdf_obj* value = pdf_dict_get_inheritable(ctx, source, inherited[i]);
+        if (value != NULL) pdf_dict_put_drop(ctx, page, inherited[i], transfer(ctx, map, value));
+    }
+    for (size_t i = 0; i < sizeof own / sizeof *own; ++i) {
+        pdf_obj* value = pdf_dict_get(ctx, source, own[i]);
+        if (value != NULL) pdf_dict_put_drop(ctx, page, own[i], transfer(ctx, map, value));
+    }
+}
+
+// Keys an annotation copy never takes over as they are: its page, its place
+// in a field or reply hierarchy, its popup and its place in the structure
+// tree are the source's; destinations are mapped apart.
+int isAdjustedKey(fz_context* ctx, pdf_obj* key) {
+    pdf_obj* const adjusted[] = {PDF_NAME(P),   PDF_NAME(Parent), PDF_NAME(Popup), PDF_NAME(IRT),
+                                 PDF_NAME(StructParent), PDF_NAME(Dest), PDF_NAME(A)};
+    for (size_t i = 0; i < sizeof adjusted / sizeof *adjusted; ++i) {
+        if (pdf_name_eq(ctx, key, adjusted[i])) return 1;
+    }
+    return 0;
+}
+
+// Copies every entry of from into to, except the keys isAdjustedKey() names
+// (all of them when skipAdjusted) or only /Parent and /P (otherwise).
+void copyEntries(fz_context* ctx, pdf_graft_map* map, pdf_obj* from, pdf_obj* to, int skipAdjusted) {
+    const int n = pdf_dict_len(ctx, from);
+    for (int i = 0; i < n; ++i) {
+        pdf_obj* key = pdf_dict_get_key(ctx, from, i);
+        if (skipAdjusted ? isAdjustedKey(ctx, key)
+                         : (pdf_name_eq(ctx, key, PDF_NAME(Parent)) || pdf_name_eq(ctx, key, PDF_NAME(P)))) {
+            continue;
+        }
+        pdf_dict_put_drop(ctx, to, key, transfer(ctx, map, pdf_dict_get_val(ctx, from, i)));
+    }
+}
+
+// A widget's field attributes that it inherits from its field's hierarchy.
+void copyFieldAttributes(fz_context* ctx, pdf_graft_map* map, pdf_obj* widget, pdf_obj* to) {
+    pdf_obj* const keys[] = {PDF_NAME(FT), PDF_NAME(Ff), PDF_NAME(V),   PDF_NAME(DV),
+                             PDF_NAME(DA), PDF_NAME(Q),  PDF_NAME(Opt), PDF_NAME(MaxLen)};
+    for (size_t i = 0; i < sizeof keys / sizeof *keys; ++i) {
+        if (pdf_dict_get(ctx, to, keys[i]) != NULL) continue;
+        pdf_obj* value = pdf_dict_get_inheritable(ctx, widget, keys[i]);
+        if (value != NULL) pdf_dict_put_drop(ctx, to, keys[i], transfer(ctx, map, value));
+    }
+}
+
+// Whether an object made in the target since the xref had `from` entries is
+// a page or a page-tree node: then something grafted led into the source's
+// page tree.
+int madePageTreeNodes(fz_context* ctx, pdf_document* doc, int from) {
+    const int to = pdf_xref_len(ctx, doc);
+    for (int num = from; num < to; ++num) {
+        pdf_obj* obj = pdf_load_object(ctx, doc, num);
+        pdf_obj* type = pdf_dict_get(ctx, obj, PDF_NAME(Type));
+        const int node = pdf_name_eq(ctx, type, PDF_NAME(Page)) || pdf_name_eq(ctx, type, PDF_NAME(Pages));
+        pdf_drop_obj(ctx, obj);
+        if (node) return 1;
+    }
+    return 0;
+}
+
+// ---- one import call ----
+
+struct AnnotationInfo {
+    int isDict;
+    int isPopup;
+    int isWidget;
+    int isLink;
+};
+
+class Import {
+public:
+    Import(fz_context* ctx, pdf_document* source, pdf_document* target)
+        : ctx_(ctx), source_(source), target_(target) {
+        if (source != target) map_ = PdfGraftMapHandle(ctx, guarded(ctx, [&] { return pdf_new_graft_map(ctx, target); }));
+    }
+
+    // A new page object in the target, copied from the source page (not yet
+    // in the page tree, without annotations).
+    PdfObjHandle CopyPage(pdf_obj* sourcePage) {
+        PdfObjHandle page(ctx_, guarded(ctx_, [&] { return pdf_new_dict(ctx_, target_, 12); }));
+        guarded(ctx_, [&] { fillPage(ctx_, map_.get(), sourcePage, page.get()); });
+        return PdfObjHandle(ctx_, guarded(ctx_, [&] { return pdf_add_object(ctx_, target_, page.get()); }));
+    }
+
+    // Records that the source page object num now has a copy at ref (the
+    // first copy wins for pages listed twice).
+    void MapPage(pdf_obj* sourcePage, pdf_obj* ref) {
+        const int num = guarded(ctx_, [&] { return pdf_to_num(ctx_, sourcePage); });
+        const auto place = std::lower_bound(pages_.begin(), pages_.end(), std::make_pair(num, (pdf_obj*)nullptr),
+                                            [](const auto& a, const auto& b) { return a.first < b.first; });
+        if (place == pages_.end() || place->first != num) pages_.insert(place, {num, ref});
+    }
+
+    // Gives the new page copies of the source page's annotations. One that
+    // cannot be copied is logged and left out.
+    void CopyAnnotations(pdf_obj* sourcePage, pdf_obj* newPage, int pageNumber) {
+        const int count = guarded(ctx_, [&] {
+            return pdf_array_len(ctx_, pdf_dict_get(ctx_, sourcePage, PDF_NAME(Annots)));
+        });
+        if (count <= 0) return;
+        PdfObjHandle annots(ctx_, guarded(ctx_, [&] { return pdf_new_array(ctx_, target_, count); }));
+        for (int i = 0; i < count; ++i) {
+            try {
+                pdf_obj* annot = guarded(ctx_, [&] {
+                    return pdf_array_get(ctx_, pdf_dict_get(ctx_, sourcePage, PDF_NAME(Annots)), i);
+                });
+                for (PdfObjHandle& copy : CopyAnnotation(annot, newPage)) {
+                    guarded(ctx_, [&] { pdf_array_push(ctx_, annots.get(), copy.get()); });
+                }
+            } catch (const Orvane::Exception& e) {
+                LOG(WARNING) << "left out annotation " << i + 1 << " of imported page " << pageNumber + 1 << ": "
+                             << e.what();
+            }
+        }
+        guarded(ctx_, [&] {
+            if (pdf_array_len(ctx_, annots.get()) > 0) pdf_dict_put(ctx_, newPage, PDF_NAME(Annots), annots.get());
+        });
+    }
+
+private:
+    // The copies to add to the new page's /Annots (the annotation and its
+    // popup), or none when the annotation is left out.
+    std::vector<PdfObjHandle> CopyAnnotation(pdf_obj* annot, pdf_obj* newPage) {
+        const AnnotationInfo info = guarded(ctx_, [&] {
+            AnnotationInfo result;
+            pdf_obj* subtype = pdf_dict_get(ctx_, annot, PDF_NAME(Subtype));
+            result.isDict = pdf_is_dict(ctx_, annot);
+            result.isPopup = pdf_name_eq(ctx_, subtype, PDF_NAME(Popup));
+            result.isWidget = pdf_name_eq(ctx_, subtype, PDF_NAME(Widget));
+            result.isLink = pdf_name_eq(ctx_, subtype, PDF_NAME(Link));
+            return result;
+        });
+        // A popup comes along with the annotation it belongs to.
+        if (!info.isDict || info.isPopup) return {};
+
+        const int firstNew = guarded(ctx_, [&] { return pdf_xref_len(ctx_, target_); });
+        PdfObjHandle copy(ctx_, guarded(ctx_, [&] { return pdf_new_dict(ctx_, target_, 8); }));
+        guarded(ctx_, [&] { copyEntries(ctx_, map_.get(), annot, copy.get(), 1); });
+        if (info.isWidget) {
+            guarded(ctx_, [&] { copyFieldAttributes(ctx_, map_.get(), annot, copy.get()); });
+            CopyFieldName(annot, copy.get());
+        }
+
+        pdf_obj* dest = guarded(ctx_, [&] { return pdf_dict_get(ctx_, annot, PDF_NAME(Dest)); });
+        if (dest != nullptr) {
+            PdfObjHandle mapped = MapDestination(dest);
+            if (!mapped) {
+                VLOG(1) << "a link's page is not imported; the link is left out";
+                return {};
+            }
+            guarded(ctx_, [&] { pdf_dict_put(ctx_, copy.get(), PDF_NAME(Dest), mapped.get()); });
+        }
+        pdf_obj* action = guarded(ctx_, [&] { return pdf_dict_get(ctx_, annot, PDF_NAME(A)); });
+        if (action != nullptr && !CopyAction(action, copy.get()) && info.isLink) {
+            VLOG(1) << "a link's page is not imported; the link is left out";
+            return {};
+        }
+
+        PdfObjHandle popupCopy;
+        pdf_obj* popup = guarded(ctx_, [&] {
+            pdf_obj* p = pdf_dict_get(ctx_, annot, PDF_NAME(Popup));
+            return pdf_is_dict(ctx_, p) ? p : NULL;
+        });
+        if (popup != nullptr) {
+            popupCopy = PdfObjHandle(ctx_, guarded(ctx_, [&] { return pdf_new_dict(ctx_, target_, 6); }));
+            guarded(ctx_, [&] { copyEntries(ctx_, map_.get(), popup, popupCopy.get(), 0); });
+        }
+
+        if (map_ && guarded(ctx_, [&] { return madePageTreeNodes(ctx_, target_, firstNew); })) {
+            LOG(WARNING) << "an annotation refers to the source's pages; it is left out";
+            return {};
+        }
+
+        guarded(ctx_, [&] { pdf_dict_put(ctx_, copy.get(), PDF_NAME(P), newPage); });
+        std::vector<PdfObjHandle> result;
+        result.emplace_back(ctx_, guarded(ctx_, [&] { return pdf_add_object(ctx_, target_, copy.get()); }));
+        if (popupCopy) {
+            pdf_obj* parent = result.front().get();
+            guarded(ctx_, [&] {
+                pdf_dict_put(ctx_, popupCopy.get(), PDF_NAME(P), newPage);
+                pdf_dict_put(ctx_, popupCopy.get(), PDF_NAME(Parent), parent);
+            });
+            result.emplace_back(ctx_, guarded(ctx_, [&] { return pdf_add_object(ctx_, target_, popupCopy.get()); }));
+            pdf_obj* popupRef = result.back().get();
+            guarded(ctx_, [&] { pdf_dict_put(ctx_, parent, PDF_NAME(Popup), popupRef); });
+        }
+        return result;
+    }
+
+    // A widget without a field hierarchy keeps its field's full name.
+    void CopyFieldName(pdf_obj* widget, pdf_obj* copy) {
+        struct Free {
+            fz_context* ctx;
+            void operator()(char* text) const { fz_free(ctx, text); }
+        };
+        const std::unique_ptr<char, Free> name(guarded(ctx_, [&] { return pdf_field_name(ctx_, widget); }), Free{ctx_});
+        if (!name || *name == '\0') return;
+        guarded(ctx_, [&] { pdf_dict_put_text_string(ctx_, copy, PDF_NAME(T), name.get()); });
+    }
+
+    // Puts the annotation's action into the copy, a GoTo with its destination
+    // mapped. False when a GoTo's page is not imported (the action is left out).
+    bool CopyAction(pdf_obj* action, pdf_obj* copy) {
+        const int goTo = guarded(ctx_, [&] {
+            return pdf_name_eq(ctx_, pdf_dict_get(ctx_, action, PDF_NAME(S)), PDF_NAME(GoTo));
+        });
+        if (!goTo) {
+            guarded(ctx_, [&] { pdf_dict_put_drop(ctx_, copy, PDF_NAME(A), transfer(ctx_, map_.get(), action)); });
+            return true;
+        }
+        pdf_obj* dest = guarded(ctx_, [&] { return pdf_dict_get(ctx_, action, PDF_NAME(D)); });
+        PdfObjHandle mapped = dest != nullptr ? MapDestination(dest) : PdfObjHandle();
+        if (!mapped) return false;
+        PdfObjHandle newAction(ctx_, guarded(ctx_, [&] { return pdf_new_dict(ctx_, target_, 2); }));
+        guarded(ctx_, [&] {
+            pdf_dict_put(ctx_, newAction.get(), PDF_NAME(S), PDF_NAME(GoTo));
+            pdf_dict_put(ctx_, newAction.get(), PDF_NAME(D), mapped.get());
+            pdf_dict_put(ctx_, copy, PDF_NAME(A), newAction.get());
+        });
+        return true;
+    }
+
+    // The destination for the target: within one document the same one;
+    // across documents an explicit destination whose page is copied in this
+    // call, pointing at the copy. Named destinations are resolved in the
+    // source first (the target does not know the name). Empty when the
+    // destination cannot lead anywhere in the target.
+    PdfObjHandle MapDestination(pdf_obj* dest) {
+        if (!map_) return PdfObjHandle(ctx_, guarded(ctx_, [&] { return transfer(ctx_, nullptr, dest); }));
+        pdf_obj* explicitDest = guarded(ctx_, [&] {
+            pdf_obj* d = dest;
+            if (pdf_is_name(ctx_, d) || pdf_is_string(ctx_, d)) d = pdf_lookup_dest(ctx_, source_, d);
+            if (pdf_is_dict(ctx_, d)) d = pdf_dict_get(ctx_, d, PDF_NAME(D));
+            return pdf_is_array(ctx_, d) ? d : NULL;
+        });
+        if (explicitDest == nullptr) return {};
+        struct Target {
+            int pageNum;
+            int length;
+        };
+        const Target target = guarded(ctx_, [&] {
+            Target t;
+            pdf_obj* page = pdf_array_get(ctx_, explicitDest, 0);
+            t.pageNum = pdf_is_indirect(ctx_, page) ? pdf_to_num(ctx_, page) : 0;
+            t.length = pdf_array_len(ctx_, explicitDest);
+            return t;
+        });
+        const auto place = std::lower_bound(pages_.begin(), pages_.end(), std::make_pair(target.pageNum, (pdf_obj*)nullptr),
+                                            [](const auto& a, const auto& b) { return a.first < b.first; });
+        if (target.pageNum == 0 || place == pages_.end() || place->first != target.pageNum) return {};
+        pdf_obj* newPage = place->second;
+        PdfObjHandle mapped(ctx_, guarded(ctx_, [&] { return pdf_new_array(ctx_, target_, target.length); }));
+        guarded(ctx_, [&] {
+            pdf_array_push(ctx_, mapped.get(), newPage);
+            for (int i = 1; i < target.length; ++i) {
+                pdf_array_push_drop(ctx_, mapped.get(), transfer(ctx_, map_.get(), pdf_array_get(ctx_, explicitDest, i)));
+            }
+        });
+        return mapped;
+    }
+
+    fz_context* ctx_;
+    pdf_document* source_;
+    pdf_document* target_;
+    PdfGraftMapHandle map_;  // empty within one document
+    // Source page object number -> its copy in the target, sorted by number.
+    std::vector<std::pair<int, pdf_obj*>> pages_;
+};
+
+PdfDocument& engineDocument(const std::shared_ptr<IDocument>& document, const char* role) {
+    if (!document) throw std::invalid_argument(std::string("no ") + role + " document for the import");
+    auto* engineDoc = dynamic_cast<PdfDocument*>(document.get());
+    if (engineDoc == nullptr) throw std::invalid_argument(std::string("the ") + role + " document is not a PDF document");
+    return *engineDoc;
+}
+
+class PageImporter : public IPageImporter {
+public:
+    void ImportPages(const std::shared_ptr<IDocument>& source, const std::vector<unsigned>& pages,
+                     const std::shared_ptr<IDocument>& target, int insertIndex) override {
+        PdfDocument& from = engineDocument(source, "source");
+        PdfDocument& into = engineDocument(target, "target");
+        fz_context* ctx = into.Core()->ctx;
+        if (from.Core()->ctx != ctx) throw Orvane::Exception("the documents of an import belong to different threads");
+        pdf_document* src = from.Core()->doc;
+        pdf_document* dst = into.Core()->doc;
+
+        const int sourceCount = guarded(ctx, [&] { return pdf_count_pages(ctx, src); });
+        for (unsigned page : pages) {
+            if (page >= unsigned(std::max(sourceCount, 0))) {
+                throw std::out_of_range("no page " + std::to_string(page) + " in a source of " +
+                                        std::to_string(sourceCount) + " pages");
+            }
+        }
+        if (pages.empty()) return;
+
+        // Taken before anything is inserted: within one document the
+        // insertions move the source's pages.
+        std::vector<PdfObjHandle> sourcePages;
+        sourcePages.reserve(pages.size());
+        for (unsigned page : pages) {
+            sourcePages.emplace_back(ctx, guarded(ctx, [&] {
+                return pdf_keep_obj(ctx, pdf_lookup_page_obj(ctx, src, int(page)));
+            }));
+        }
+
+        const int targetCount = guarded(ctx, [&] { return pdf_count_pages(ctx, dst); });
+        const int at = insertIndex < 0 || insertIndex > targetCount ? targetCount : insertIndex;
+        Import import(ctx, src, dst);
+        std::vector<PdfObjHandle> newPages;
+        newPages.reserve(pages.size());
+        try {
+            for (size_t k = 0; k < sourcePages.size(); ++k) {
+                PdfObjHandle page = import.CopyPage(sourcePages[k].get());
+                const int place = at + int(k);
+                guarded(ctx, [&] { pdf_insert_page(ctx, dst, place, page.get()); });
+                newPages.push_back(std::move(page));
+                import.MapPage(sourcePages[k].get(), newPages.back().get());
+            }
+            for (size_t k = 0; k < sourcePages.size(); ++k) {
+                import.CopyAnnotations(sourcePages[k].get(), newPages[k].get(), int(pages[k]));
+            }
+        } catch (...) {
+            // Leave the target's page list as it was.
+            for (size_t k = newPages.size(); k-- > 0;) {
+                const int place = at + int(k);
+                try {
+                    guarded(ctx, [&] { pdf_delete_page(ctx, dst, place); });
+                } catch (const Orvane::Exception& e) {
+                    LOG(WARNING) << "cannot take back imported page " << place + 1 << ": " << e.what();
+                }
+            }
+            try {
+                into.RefreshPageCount();
+            } catch (const Orvane::Exception& e) {
+                LOG(WARNING) << "cannot read the page count after a failed import: " << e.what();
+            }
+            throw;
+        }
+        into.RefreshPageCount();
+    }
+
+    void ImportAllPages(const std::shared_ptr<IDocument>& source, const std::shared_ptr<IDocument>& target,
+                        int insertIndex) override {
+        PdfDocument& from = engineDocument(source, "source");
+        engineDocument(target, "target");
+        fz_context* ctx = from.Core()->ctx;
+        pdf_document* src = from.Core()->doc;
+        const int count = guarded(ctx, [&] { return pdf_count_pages(ctx, src); });
+        std::vector<unsigned> pages(size_t(std::max(count, 0)));
+        for (size_t i = 0; i < pages.size(); ++i) pages[i] = unsigned(i);
+        ImportPages(source, pages, target, insertIndex);
+    }
+};
+
+}  // namespace
+
+std::unique_ptr<IPageImporter> CreatePageImporter() { return std::make_unique<PageImporter>(); }
+
+}  // namespace Orvane::PDF::Pdfium

@@ -1,2 +1,611 @@
-// Implemented in progress.
-#include "engine/Engine.h"
+#include "engine/PdfDocument.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <stdexcept>
+#include <utility>
+#include <vector>
+
+#include <glog/logging.h>
+
+#include "engine/Context.h"
+#include "engine/DocumentCore.h"
+#include "engine/FontLoader.h"
+#include "engine/Guarded.h"
+#include "engine/Handles.h"
+#include "orvane/Exception.h"
+
+namespace Orvane::PDF::Pdfium {
+namespace {
+
+namespace fs = std::filesystem;
+
+std::string errorText(int err) { return std::strerror(err); }
+
+// The file must exist, be a regular file and be readable before MuPDF sees it:
+// MuPDF's own message for these cases says little.
+void checkReadable(const Orvane::ioPath& path) {
+    if (path.empty()) throw std::runtime_error("cannot open a document without a path");
+    const std::string name = path.utf8string();
+    std::error_code ec;
+    const fs::file_status status = fs::status(path.path(), ec);
+    if (ec || !fs::exists(status)) throw std::runtime_error("cannot open " + name + ": no such file");
+    if (!fs::is_regular_file(status)) throw std::runtime_error("cannot open " + name + ": not a regular file");
+    const int fd = ::open(path.path().c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) throw std::runtime_error("cannot open " + name + ": " + errorText(errno));
+    ::close(fd);
+}
+
+// ---- permissions ----
+
+// The /P bits (PDF numbering, bit 1 lowest) and the handler's revision, read
+// from the trailer's /Encrypt dictionary.
+struct EncryptionInfo {
+    int64_t p = 0;
+    int hasP = 0;
+    int revision = 0;
+};
+
+EncryptionInfo readEncryption(fz_context* ctx, pdf_document* doc) {
+    return guarded(ctx, [&] {
+        EncryptionInfo info;
+        pdf_obj* encrypt = pdf_dict_get(ctx, pdf_trailer(ctx, doc), PDF_NAME(Encrypt));
+        pdf_obj* p = pdf_dict_get(ctx, encrypt, PDF_NAME(P));
+        if (pdf_is_int(ctx, p)) {
+            info.p = pdf_to_int64(ctx, p);
+            info.hasP = 1;
+        } else if (pdf_is_real(ctx, p)) {
+            info.p = (int64_t)pdf_to_real(ctx, p);
+            info.hasP = 1;
+        }
+        info.revision = pdf_dict_get_int(ctx, encrypt, PDF_NAME(R));
+        if (info.revision <= 0 && doc->crypt != NULL) info.revision = pdf_crypt_revision(ctx, doc->crypt);
+        return info;
+    });
+}
+
+bool bit(uint32_t p, int pdfBit) { return (p >> (pdfBit - 1)) & 1u; }
+
+// ---- saving ----
+
+// Where MuPDF's writer puts the bytes: the temporary file, by descriptor.
+struct FileSink {
+    int fd;
+    int64_t written;
+};
+
+// Called by MuPDF inside its own error frames; plain C, reports by fz_throw.
+void sinkWrite(fz_context* ctx, void* state, const void* data, size_t n) {
+    FileSink* sink = static_cast<FileSink*>(state);
+    const char* bytes = static_cast<const char*>(data);
+    while (n > 0) {
+        const ssize_t done = ::write(sink->fd, bytes, n);
+        if (done < 0) {
+            if (errno == EINTR) continue;
+            fz_throw(ctx, FZ_ERROR_GENERIC, "cannot write the file: %s", std::strerror(errno));
+        }
+        bytes += done;
+        n -= size_t(done);
+        sink->written += done;
+    }
+}
+
+int64_t sinkTell(fz_context*, void* state) { return static_cast<FileSink*>(state)->written; }
+
+// The temporary file beside the target; removed unless committed.
+class TempFile {
+public:
+    explicit TempFile(const fs::path& target) {
+        const fs::path dir = target.has_parent_path() ? target.parent_path() : fs::path(".");
+        // Short enough for any file name the target itself may have.
+        std::string base = target.filename().string();
+        if (base.size() > 200) base.resize(200);
+        std::string pattern = (dir / ("." + base + ".XXXXXX")).string();
+        std::vector<char> name(pattern.begin(), pattern.end());
+        name.push_back('\0');
+        fd_ = ::mkstemp(name.data());
+        if (fd_ < 0) {
+            throw Orvane::Exception("cannot create a temporary file in " + dir.string() + ": " + errorText(errno));
+        }
+        path_ = name.data();
+    }
+    ~TempFile() {
+        if (fd_ >= 0) ::close(fd_);
+        if (!committed_ && ::unlink(path_.c_str()) != 0 && errno != ENOENT) {
+            LOG(WARNING) << "cannot remove the temporary file " << path_ << ": " << errorText(errno);
+        }
+    }
+    TempFile(const TempFile&) = delete;
+    TempFile& operator=(const TempFile&) = delete;
+
+    int fd() const { return fd_; }
+
+    // Flushes the data to the disk and renames the file over target.
+    void commit(const fs::path& target) {
+        if (::fsync(fd_) != 0) throw Orvane::Exception("cannot write " + path_ + ": " + errorText(errno));
+        const int closed = ::close(std::exchange(fd_, -1));
+        if (closed != 0) throw Orvane::Exception("cannot write " + path_ + ": " + errorText(errno));
+        if (::rename(path_.c_str(), target.c_str()) != 0) {
+            throw Orvane::Exception("cannot replace " + target.string() + ": " + errorText(errno));
+        }
+        committed_ = true;
+        // The rename is durable once the directory is.
+        const fs::path dir = target.has_parent_path() ? target.parent_path() : fs::path(".");
+        const int dirFd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        if (dirFd < 0 || ::fsync(dirFd) != 0) {
+            LOG(WARNING) << "cannot flush the directory " << dir.string() << ": " << errorText(errno);
+        }
+        if (dirFd >= 0) ::close(dirFd);
+    }
+
+private:
+    int fd_ = -1;
+    std::string path_;
+    bool committed_ = false;
+};
+
+// The permission bits for a new file: those of the file it replaces, else
+// what the process's umask leaves of rw-rw-rw-.
+mode_t modeFor(const fs::path& target) {
+    struct stat st;
+    if (::stat(target.c_str(), &st) == 0) return st.st_mode & 07777;
+    mode_t mask = 022;
+    std::ifstream status("/proc/self/status");
+    std::string line;
+    while (std::getline(status, line)) {
+        if (line.rfind("Umask:", 0) == 0) {
+            mask = mode_t(std::strtoul(line.c_str() + 6, nullptr, 8));
+            break;
+        }
+    }
+    return 0666 & ~mask;
+}
+
+// ---- pages ----
+
+// An annotation that neither shows nor prints, whatever the viewer does with
+// the mouse: Hidden (bit 2), or NoView (bit 6) without Print (bit 3) and
+// without ToggleNoView (bit 9).
+bool neverVisible(int flags) {
+    if (flags & 2) return true;
+    return (flags & 32) && !(flags & 4) && !(flags & 256);
+}
+
+// Drops the page's never-visible annotations (not widgets, not popups) from
+// its /Annots; returns how many went. C only: runs inside guarded().
+int dropHiddenAnnotations(fz_context* ctx, pdf_obj* page) {
+    pdf_obj* annots = pdf_dict_get(ctx, page, PDF_NAME(Annots));
+    int removed = 0;
+    for (int i = pdf_array_len(ctx, annots) - 1; i >= 0; --i) {
+        pdf_obj* annot = pdf_array_get(ctx, annots, i);
+        if (!pdf_is_dict(ctx, annot)) continue;
+        pdf_obj* subtype = pdf_dict_get(ctx, annot, PDF_NAME(Subtype));
+        if (pdf_name_eq(ctx, subtype, PDF_NAME(Widget)) || pdf_name_eq(ctx, subtype, PDF_NAME(Popup))) continue;
+        if (neverVisible(pdf_dict_get_int(ctx, annot, PDF_NAME(F)))) {
+            pdf_array_delete(ctx, annots, i);
+            ++removed;
+        }
+    }
+    return removed;
+}
+
+// Copies the bitmap's pixels into new pixmaps: colour (RGB or gray) and,
+// for a bitmap with alpha that is not fully opaque, the alpha as gray.
+struct ImagePixmaps {
+    PixmapHandle colour;
+    PixmapHandle alpha;
+};
+
+ImagePixmaps pixmapsFromBitmap(fz_context* ctx, const IBitmap& bitmap) {
+    const Size size = bitmap.GetSize();
+    const IBitmap::DibFormat format = bitmap.GetFormat();
+    const unsigned char* pixels = bitmap.GetBuffer();
+    const int stride = bitmap.GetStride();
+    if (!(size.width >= 1 && size.height >= 1 && size.width < 1e9 && size.height < 1e9) || pixels == nullptr) {
+        throw std::invalid_argument("the bitmap is empty");
+    }
+    const int width = int(size.width);
+    const int height = int(size.height);
+    int bytesPerPixel = 0;
+    switch (format) {
+    case IBitmap::Gray: bytesPerPixel = 1; break;
+    case IBitmap::Bgr: bytesPerPixel = 3; break;
+    case IBitmap::Bgrx:
+    case IBitmap::Bgra: bytesPerPixel = 4; break;
+    default: throw std::invalid_argument("unknown bitmap format " + std::to_string(int(format)));
+    }
+    if (stride < 0 || int64_t(stride) < int64_t(width) * bytesPerPixel) {
+        throw std::invalid_argument("the bitmap's stride is too small for its width");
+    }
+
+    ImagePixmaps result;
+    const bool gray = format == IBitmap::Gray;
+    result.colour = PixmapHandle(ctx, guarded(ctx, [&] {
+        return fz_new_pixmap(ctx, gray ? fz_device_gray(ctx) : fz_device_rgb(ctx), width, height, NULL, 0);
+    }));
+    fz_pixmap* colour = result.colour.get();
+    for (int y = 0; y < height; ++y) {
+        const unsigned char* src = pixels + size_t(y) * size_t(stride);
+        unsigned char* dst = colour->samples + size_t(y) * size_t(colour->stride);
+        if (gray) {
+            std::memcpy(dst, src, size_t(width));
+            continue;
+        }
+        for (int x = 0; x < width; ++x, src += bytesPerPixel, dst += 3) {
+            dst[0] = src[2];
+            dst[1] = src[1];
+            dst[2] = src[0];
+        }
+    }
+
+    if (format != IBitmap::Bgra) return result;
+    bool opaque = true;
+    for (int y = 0; y < height && opaque; ++y) {
+        const unsigned char* src = pixels + size_t(y) * size_t(stride) + 3;
+        for (int x = 0; x < width; ++x, src += 4) {
+            if (*src != 255) {
+                opaque = false;
+                break;
+            }
+        }
+    }
+    if (opaque) return result;
+    result.alpha = PixmapHandle(
+        ctx, guarded(ctx, [&] { return fz_new_pixmap(ctx, fz_device_gray(ctx), width, height, NULL, 0); }));
+    fz_pixmap* alpha = result.alpha.get();
+    for (int y = 0; y < height; ++y) {
+        const unsigned char* src = pixels + size_t(y) * size_t(stride) + 3;
+        unsigned char* dst = alpha->samples + size_t(y) * size_t(alpha->stride);
+        for (int x = 0; x < width; ++x, src += 4) dst[x] = *src;
+    }
+    return result;
+}
+
+void checkPageSize(double width, double height) {
+    if (!(std::isfinite(width) && std::isfinite(height) && width > 0 && height > 0)) {
+        throw std::invalid_argument("a page needs a width and a height above zero");
+    }
+}
+
+// Where an insertion at index lands: before that page, or at the end.
+int insertionPoint(unsigned index, int count) { return index <= unsigned(count) ? int(index) : count; }
+
+}  // namespace
+
+// ---- construction ----
+
+PdfDocument::PdfDocument(const std::shared_ptr<IFontProvider>& fonts) : fonts_(fonts) {
+    fz_context* ctx = CurrentContext();
+    Adopt(ctx, guarded(ctx, [&] { return pdf_create_document(ctx); }));
+    RefreshPageCount();
+}
+
+PdfDocument::PdfDocument(const std::shared_ptr<IFontProvider>& fonts, const Orvane::ioPath& path,
+                         const std::string& password)
+    : fonts_(fonts) {
+    fz_context* ctx = CurrentContext();
+    checkReadable(path);
+    const std::string file = path.utf8string();
+    ScopedFontProvider fontScope(fonts.get());
+    Adopt(ctx, guarded(ctx, [&] { return pdf_open_document(ctx, file.c_str()); }, Failure::File));
+    pdf_document* doc = core_->doc;
+
+    bool ownerAccess = false;
+    const int needsPassword = guarded(ctx, [&] { return pdf_needs_password(ctx, doc); }, Failure::File);
+    if (doc->crypt != nullptr) {
+        // Always authenticate with the given password: MuPDF has already
+        // accepted an empty user password on its own, and only this call
+        // tells whether the owner password was given.
+        int access = guarded(ctx, [&] { return pdf_authenticate_password(ctx, doc, password.c_str()); }, Failure::File);
+        if (access == 0) {
+            if (needsPassword) throw std::logic_error("PASSWORD_ERROR");
+            // A failed attempt leaves a wrong key behind: restore the one of
+            // the empty user password the file opens with.
+            VLOG(1) << "the password does not open " << file << "; opened with its empty user password";
+            access = guarded(ctx, [&] { return pdf_authenticate_password(ctx, doc, ""); }, Failure::File);
+            if (access == 0) throw std::logic_error("PASSWORD_ERROR");
+        }
+        ownerAccess = (access & 4) != 0;
+    }
+
+    const int count = guarded(ctx, [&] { return pdf_count_pages(ctx, doc); }, Failure::File);
+    const int objects = guarded(ctx, [&] { return pdf_xref_len(ctx, doc); }, Failure::File);
+    if (count < 0 || count > objects) {
+        throw std::runtime_error("cannot open " + file + ": its page tree claims " + std::to_string(count) +
+                                 " pages in a file of " + std::to_string(objects) + " objects");
+    }
+
+    const Permissions permissions = ReadPermissions(ownerAccess);
+    std::lock_guard<std::mutex> lock(metaMutex_);
+    path_ = path;
+    pageCount_ = unsigned(count);
+    permissions_ = permissions;
+}
+
+PdfDocument::~PdfDocument() {
+    // Pages may keep the core alive; they must not call back into a
+    // document that is gone.
+    if (core_) core_->onPagesChanged = nullptr;
+}
+
+void PdfDocument::Adopt(fz_context* ctx, pdf_document* doc) {
+    PdfDocumentHandle owned(ctx, doc);
+    auto core = std::make_shared<DocumentCore>(ctx, doc);
+    owned.release();
+    core->fonts = fonts_;
+    core->onPagesChanged = [this] { RefreshPageCount(); };
+    core_ = std::move(core);
+}
+
+PdfDocument::Permissions PdfDocument::ReadPermissions(bool ownerAccess) const {
+    Permissions result;
+    if (core_->doc->crypt == nullptr) return result;
+    result.isProtected = true;
+    if (ownerAccess) return result;
+
+    const EncryptionInfo info = readEncryption(core_->ctx, core_->doc);
+    // Without /P the file states no restriction (MuPDF reads it the same way).
+    const uint32_t p = info.hasP ? uint32_t(uint64_t(info.p) & 0xFFFFFFFFu) : 0xFFFFFFFCu;
+    const bool revision2 = info.revision == 2;
+    result.print = !bit(p, 3);
+    result.editContent = !bit(p, 4);
+    result.copyContent = !bit(p, 5);
+    result.editPages = revision2 ? !bit(p, 4) : !bit(p, 11);
+    result.extractPages = !bit(p, 5) || !bit(p, 11);
+    result.printLowResolution = !revision2 && bit(p, 3) && !bit(p, 12);
+    return result;
+}
+
+// ---- whole-document operations ----
+
+void PdfDocument::FixupDocument() const {
+    fz_context* ctx = core_->ctx;
+    pdf_document* doc = core_->doc;
+    const int count = guarded(ctx, [&] { return pdf_count_pages(ctx, doc); });
+    for (int i = 0; i < count; ++i) {
+        try {
+            guarded(ctx, [&] { pdf_flatten_inheritable_page_items(ctx, pdf_lookup_page_obj(ctx, doc, i)); });
+        } catch (const Orvane::Exception& e) {
+            LOG(WARNING) << "cannot complete the attributes of page " << i + 1 << ": " << e.what();
+        }
+    }
+}
+
+void PdfDocument::Save(const Orvane::ioPath& path, unsigned long) const { SaveAs(path, 0); }
+
+void PdfDocument::SaveWithVersion(const Orvane::ioPath& path, int version, unsigned long) const {
+    if (version < 10 || version > 20) {
+        throw std::invalid_argument("no PDF version " + std::to_string(version / 10) + "." +
+                                    std::to_string(version % 10));
+    }
+    SaveAs(path, version);
+}
+
+void PdfDocument::SaveAs(const Orvane::ioPath& path, int version) const {
+    if (path.empty()) throw Orvane::Exception("cannot save a document to an empty path");
+    fs::path target = path.path();
+    std::error_code ec;
+    if (fs::is_symlink(target, ec)) {
+        const fs::path resolved = fs::canonical(target, ec);
+        if (!ec) target = resolved;
+    }
+    if (target.filename().empty()) throw Orvane::Exception("cannot save to " + path.utf8string() + ": not a file name");
+
+    fz_context* ctx = core_->ctx;
+    pdf_document* doc = core_->doc;
+    ScopedFontProvider fontScope(core_->fonts.get());
+
+    TempFile temp(target);
+    if (::fchmod(temp.fd(), modeFor(target)) != 0) {
+        LOG(WARNING) << "cannot set the permissions of the new " << target.string() << ": " << errorText(errno);
+    }
+
+    pdf_write_options options = pdf_default_write_options;
+    // Garbage collection 1 leaves out what nothing refers to (deleted pages,
+    // replaced resources) without renumbering: the higher levels renumber the
+    // open document's objects in place, under the pages that hold them.
+    options.do_garbage = 1;
+    options.do_compress = 1;
+    options.do_compress_images = 1;
+    options.do_compress_fonts = 1;
+    options.do_encrypt = PDF_ENCRYPT_KEEP;
+
+    FileSink sink{temp.fd(), 0};
+    OutputHandle out(ctx, guarded(ctx, [&] {
+        return fz_new_output(ctx, 64 * 1024, &sink, sinkWrite, NULL, NULL);
+    }));
+    out.get()->tell = sinkTell;
+
+    const int ownVersion = doc->version;
+    if (version != 0) doc->version = version;
+    try {
+        guarded(ctx, [&] {
+            pdf_write_document(ctx, doc, out.get(), &options);
+            fz_close_output(ctx, out.get());
+        });
+    } catch (...) {
+        doc->version = ownVersion;
+        throw;
+    }
+    doc->version = ownVersion;
+    out.reset();
+    temp.commit(target);
+}
+
+// ---- metadata ----
+
+void PdfDocument::SetDocumentPath(const Orvane::ioPath& path) {
+    std::lock_guard<std::mutex> lock(metaMutex_);
+    path_ = path;
+}
+
+Orvane::ioPath PdfDocument::GetDocumentPath() const {
+    std::lock_guard<std::mutex> lock(metaMutex_);
+    return path_;
+}
+
+unsigned PdfDocument::GetPageCount() const {
+    std::lock_guard<std::mutex> lock(metaMutex_);
+    return pageCount_;
+}
+
+bool PdfDocument::IsProtected() const {
+    std::lock_guard<std::mutex> lock(metaMutex_);
+    return permissions_.isProtected;
+}
+
+bool PdfDocument::IsEditContentProtected() const {
+    std::lock_guard<std::mutex> lock(metaMutex_);
+    return permissions_.editContent;
+}
+
+bool PdfDocument::IsEditPagesProtected() const {
+    std::lock_guard<std::mutex> lock(metaMutex_);
+    return permissions_.editPages;
+}
+
+bool PdfDocument::IsExtractingPagesProtected() const {
+    std::lock_guard<std::mutex> lock(metaMutex_);
+    return permissions_.extractPages;
+}
+
+bool PdfDocument::IsCopyTextAndGraphicsProtected() const {
+    std::lock_guard<std::mutex> lock(metaMutex_);
+    return permissions_.copyContent;
+}
+
+bool PdfDocument::IsPrintProtected() const {
+    std::lock_guard<std::mutex> lock(metaMutex_);
+    return permissions_.print;
+}
+
+bool PdfDocument::IsPrintLowResolution() const {
+    std::lock_guard<std::mutex> lock(metaMutex_);
+    return permissions_.printLowResolution;
+}
+
+void PdfDocument::SetFormOnChangeHandler(std::function<void()> handler) {
+    std::lock_guard<std::mutex> lock(metaMutex_);
+    formChangeHandler_ = std::move(handler);
+}
+
+void PdfDocument::RefreshPageCount() {
+    fz_context* ctx = core_->ctx;
+    pdf_document* doc = core_->doc;
+    // MuPDF finds an open page by its number; after pages moved, the numbers
+    // it keeps would hand out the wrong page.
+    for (fz_page* page = doc->super.open; page != nullptr; page = page->next) {
+        pdf_obj* obj = reinterpret_cast<pdf_page*>(page)->obj;
+        int number = -1;
+        try {
+            number = guarded(ctx, [&] { return pdf_lookup_page_number(ctx, doc, obj); });
+        } catch (const Orvane::Exception& e) {
+            VLOG(1) << "an open page is no longer in the page tree: " << e.what();
+        }
+        page->number = number;
+    }
+    const int count = guarded(ctx, [&] { return pdf_count_pages(ctx, doc); });
+    std::lock_guard<std::mutex> lock(metaMutex_);
+    pageCount_ = unsigned(std::max(count, 0));
+}
+
+// ---- pages ----
+
+std::shared_ptr<IPage> PdfDocument::GetPage(unsigned index) const { return MakePage(core_, index); }
+
+std::shared_ptr<IPage> PdfDocument::CreatePage(unsigned index, double width, double height) {
+    checkPageSize(width, height);
+    fz_context* ctx = core_->ctx;
+    pdf_document* doc = core_->doc;
+    const int at = insertionPoint(index, guarded(ctx, [&] { return pdf_count_pages(ctx, doc); }));
+
+    BufferHandle contents(ctx, guarded(ctx, [&] { return fz_new_buffer(ctx, 1); }));
+    PdfObjHandle resources(ctx, guarded(ctx, [&] { return pdf_new_dict(ctx, doc, 1); }));
+    const fz_rect box = fz_make_rect(0, 0, float(width), float(height));
+    PdfObjHandle page(ctx, guarded(ctx, [&] {
+        return pdf_add_page(ctx, doc, box, 0, resources.get(), contents.get());
+    }));
+    guarded(ctx, [&] { pdf_insert_page(ctx, doc, at, page.get()); });
+    RefreshPageCount();
+    return MakePage(core_, unsigned(at));
+}
+
+std::shared_ptr<IPage> PdfDocument::CreatePageFromImage(unsigned index, const std::shared_ptr<IBitmap>& image,
+                                                        double width, double height) {
+    if (!image) throw std::invalid_argument("no bitmap for the page");
+    checkPageSize(width, height);
+    fz_context* ctx = core_->ctx;
+    pdf_document* doc = core_->doc;
+
+    ImagePixmaps pixmaps = pixmapsFromBitmap(ctx, *image);
+    ImageHandle mask;
+    if (pixmaps.alpha) {
+        mask = ImageHandle(ctx, guarded(ctx, [&] { return fz_new_image_from_pixmap(ctx, pixmaps.alpha.get(), NULL); }));
+    }
+    ImageHandle picture(ctx, guarded(ctx, [&] {
+        return fz_new_image_from_pixmap(ctx, pixmaps.colour.get(), mask.get());
+    }));
+    pixmaps = ImagePixmaps{};
+    PdfObjHandle imageObj(ctx, guarded(ctx, [&] { return pdf_add_image(ctx, doc, picture.get()); }));
+    picture.reset();
+    mask.reset();
+
+    PdfObjHandle resources(ctx, guarded(ctx, [&] { return pdf_new_dict(ctx, doc, 1); }));
+    guarded(ctx, [&] {
+        pdf_obj* xobjects = pdf_dict_put_dict(ctx, resources.get(), PDF_NAME(XObject), 1);
+        pdf_dict_puts(ctx, xobjects, "Im0", imageObj.get());
+    });
+    char drawing[128];
+    const int length = std::snprintf(drawing, sizeof drawing, "q %.6g 0 0 %.6g 0 0 cm /Im0 Do Q\n", width, height);
+    BufferHandle contents(ctx, guarded(ctx, [&] {
+        return fz_new_buffer_from_copied_data(ctx, reinterpret_cast<const unsigned char*>(drawing), size_t(length));
+    }));
+
+    const int at = insertionPoint(index, guarded(ctx, [&] { return pdf_count_pages(ctx, doc); }));
+    const fz_rect box = fz_make_rect(0, 0, float(width), float(height));
+    PdfObjHandle page(ctx, guarded(ctx, [&] {
+        return pdf_add_page(ctx, doc, box, 0, resources.get(), contents.get());
+    }));
+    guarded(ctx, [&] { pdf_insert_page(ctx, doc, at, page.get()); });
+    RefreshPageCount();
+    return MakePage(core_, unsigned(at));
+}
+
+void PdfDocument::DeletePage(unsigned index) {
+    fz_context* ctx = core_->ctx;
+    pdf_document* doc = core_->doc;
+    const int count = guarded(ctx, [&] { return pdf_count_pages(ctx, doc); });
+    if (index >= unsigned(std::max(count, 0))) {
+        throw std::out_of_range("no page " + std::to_string(index) + " in a document of " + std::to_string(count) +
+                                " pages");
+    }
+    guarded(ctx, [&] { pdf_delete_page(ctx, doc, int(index)); });
+    RefreshPageCount();
+}
+
+void PdfDocument::RemoveHiddenObjects() {
+    fz_context* ctx = core_->ctx;
+    pdf_document* doc = core_->doc;
+    const int count = guarded(ctx, [&] { return pdf_count_pages(ctx, doc); });
+    for (int i = 0; i < count; ++i) {
+        try {
+            const int removed =
+                guarded(ctx, [&] { return dropHiddenAnnotations(ctx, pdf_lookup_page_obj(ctx, doc, i)); });
+            VLOG_IF(1, removed > 0) << "removed " << removed << " hidden annotation(s) from page " << i + 1;
+        } catch (const Orvane::Exception& e) {
+            LOG(WARNING) << "cannot look for hidden annotations on page " << i + 1 << ": " << e.what();
+        }
+    }
+}
+
+}  // namespace Orvane::PDF::Pdfium

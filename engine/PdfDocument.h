@@ -8,28 +8,54 @@
 #include "orvane/IoPath.h"
 #include "orvane/pdf/Document.h"
 
+struct fz_context;
+struct pdf_document;
+
 namespace Orvane::PDF::Pdfium {
 
 struct DocumentCore;
 
 // A PDF document on MuPDF. Made, used and destroyed on one thread (the one
-// whose context opened it); the metadata queries alone may come from any
-// thread and are answered from a copy kept current under metaMutex.
+// whose context opened it); the metadata queries alone (path, page count,
+// permissions, form handler) may come from any thread and are answered from a
+// copy kept current under metaMutex_, without touching MuPDF.
+//
+// Failures: std::runtime_error for a missing, unreadable, non-PDF or damaged
+// file; std::logic_error("PASSWORD_ERROR") for a missing or wrong password;
+// std::out_of_range for an index of an existing page out of range;
+// std::invalid_argument for a meaningless argument (empty bitmap, page size
+// not above zero); Orvane::Exception for any other engine or I/O failure.
 class PdfDocument : public IDocument {
 public:
-    // A new, empty document without pages and without a path.
+    // A new, empty document without pages and without a path. Needs the
+    // calling thread's engine context (PdfiumInitializer::InitLibrary).
     explicit PdfDocument(const std::shared_ptr<IFontProvider>& fonts);
-    // Opens and parses the file. Throws std::runtime_error for a missing,
-    // unreadable or damaged non-PDF file, std::logic_error("PASSWORD_ERROR")
-    // for a missing or wrong password; the owner or the user password opens it.
+    // Opens and parses the file (UTF-8 path). Throws std::runtime_error for a
+    // missing, unreadable or non-PDF file and for a page tree that claims more
+    // pages than the file has objects; std::logic_error("PASSWORD_ERROR") when
+    // the file needs a password and the given one is neither its user nor its
+    // owner password. A file that opens without a password (empty user
+    // password) also opens with a wrong one, with user access. The owner
+    // password lifts every permission restriction.
     PdfDocument(const std::shared_ptr<IFontProvider>& fonts, const Orvane::ioPath& path,
                 const std::string& password);
     ~PdfDocument() override;
     PdfDocument(const PdfDocument&) = delete;
     PdfDocument& operator=(const PdfDocument&) = delete;
 
+    // Copies the inheritable attributes (/Resources, /MediaBox, /CropBox,
+    // /Rotate) from the page tree into every page dictionary. A page that
+    // cannot be reached is logged and skipped.
     void FixupDocument() const override;
+    // Writes the whole document (unreferenced objects dropped, streams
+    // compressed, encryption kept as opened) to a temporary file beside path,
+    // then renames it over path. A symbolic link at path is followed. On any
+    // failure the temporary file is removed, path is left as it was, and
+    // Orvane::Exception is thrown (also for an empty path). flags is ignored.
+    // Saving to the file the document was opened from is fine.
     void Save(const Orvane::ioPath& path, unsigned long flags) const override;
+    // As Save, with the header's version 10 * major + minor (10 to 20);
+    // another version throws std::invalid_argument.
     void SaveWithVersion(const Orvane::ioPath& path, int version, unsigned long flags) const override;
     void SetDocumentPath(const Orvane::ioPath& path) override;
     Orvane::ioPath GetDocumentPath() const override;
@@ -41,17 +67,39 @@ public:
     bool IsCopyTextAndGraphicsProtected() const override;
     bool IsPrintProtected() const override;
     bool IsPrintLowResolution() const override;
+    // The page at index; std::out_of_range past the last page.
     std::shared_ptr<IPage> GetPage(unsigned index) const override;
+    // Inserts a blank page of width x height points (both finite and above
+    // zero, else std::invalid_argument) before the page at index, or appends
+    // it when index is the page count or more. Returns the new page.
     std::shared_ptr<IPage> CreatePage(unsigned index, double width, double height) override;
+    // As CreatePage, the page showing the bitmap scaled to width x height.
+    // The bitmap's pixels are copied (Bgrx, Bgra, Bgr or Gray); an alpha
+    // channel that is not fully opaque is kept as the image's /SMask. The
+    // picture is stored as an image XObject, compressed when saved. An empty
+    // bitmap, an unknown format or a stride too small for the width throws
+    // std::invalid_argument.
     std::shared_ptr<IPage> CreatePageFromImage(unsigned index, const std::shared_ptr<IBitmap>& image, double width,
                                                double height) override;
+    // Removes the page at index from the page tree; std::out_of_range past
+    // the last page. Its objects leave the file at the next save.
     void DeletePage(unsigned index) override;
+    // Removes from every page's /Annots the annotations that can never show
+    // or print: those flagged Hidden, and those flagged NoView without Print
+    // or ToggleNoView. Widgets (form scripts may show them) and popups
+    // (opened from their parent) are kept. Page content, optional content and
+    // everything else are left alone, so no page changes what it shows or
+    // prints. A page that cannot be read is logged and skipped.
     void RemoveHiddenObjects() override;
+    // Stores the handler (any thread). The engine edits no form fields, so
+    // it is kept for the service and not called from here.
     void SetFormOnChangeHandler(std::function<void()> handler) override;
 
     // For the engine's own use (importer, renderer).
     const std::shared_ptr<DocumentCore>& Core() const { return core_; }
-    // Re-reads the page count into the metadata after the page list changed.
+    // After the page list changed: renumbers MuPDF's open pages to their new
+    // places (an open page no longer in the tree gets number -1) and
+    // re-reads the page count into the metadata. Document thread only.
     void RefreshPageCount();
 
 private:
@@ -65,7 +113,13 @@ private:
         bool printLowResolution = false;
     };
 
+    // The restrictions of the file as opened (owner access lifts them all).
     Permissions ReadPermissions(bool ownerAccess) const;
+    // Writes the document to path through a temporary file; version 0 keeps
+    // the document's own header version.
+    void SaveAs(const Orvane::ioPath& path, int version) const;
+    // Takes ownership of the opened or created document (dropped on failure).
+    void Adopt(fz_context* ctx, pdf_document* doc);
 
     std::shared_ptr<IFontProvider> fonts_;
     std::shared_ptr<DocumentCore> core_;
