@@ -5,12 +5,14 @@
 #include <cstdlib>
 #include <mutex>
 #include <stdexcept>
+#include <string>
 #include <utility>
 
 #include <glog/logging.h>
 #include <mupdf/fitz.h>
 
 #include "engine/FontLoader.h"
+#include "engine/Guarded.h"
 
 namespace Orvane::PDF::Pdfium {
 namespace {
@@ -104,15 +106,14 @@ fz_context* makeBaseContext() {
     fz_set_error_callback(ctx, logError, nullptr);
     // Registering handlers and installing the font loader allocate; a failure
     // there leaves a context that cannot open anything, so give it up.
-    bool ok = true;
-    fz_try(ctx) {
-        fz_register_document_handlers(ctx);
-        installSystemFontLoader(ctx);
-    }
-    fz_catch(ctx) { ok = false; }
-    if (!ok) {
+    try {
+        guarded(ctx, [&] {
+            fz_register_document_handlers(ctx);
+            installSystemFontLoader(ctx);
+        });
+    } catch (const std::exception& e) {
         fz_drop_context(ctx);
-        throw std::runtime_error("cannot initialise the PDF engine");
+        throw std::runtime_error(std::string("cannot initialise the PDF engine: ") + e.what());
     }
     return ctx;
 }
