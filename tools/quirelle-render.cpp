@@ -1,5 +1,5 @@
 // quirelle-render: opens a PDF or image file through the service, prints each
-// page's size, rotation and links, and renders every page to a PNG file.
+// page's size and rotation, and renders every page to a PNG file.
 //
 //   quirelle-render [--dpi N] [--password P] FILE OUTDIR
 
