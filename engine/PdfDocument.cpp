@@ -459,40 +459,24 @@ unsigned PdfDocument::GetPageCount() const {
     return pageCount_;
 }
 
-bool PdfDocument::IsProtected() const {
+bool PdfDocument::Permission(bool Permissions::*flag) const {
     std::lock_guard<std::mutex> lock(metaMutex_);
-    return permissions_.isProtected;
+    return permissions_.*flag;
 }
 
-bool PdfDocument::IsEditContentProtected() const {
-    std::lock_guard<std::mutex> lock(metaMutex_);
-    return permissions_.editContent;
-}
+bool PdfDocument::IsProtected() const { return Permission(&Permissions::isProtected); }
 
-bool PdfDocument::IsEditPagesProtected() const {
-    std::lock_guard<std::mutex> lock(metaMutex_);
-    return permissions_.editPages;
-}
+bool PdfDocument::IsEditContentProtected() const { return Permission(&Permissions::editContent); }
 
-bool PdfDocument::IsExtractingPagesProtected() const {
-    std::lock_guard<std::mutex> lock(metaMutex_);
-    return permissions_.extractPages;
-}
+bool PdfDocument::IsEditPagesProtected() const { return Permission(&Permissions::editPages); }
 
-bool PdfDocument::IsCopyTextAndGraphicsProtected() const {
-    std::lock_guard<std::mutex> lock(metaMutex_);
-    return permissions_.copyContent;
-}
+bool PdfDocument::IsExtractingPagesProtected() const { return Permission(&Permissions::extractPages); }
 
-bool PdfDocument::IsPrintProtected() const {
-    std::lock_guard<std::mutex> lock(metaMutex_);
-    return permissions_.print;
-}
+bool PdfDocument::IsCopyTextAndGraphicsProtected() const { return Permission(&Permissions::copyContent); }
 
-bool PdfDocument::IsPrintLowResolution() const {
-    std::lock_guard<std::mutex> lock(metaMutex_);
-    return permissions_.printLowResolution;
-}
+bool PdfDocument::IsPrintProtected() const { return Permission(&Permissions::print); }
+
+bool PdfDocument::IsPrintLowResolution() const { return Permission(&Permissions::printLowResolution); }
 
 void PdfDocument::SetFormOnChangeHandler(std::function<void()> handler) {
     std::lock_guard<std::mutex> lock(metaMutex_);

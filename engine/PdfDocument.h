@@ -115,6 +115,8 @@ private:
 
     // The restrictions of the file as opened (owner access lifts them all).
     Permissions ReadPermissions(bool ownerAccess) const;
+    // One flag of the metadata copy, under metaMutex_.
+    bool Permission(bool Permissions::*flag) const;
     // Writes the document to path through a temporary file; version 0 keeps
     // the document's own header version.
     void SaveAs(const Orvane::ioPath& path, int version) const;

@@ -11,6 +11,7 @@
 #include <glog/logging.h>
 
 #include "engine/FontLoader.h"
+#include "engine/Geometry.h"
 #include "engine/Guarded.h"
 #include "engine/TextObject.h"
 #include "orvane/Exception.h"
@@ -329,7 +330,7 @@ public:
             }
             objects_.push_back({kind, toRect(bounds)});
             for (int form : openForms_) {
-                if (form >= 0) unite(objects_[static_cast<size_t>(form)].bounds, toRect(bounds));
+                if (form >= 0) Unite(objects_[static_cast<size_t>(form)].bounds, toRect(bounds));
             }
         });
     }
@@ -405,16 +406,6 @@ private:
         IPageObject::Kind kind;
     };
 
-    static void unite(Rect& into, const Rect& r) {
-        if (into.right <= into.left && into.top <= into.bottom) {
-            into = r;
-            return;
-        }
-        into.left = std::min(into.left, r.left);
-        into.right = std::max(into.right, r.right);
-        into.top = std::max(into.top, r.top);
-        into.bottom = std::min(into.bottom, r.bottom);
-    }
 
     template <class F>
     void Guard(F&& f) noexcept {

@@ -11,6 +11,7 @@
 #include <mupdf/fitz.h>
 #include <mupdf/pdf.h>
 
+#include "engine/Geometry.h"
 #include "engine/Guarded.h"
 #include "engine/Handles.h"
 
@@ -21,19 +22,13 @@ namespace {
 // rest is dropped so that a hostile page cannot make the copy unbounded.
 constexpr size_t kMaxChars = size_t(1) << 22;
 
-bool isEmptyBox(const Rect& r) { return r.right <= r.left && r.top <= r.bottom; }
 
+// Unites the boxes that have an area; any tells whether one was seen.
 void unite(Rect& into, bool& any, const Rect& r) {
-    if (isEmptyBox(r)) return;
-    if (!any) {
-        into = r;
-        any = true;
-        return;
-    }
-    into.left = std::min(into.left, r.left);
-    into.right = std::max(into.right, r.right);
-    into.top = std::max(into.top, r.top);
-    into.bottom = std::min(into.bottom, r.bottom);
+    if (IsEmptyBox(r)) return;
+    if (!any) into = r;
+    any = true;
+    Unite(into, r);
 }
 
 // ---- character classes used by the matcher ----
