@@ -1,4 +1,5 @@
 #include <stdexcept>
+#include <string>
 
 #include <glog/logging.h>
 #include <mupdf/fitz.h>
@@ -9,6 +10,8 @@
 #include "engine/Guarded.h"
 #include "engine/Handles.h"
 #include "engine/PdfPage.h"
+#include "engine/Watchdog.h"
+#include "orvane/Exception.h"
 
 namespace Orvane::PDF::Pdfium {
 namespace {
@@ -53,12 +56,18 @@ public:
         DeviceHandle device(ctx, guarded(ctx, [&] { return fz_new_draw_device(ctx, fz_identity, pixmap.get()); }));
         const char* usage = flag ? "Print" : "View";
         // With a cookie MuPDF counts a failing operator and stops the page
-        // there instead of throwing: a damaged page shows what it can.
+        // there instead of throwing: a damaged page shows what it can. The
+        // deadline aborts a page that would run without end.
         fz_cookie cookie{};
+        const Deadline deadline(cookie, RenderTimeBudget());
         guarded(ctx, [&] {
             pdf_run_page_with_usage(ctx, native, device.get(), ctm, usage, &cookie);
             fz_close_device(ctx, device.get());
         });
+        if (deadline.Expired()) {
+            throw Orvane::Exception("page " + std::to_string(native->super.number) + ": rendering took longer than " +
+                                    std::to_string(RenderTimeBudget().count()) + " ms");
+        }
         if (cookie.errors > 0) {
             // MuPDF recovered; a viewer renders the page again and again, so
             // this stays out of the default log.

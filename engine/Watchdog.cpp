@@ -1,0 +1,107 @@
+#include "engine/Watchdog.h"
+
+#include <atomic>
+#include <condition_variable>
+#include <map>
+#include <mutex>
+#include <thread>
+
+#include <mupdf/fitz.h>
+
+namespace Orvane::PDF::Pdfium {
+namespace {
+
+std::atomic<long long> renderBudgetMs{30'000};
+
+// Sleeps until the nearest deadline, aborts what has passed it, and starts
+// only once the first deadline is registered.
+class Watchdog {
+public:
+    static Watchdog& Instance() {
+        static Watchdog watchdog;
+        return watchdog;
+    }
+
+    std::mutex mutex;
+    std::multimap<std::chrono::steady_clock::time_point, std::pair<fz_cookie*, bool*>> deadlines;  // guarded by mutex
+
+    void Add(std::chrono::steady_clock::time_point when, fz_cookie* cookie, bool* expired) {
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            deadlines.emplace(when, std::make_pair(cookie, expired));
+            if (!thread_.joinable()) thread_ = std::thread([this] { Run(); });
+        }
+        changed_.notify_all();
+    }
+
+    void Remove(std::chrono::steady_clock::time_point when, fz_cookie* cookie) {
+        std::lock_guard<std::mutex> lock(mutex);
+        auto [first, last] = deadlines.equal_range(when);
+        for (auto it = first; it != last; ++it) {
+            if (it->second.first == cookie) {
+                deadlines.erase(it);
+                return;
+            }
+        }
+    }
+
+    ~Watchdog() {
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            stopping_ = true;
+        }
+        changed_.notify_all();
+        if (thread_.joinable()) thread_.join();
+    }
+
+private:
+    void Run() {
+        std::unique_lock<std::mutex> lock(mutex);
+        while (!stopping_) {
+            const auto now = std::chrono::steady_clock::now();
+            while (!deadlines.empty() && deadlines.begin()->first <= now) {
+                auto [cookie, expired] = deadlines.begin()->second;
+                cookie->abort = 1;
+                *expired = true;
+                deadlines.erase(deadlines.begin());
+            }
+            if (deadlines.empty()) {
+                changed_.wait(lock);
+            } else {
+                changed_.wait_until(lock, deadlines.begin()->first);
+            }
+        }
+    }
+
+    std::condition_variable changed_;
+    std::thread thread_;     // guarded by mutex
+    bool stopping_ = false;  // guarded by mutex
+};
+
+}  // namespace
+
+void SetRenderTimeBudget(std::chrono::milliseconds budget) { renderBudgetMs = budget.count(); }
+std::chrono::milliseconds RenderTimeBudget() { return std::chrono::milliseconds(renderBudgetMs.load()); }
+
+Deadline::Deadline(fz_cookie& cookie, std::chrono::milliseconds budget)
+    : cookie_(cookie), when_(std::chrono::steady_clock::now() + budget) {
+    if (budget.count() <= 0) {
+        cookie_.abort = 1;
+        expired_ = true;
+        return;
+    }
+    Watchdog::Instance().Add(when_, &cookie_, &expired_);
+    registered_ = true;
+}
+
+Deadline::~Deadline() {
+    // Gone already when the watchdog fired; removing is then a no-op.
+    if (registered_) Watchdog::Instance().Remove(when_, &cookie_);
+}
+
+bool Deadline::Expired() const {
+    std::lock_guard<std::mutex> lock(Watchdog::Instance().mutex);
+    return expired_;
+}
+
+}  // namespace Orvane::PDF::Pdfium

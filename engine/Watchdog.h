@@ -1,0 +1,38 @@
+#pragma once
+
+// Time budgets for engine work. MuPDF's interpreter checks a cookie's abort
+// flag as it runs a page; one watchdog thread per process sets that flag when
+// a registered cookie outlives its deadline, so a hostile page cannot hold a
+// worker forever.
+
+#include <chrono>
+
+#include <mupdf/fitz.h>
+
+namespace Orvane::PDF::Pdfium {
+
+// How long one page may take to render (default 30 s). Takes effect for
+// renders that start afterwards.
+void SetRenderTimeBudget(std::chrono::milliseconds budget);
+std::chrono::milliseconds RenderTimeBudget();
+
+// Watches cookie from construction to destruction; a budget of zero or less
+// has expired at once.
+class Deadline {
+public:
+    Deadline(fz_cookie& cookie, std::chrono::milliseconds budget);
+    ~Deadline();
+    Deadline(const Deadline&) = delete;
+    Deadline& operator=(const Deadline&) = delete;
+
+    // Whether the watchdog aborted the work.
+    bool Expired() const;
+
+private:
+    fz_cookie& cookie_;
+    std::chrono::steady_clock::time_point when_;
+    bool expired_ = false;  // guarded by the watchdog's mutex once registered
+    bool registered_ = false;
+};
+
+}  // namespace Orvane::PDF::Pdfium
