@@ -1,10 +1,12 @@
-// Time budgets: a render past its budget is aborted and reported, never left running.
+// Limits on hostile input: memory exhaustion is an engine failure (not a bad
+// file), and a render past its time budget is aborted and reported.
 
 #include <thread>
 
 #include <QImage>
 #include <mupdf/fitz.h>
 
+#include "engine/Context.h"
 #include "engine/Engine.h"
 #include "engine/PdfDocument.h"
 #include "engine/Watchdog.h"
@@ -16,16 +18,32 @@ namespace {
 
 using namespace Orvane::PDF;
 
-class Watchdog : public EngineTest {
+class Limits : public EngineTest {
 protected:
     void TearDown() override {
-        Pdfium::SetRenderTimeBudget(saved);
+        Pdfium::SetRenderTimeBudget(savedBudget);
+        Pdfium::SetMemoryLimit(savedLimit);
         EngineTest::TearDown();
     }
-    const std::chrono::milliseconds saved = Pdfium::RenderTimeBudget();
+    const std::chrono::milliseconds savedBudget = Pdfium::RenderTimeBudget();
+    const size_t savedLimit = Pdfium::MemoryLimit();
 };
 
-TEST_F(Watchdog, ARenderPastItsBudgetIsAbortedWithAnException) {
+TEST_F(Limits, RunningOutOfMemoryIsAnEngineFailureNotABadFile) {
+    const auto path = temp.File("many.pdf");
+    PdfBuilder().AddNumberedPages(200).Save(path);
+    Pdfium::SetMemoryLimit(Pdfium::MemoryInUse() + 16 * 1024);
+    try {
+        Pdfium::PdfDocument document(nullptr, path.string(), "");
+        ADD_FAILURE() << "opened within 16 KiB";
+    } catch (const Orvane::Exception& e) {
+        EXPECT_NE(std::string(e.what()).find("out of memory"), std::string::npos) << e.what();
+    }
+    Pdfium::SetMemoryLimit(savedLimit);
+    EXPECT_EQ(Pdfium::PdfDocument(nullptr, path.string(), "").GetPageCount(), 200u);
+}
+
+TEST_F(Limits, ARenderPastItsBudgetIsAbortedWithAnException) {
     const auto path = temp.File("page.pdf");
     PdfBuilder().AddNumberedPages(1).Save(path);
     auto document = std::make_shared<Pdfium::PdfDocument>(nullptr, path.string(), "");
@@ -40,7 +58,7 @@ TEST_F(Watchdog, ARenderPastItsBudgetIsAbortedWithAnException) {
     EXPECT_NO_THROW(renderer->Render(document->GetPage(0), bitmap, false));
 }
 
-TEST_F(Watchdog, SetsTheAbortFlagOnceTheDeadlinePasses) {
+TEST_F(Limits, SetsTheAbortFlagOnceTheDeadlinePasses) {
     fz_cookie cookie{};
     const Pdfium::Deadline deadline(cookie, std::chrono::milliseconds(20));
     const auto giveUp = std::chrono::steady_clock::now() + std::chrono::seconds(30);
