@@ -68,7 +68,9 @@ private:
             if (deadlines.empty()) {
                 changed_.wait(lock);
             } else {
-                changed_.wait_until(lock, deadlines.begin()->first);
+                // A copy: the entry may be removed while the thread waits.
+                const auto next = deadlines.begin()->first;
+                changed_.wait_until(lock, next);
             }
         }
     }
