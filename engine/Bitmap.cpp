@@ -31,8 +31,18 @@ public:
             format_ == Bgrx ? static_cast<unsigned char>(0xFF) : static_cast<unsigned char>(argb >> 24),
         };
         const size_t rowBytes = static_cast<size_t>(x1 - x0) * 4;
+        const bool uniform = pixel[0] == pixel[1] && pixel[1] == pixel[2] && pixel[2] == pixel[3];
+        if (uniform && x0 == 0 && x1 == width_ && stride_ == width_ * 4) {
+            // The common case, a whole picture cleared to white: one pass.
+            std::memset(Row(y0), pixel[0], rowBytes * static_cast<size_t>(y1 - y0));
+            return;
+        }
         unsigned char* first = Row(y0) + x0 * 4;
-        for (size_t i = 0; i < rowBytes; i += 4) std::memcpy(first + i, pixel, 4);
+        if (uniform) {
+            std::memset(first, pixel[0], rowBytes);
+        } else {
+            for (size_t i = 0; i < rowBytes; i += 4) std::memcpy(first + i, pixel, 4);
+        }
         for (long long y = y0 + 1; y < y1; ++y) std::memcpy(Row(y) + x0 * 4, first, rowBytes);
     }
 

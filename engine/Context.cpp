@@ -26,10 +26,12 @@ std::atomic<size_t> memoryInUse{0};
 constexpr size_t kHeader = alignof(std::max_align_t);
 
 bool reserve(size_t bytes) {
-    size_t used = memoryInUse.load(std::memory_order_relaxed);
-    do {
-        if (bytes > memoryLimit.load(std::memory_order_relaxed) - std::min(used, memoryLimit.load())) return false;
-    } while (!memoryInUse.compare_exchange_weak(used, used + bytes, std::memory_order_relaxed));
+    // Optimistic: count first, give back if that passed the limit.
+    const size_t before = memoryInUse.fetch_add(bytes, std::memory_order_relaxed);
+    if (before + bytes < before || before + bytes > memoryLimit.load(std::memory_order_relaxed)) {
+        memoryInUse.fetch_sub(bytes, std::memory_order_relaxed);
+        return false;
+    }
     return true;
 }
 

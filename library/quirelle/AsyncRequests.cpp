@@ -15,7 +15,7 @@ void Quirelle::Impl::AddPageInfoRequest(const PageInfoRequest& request) {
         RemovePendingPageInfo(request);
         pageInfoRequests.push_back(request);
     }
-    queueCondition.notify_all();
+    Wake();
 }
 
 void Quirelle::Impl::AddPageImageRequest(const PageImageTask& request) {
@@ -26,7 +26,7 @@ void Quirelle::Impl::AddPageImageRequest(const PageImageTask& request) {
         // another document or another non-default view.
         PendingSetFor(request.viewType).insert(request);
     }
-    queueCondition.notify_all();
+    Wake();
 }
 
 void Quirelle::Impl::CancelRequests(const int64_t& id, unsigned page, ViewType viewType) {

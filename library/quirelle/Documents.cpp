@@ -108,7 +108,7 @@ std::future<void> Quirelle::Impl::EnqueueClose(const int64_t& id) {
         StopSearchLocked(id);
         closeQueue.push_back({id, std::move(work)});
     }
-    queueCondition.notify_all();
+    Wake();
     return future;
 }
 

@@ -175,6 +175,11 @@ public:
 
     void WorkerLoop();
     void StartEngine();
+    // Tells the worker that work was queued or stop was set (after the lock is released).
+    void Wake() {
+        wakeups.fetch_add(1, std::memory_order_release);
+        queueCondition.notify_all();
+    }
     bool WaitForWork();
     bool HasWork() const;  // queueMutex held
     void ServePass();
@@ -253,6 +258,7 @@ public:
     std::atomic<bool> stop{false};
     mutable std::mutex queueMutex;
     std::condition_variable queueCondition;
+    std::atomic<uint64_t> wakeups{0};  // counts Wake() calls; the worker spins on it before it sleeps
 
     Orvane::Core::EventHandlerList<IPageInfoObserver, Orvane::Core::SyncExecutePolicy> observers;
 
@@ -270,7 +276,7 @@ std::future<Result> Quirelle::Impl::Enqueue(Queue<Record, Result>& queue, Record
         std::lock_guard<std::mutex> lock(queueMutex);
         queue.push_back({std::move(record), std::move(work)});
     }
-    queueCondition.notify_all();
+    Wake();
     return future;
 }
 

@@ -19,7 +19,7 @@ int64_t Quirelle::Impl::AddSearch(const int64_t& id, unsigned startPage, const s
         searchId = nextSearchId++;
         searches.push_back({id, startPage, 0, searchId, startPage, text, callback});
     }
-    queueCondition.notify_all();
+    Wake();
     return searchId;
 }
 
@@ -28,7 +28,7 @@ void Quirelle::Impl::StopSearch(const int64_t& searchId) {
         std::lock_guard<std::mutex> lock(queueMutex);
         StopSearchLocked(searchId);
     }
-    queueCondition.notify_all();
+    Wake();
 }
 
 void Quirelle::Impl::StopSearchLocked(const int64_t& searchId) {
