@@ -1,103 +1,81 @@
-// Link annotations: URIs and in-document destinations in the forms files
-// give them (explicit arrays, /Dests and /Names named destinations, GoTo
-// actions), and links that lead nowhere.
+// Link annotations: URIs, explicit destinations (unset values read as 0),
+// named destinations from the /Names tree and from /Dests, and GoTo actions.
+
+#include <tuple>
 
 #include <gtest/gtest.h>
 
-#include "tests/engine/PageTestSupport.h"
+#include "tests/engine/DocumentTestSupport.h"
 
-using namespace QuirelleTest;
-using namespace Orvane::PDF;
-
+namespace QuirelleTest {
 namespace {
 
-class Links : public PageTest {
-protected:
-    std::vector<std::shared_ptr<ILinkAnnotation>> LinksOf(const std::shared_ptr<IDocument>& document) {
-        std::vector<std::shared_ptr<ILinkAnnotation>> links;
-        for (const auto& annotation : document->GetPage(0)->GetAnnotations(IAnnotation::Link))
-            links.push_back(std::dynamic_pointer_cast<ILinkAnnotation>(annotation));
-        return links;
-    }
+using Links = FileTest;
+
+struct Expected {
+    int type;
+    std::string uri;
+    LinkDestination destination;  // compared for destination links only
 };
 
-void ExpectDestination(ILinkAnnotation& link, int page, double x, double y, float zoom) {
-    ASSERT_EQ(link.GetLinkType(), ILinkAnnotation::Destination);
-    const LinkDestination d = link.GetDestination();
-    EXPECT_EQ(d.pageIndex, page);
-    EXPECT_DOUBLE_EQ(d.x, x);
-    EXPECT_DOUBLE_EQ(d.y, y);
-    EXPECT_FLOAT_EQ(d.zoom, zoom);
+void ExpectLinks(IPage& page, const std::vector<Expected>& expected) {
+    const auto links = page.GetAnnotations(IAnnotation::Link);
+    ASSERT_EQ(links.size(), expected.size());
+    for (size_t i = 0; i < links.size(); ++i) {
+        auto& link = dynamic_cast<ILinkAnnotation&>(*links[i]);
+        const LinkDestination d = link.GetDestination(), e = expected[i].destination;
+        EXPECT_EQ(link.GetLinkType(), expected[i].type) << i;
+        EXPECT_EQ(link.GetUri(), expected[i].uri) << i;
+        EXPECT_EQ(d.pageIndex, e.pageIndex) << i;
+        if (e.pageIndex >= 0) {
+            EXPECT_EQ(std::make_tuple(d.x, d.y, d.zoom), std::make_tuple(e.x, e.y, e.zoom)) << i;
+        }
+    }
 }
 
 LinkSpec To(int page, std::optional<double> left, std::optional<double> top, std::optional<double> zoom,
-            const std::string& fit = "") {
-    LinkSpec link = Link(Rect{0, 10, 10, 0});
-    link.targetPage = page;
-    link.left = left;
-    link.top = top;
-    link.zoom = zoom;
-    link.fitMode = fit;
-    return link;
+            const std::string& fit = "", const std::string& name = "") {
+    return {Rect{0, 10, 10, 0}, "", page, left, top, zoom, fit, name};
 }
 
-}  // namespace
-
-TEST_F(Links, UriLinksAndOverlapsInPageOrder) {
-    PageSpec spec;
-    spec.links = {Link(Rect{0, 100, 100, 0}), Link(Rect{50, 150, 150, 50})};
-    spec.links[0].uri = "https://example.com/a?b=c&d=%20";
-    spec.links[1].uri = "second:";
-    auto links = LinksOf(Open(PdfBuilder().AddPage(spec)));
-    ASSERT_EQ(links.size(), 2u);
-    EXPECT_EQ(links[0]->GetLinkType(), ILinkAnnotation::Uri);
-    EXPECT_EQ(links[0]->GetUri(), "https://example.com/a?b=c&d=%20");
-    EXPECT_EQ(links[0]->GetDestination().pageIndex, -1);
-    EXPECT_TRUE(links[0]->Contains(Position{75, 75}));
-    EXPECT_TRUE(links[1]->Contains(Position{75, 75}));
-}
-
-TEST_F(Links, ExplicitDestinationsLeaveUnsetValuesAtZero) {
-    PageSpec spec;
+TEST_F(Links, UrisAndExplicitAndNamedDestinations) {
+    PageSpec layout;
     LinkSpec fitR = To(1, 20, 400, std::nullopt, "FitR");
     fitR.bottom = 30;
     fitR.right = 200;
-    spec.links = {To(2, 10, 700, 2),           To(1, std::nullopt, std::nullopt, std::nullopt),
-                  To(1, std::nullopt, 500, 0), To(1, 40, std::nullopt, std::nullopt),
-                  To(2, {}, {}, {}, "Fit"),    To(0, {}, 300, {}, "FitH"),
-                  fitR};
-    auto links = LinksOf(Open(PdfBuilder().AddPage(spec).AddNumberedPages(2)));
-    ASSERT_EQ(links.size(), 7u);
-    ExpectDestination(*links[0], 2, 10, 700, 2);
-    ExpectDestination(*links[1], 1, 0, 0, 0);  // null left, top and zoom
-    ExpectDestination(*links[2], 1, 0, 500, 0);
-    ExpectDestination(*links[3], 1, 40, 0, 0);
-    ExpectDestination(*links[4], 2, 0, 0, 0);
-    ExpectDestination(*links[5], 0, 0, 300, 0);
-    ExpectDestination(*links[6], 1, 20, 400, 0);
+    layout.links = {{Rect{0, 100, 100, 0}, "https://example.com/a?b=c&d=%20"},
+                  To(2, 10, 700, 2),
+                  To(1, std::nullopt, std::nullopt, std::nullopt),
+                  To(1, std::nullopt, 500, 0),
+                  To(1, 40, std::nullopt, std::nullopt),
+                  To(2, {}, {}, {}, "Fit"),
+                  To(0, {}, 300, {}, "FitH"),
+                  fitR,
+                  To(-1, {}, {}, {}, "", "chapter-2"),
+                  To(-1, {}, {}, {}, "", "legacy"),
+                  To(-1, {}, {}, {}, "", "missing")};
+    auto page = Open(PdfBuilder()
+                         .AddPage(layout)
+                         .AddNumberedPages(2)
+                         .AddNamedDestination("chapter-2", 2, 30, 650)
+                         .AddNamedDestination("legacy", 1, 15, 25, false))
+                    ->GetPage(0);
+    const int D = ILinkAnnotation::Destination;
+    ExpectLinks(*page, {{ILinkAnnotation::Uri, "https://example.com/a?b=c&d=%20", {-1}},
+                        {D, "", {2, 10, 700, 2}},
+                        {D, "", {1, 0, 0, 0}},  // null left, top and zoom
+                        {D, "", {1, 0, 500, 0}},
+                        {D, "", {1, 40, 0, 0}},
+                        {D, "", {2, 0, 0, 0}},
+                        {D, "", {0, 0, 300, 0}},
+                        {D, "", {1, 20, 400, 0}},
+                        {D, "", {2, 30, 650, 0}},  // from the /Names tree
+                        {D, "", {1, 15, 25, 0}},   // from /Dests
+                        {ILinkAnnotation::Other, "", {-1}}});
 }
 
-TEST_F(Links, NamedDestinationsFromDestsAndFromTheNamesTreeTogether) {
-    PageSpec spec;
-    for (const char* name : {"chapter-2", "legacy", "appendix", "missing"}) {
-        spec.links.push_back(Link(Rect{0, 10, 10, 0}));
-        spec.links.back().namedDestination = name;
-    }
-    auto links = LinksOf(Open(PdfBuilder()
-                                  .AddPage(spec)
-                                  .AddNumberedPages(3)
-                                  .AddNamedDestination("chapter-2", 2, 30, 650)
-                                  .AddNamedDestination("appendix", 3, 0, 100)
-                                  .AddNamedDestination("legacy", 1, 15, 25, false)));
-    ASSERT_EQ(links.size(), 4u);
-    ExpectDestination(*links[0], 2, 30, 650, 0);
-    ExpectDestination(*links[1], 1, 15, 25, 0);
-    ExpectDestination(*links[2], 3, 0, 100, 0);
-    EXPECT_EQ(links[3]->GetLinkType(), ILinkAnnotation::Other);
-}
-
-TEST_F(Links, ActionsNameTreeKidsAndTargetsOutsideTheDocument) {
-    auto document = OpenBytes(RawPdf({
+TEST_F(Links, GoToActionsNameTreeKidsAndTargetsOutsideTheDocument) {
+    auto page = Open(RawPdf({
         "<< /Type /Catalog /Pages 2 0 R /Names << /Dests 9 0 R >> >>",
         "<< /Type /Pages /Count 2 /Kids [3 0 R 4 0 R] >>",
         "<< /Type /Page /Parent 2 0 R /MediaBox [0 0 612 792] /Annots [5 0 R 6 0 R 7 0 R 8 0 R 12 0 R] >>",
@@ -111,13 +89,11 @@ TEST_F(Links, ActionsNameTreeKidsAndTargetsOutsideTheDocument) {
         "<< /Limits [(gamma) (zeta)] /Names [(gamma) [3 0 R /Fit] (zeta) << /D [4 0 R /XYZ null 80 null] >>] >>",
         "<< /Subtype /Link /Rect [0 0 10 10] /Dest [1 /XYZ 7 8 0] >>",  // a page number for a page
         "<< /Type /Page /MediaBox [0 0 10 10] >>",
-    }));
-    auto links = LinksOf(document);
-    ASSERT_EQ(links.size(), 5u);
-    ExpectDestination(*links[0], 1, 5, 6, 1.5f);
-    ExpectDestination(*links[1], 1, 0, 80, 0);
-    EXPECT_EQ(links[2]->GetLinkType(), ILinkAnnotation::Other);
-    EXPECT_EQ(links[3]->GetLinkType(), ILinkAnnotation::Other);
-    EXPECT_EQ(links[3]->GetUri(), "");
-    ExpectDestination(*links[4], 1, 7, 8, 0);
+    }))->GetPage(0);
+    const int D = ILinkAnnotation::Destination, Other = ILinkAnnotation::Other;
+    ExpectLinks(*page, {{D, "", {1, 5, 6, 1.5f}}, {D, "", {1, 0, 80, 0}}, {Other, "", {-1}}, {Other, "", {-1}},
+                        {D, "", {1, 7, 8, 0}}});
 }
+
+}  // namespace
+}  // namespace QuirelleTest
