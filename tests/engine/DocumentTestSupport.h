@@ -113,7 +113,7 @@ protected:
         return Open(builder.Build(), password);
     }
     // The first page of a one-page file (a page keeps what it needs of its document).
-    std::shared_ptr<IPage> FirstPage(const PageSpec& page) { return Open(PdfBuilder().AddPage(page))->GetPage(0); }
+    std::shared_ptr<IPage> FirstPage(const PageLayout& page) { return Open(PdfBuilder().AddPage(page))->GetPage(0); }
 
 private:
     int files_ = 0;

@@ -21,7 +21,7 @@ namespace QuirelleTest {
 namespace {
 
 namespace fs = std::filesystem;
-using Method = EncryptionSpec::Method;
+using Method = Encryption::Method;
 
 class DocumentTest : public FileTest {
 protected:
@@ -227,7 +227,7 @@ TEST_F(DocumentTest, FailedSaveLeavesTargetUntouchedAndNoTemporaryFile) {
 }
 
 TEST_F(DocumentTest, RemoveHiddenObjectsDropsOnlyNeverVisibleAnnotations) {
-    PageSpec page;
+    PageLayout page;
     // /F: 2 Hidden, 4 Print, 32 NoView, 256 ToggleNoView; a hidden form field stays.
     for (auto [subtype, flags] : std::vector<std::pair<std::string, int>>{
              {"Square", 2}, {"Circle", 32}, {"Line", 4}, {"Polygon", 36}, {"Ink", 288}, {"Widget", 2},

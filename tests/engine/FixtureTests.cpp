@@ -11,7 +11,7 @@ namespace {
 using Fixture = FileTest;
 
 TEST_F(Fixture, EncryptedFilesNeedTheirPasswordAndKeepTheirPermissions) {
-    using M = EncryptionSpec::Method;
+    using M = Encryption::Method;
     const int32_t noCopyNoModify = -4 & ~(PDF_PERM_COPY | PDF_PERM_MODIFY);
     for (M method : {M::Rc4_40, M::Rc4_128, M::Aes128, M::Aes256}) {
         SCOPED_TRACE(int(method));
@@ -27,7 +27,7 @@ TEST_F(Fixture, EncryptedFilesNeedTheirPasswordAndKeepTheirPermissions) {
 }
 
 TEST_F(Fixture, QpdfAcceptsBuiltFilesAndTheSample) {
-    PageSpec page;
+    PageLayout page;
     page.rotate = 90;
     page.cropBox = Rect{10, 700, 500, 20};
     page.text = {{72, 700, 20, "Caf\xC3\xA9 (cr\xC3\xA8me)"}};

@@ -16,7 +16,7 @@ protected:
     std::shared_ptr<IDocument> Labelled(const Strings& labels) {
         PdfBuilder builder;
         for (const std::string& label : labels) {
-            PageSpec page;
+            PageLayout page;
             page.text.push_back({72, 720, 12, label});
             builder.AddPage(page);
         }
@@ -35,7 +35,7 @@ private:
 };
 
 TEST_F(ImportTest, CopiesListedPagesInOrderWithDuplicatesAtTheInsertionPointAlsoWithinADocument) {
-    PageSpec wide;
+    PageLayout wide;
     wide.width = 400;
     wide.height = 250;
     wide.rotate = 270;
@@ -74,7 +74,7 @@ TEST_F(ImportTest, CopiesListedPagesInOrderWithDuplicatesAtTheInsertionPointAlso
 }
 
 TEST_F(ImportTest, SharedResourcesArriveOncePerCall) {
-    PageSpec withImage;
+    PageLayout withImage;
     withImage.images.push_back({{100, 500, 300, 300}, 16, 16, 0x00FF00, 200});
     auto source = Open(PdfBuilder().InheritAttributes().AddNumberedPages(19).AddPage(withImage));
     auto target = std::make_shared<Pdfium::PdfDocument>(nullptr);

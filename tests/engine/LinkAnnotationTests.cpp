@@ -33,14 +33,14 @@ void ExpectLinks(IPage& page, const std::vector<Expected>& expected) {
     }
 }
 
-LinkSpec To(int page, std::optional<double> left, std::optional<double> top, std::optional<double> zoom,
+LinkLayout To(int page, std::optional<double> left, std::optional<double> top, std::optional<double> zoom,
             const std::string& fit = "", const std::string& name = "") {
     return {Rect{0, 10, 10, 0}, "", page, left, top, zoom, fit, name};
 }
 
 TEST_F(Links, UrisAndExplicitAndNamedDestinations) {
-    PageSpec layout;
-    LinkSpec fitR = To(1, 20, 400, std::nullopt, "FitR");
+    PageLayout layout;
+    LinkLayout fitR = To(1, 20, 400, std::nullopt, "FitR");
     fitR.bottom = 30;
     fitR.right = 200;
     layout.links = {{Rect{0, 100, 100, 0}, "https://example.com/a?b=c&d=%20"},

@@ -41,7 +41,7 @@ TEST_F(PageTests, SizeIsTheCropBoxAsDisplayedAndRotationIsNormalised) {
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.rotate);
-        PageSpec layout;
+        PageLayout layout;
         layout.width = 300;
         layout.height = 500;
         layout.rotate = c.rotate;
@@ -55,7 +55,7 @@ TEST_F(PageTests, SizeIsTheCropBoxAsDisplayedAndRotationIsNormalised) {
 }
 
 TEST_F(PageTests, ObjectsInContentOrderWithKindsBoundsAndTheTopmostAtAPoint) {
-    PageSpec layout;
+    PageLayout layout;
     layout.rects = {{Rect{100, 400, 300, 200}, 0xFF0000}, {Rect{200, 500, 400, 300}, 0x00FF00}};
     layout.images.resize(1);
     layout.images[0].rect = Rect{120, 260, 180, 220};
@@ -111,7 +111,7 @@ TEST_F(PageTests, ShadingsFormsAndPatternCellsAsObjects) {
 }
 
 TEST_F(PageTests, AnnotationsInPageOrderTypedAndHitTestedInPageSpace) {
-    PageSpec layout;
+    PageLayout layout;
     layout.rotate = 90;  // hit testing stays in page space
     layout.links.push_back({Rect{10, 20, 30, 10}, "https://example.org/"});
     for (const char* subtype : {"Text", "Square", "Widget", "Highlight", "Popup", "3D", "Redact", "Bogus"})

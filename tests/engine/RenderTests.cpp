@@ -10,8 +10,8 @@ namespace QuirelleTest {
 namespace {
 
 // A 200 x 100 point page whose bottom-left quarter is red.
-PageSpec RedCorner(int rotate = 0) {
-    PageSpec layout;
+PageLayout RedCorner(int rotate = 0) {
+    PageLayout layout;
     layout.width = 200;
     layout.height = 100;
     layout.rotate = rotate;
@@ -33,7 +33,7 @@ TEST_F(Rendering, TheCropBoxFillsTheWholeBitmapOverItsBackground) {
     EXPECT_EQ(tall.At(45, 160), kRed);
     EXPECT_EQ(tall.At(55, 250), 0xFF00FF00u);
 
-    PageSpec cropped;
+    PageLayout cropped;
     cropped.cropBox = Rect{100, 300, 300, 100};
     cropped.rects = {{Rect{100, 200, 200, 100}, 0xFF0000}, {Rect{0, 792, 612, 310}, 0x0000FF}};
     const Picture crop(FirstPage(cropped), 200, 200);
@@ -55,7 +55,7 @@ TEST_F(Rendering, AppliesThePageRotation) {
 }
 
 TEST_F(Rendering, PrintFlagRendersAnnotationsAsTheyPrint) {
-    PageSpec layout;
+    PageLayout layout;
     layout.width = 400;
     layout.height = 100;
     const int flags[] = {4, 32 | 4, 0, 2 | 4};  // Print; NoView and Print; screen only; Hidden
@@ -86,7 +86,7 @@ TEST_F(Rendering, DamagedPagesFailCleanlyOrRenderWhatTheyCan) {
     EXPECT_EQ(pixels[(75 * 200 + 50) * 4], 0);  // blue byte of a red pixel
 
     // A broken content stream draws what it can.
-    PageSpec garbage = RedCorner();
+    PageLayout garbage = RedCorner();
     garbage.extraContent = "BT /F9 12 Tf ( unterminated ] >> 1 2 re re Q Q Q cm /Nope Do ID \xFF\xFE EI";
     EXPECT_EQ(Picture(FirstPage(garbage), 200, 100).At(50, 75), kRed);
 }

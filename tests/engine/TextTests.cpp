@@ -15,7 +15,7 @@ class TextTest : public FileTest {
 protected:
     // One line of text per string, 20 points apart from y = 720 down.
     std::shared_ptr<ITextObject> Lines(const Strings& lines, int rotate = 0) {
-        PageSpec layout;
+        PageLayout layout;
         layout.rotate = rotate;
         for (size_t i = 0; i < lines.size(); ++i) layout.text.push_back({72, 720.0 - 20 * double(i), 12, lines[i]});
         return FirstPage(layout)->GetTextObject();

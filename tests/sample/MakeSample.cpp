@@ -14,7 +14,7 @@ int main(int argc, char** argv) {
 
         // Page 1, Letter: title, body text, colour swatches, two images and
         // the three kinds of link.
-        PageSpec first;
+        PageLayout first;
         first.text = {{72, 720, 24, "Quirelle sample"},
                       {72, 680, 12, "This file exercises text, shapes, images and links."},
                       {72, 660, 12, "Visit https://example.org/quirelle for more."},
@@ -26,22 +26,22 @@ int main(int argc, char** argv) {
                        {{432, 560, 532, 500}, 0xFDD835}};
         first.images = {{{72, 460, 172, 360}, 16, 16, 0x8E24AA, std::nullopt},
                         {{132, 420, 232, 320}, 16, 16, 0x00ACC1, 128}};
-        LinkSpec uri;
+        LinkLayout uri;
         uri.rect = {72, 672, 400, 656};
         uri.uri = "https://example.org/quirelle";
-        LinkSpec explicitDest;
+        LinkLayout explicitDest;
         explicitDest.rect = {72, 652, 300, 636};
         explicitDest.targetPage = 1;
         explicitDest.left = 72;
         explicitDest.top = 800;
-        LinkSpec namedDest;
+        LinkLayout namedDest;
         namedDest.rect = {72, 632, 330, 616};
         namedDest.namedDestination = "chapter3";
         first.links = {uri, explicitDest, namedDest};
         builder.AddPage(first);
 
         // Page 2, A4.
-        PageSpec second;
+        PageLayout second;
         second.width = 595;
         second.height = 842;
         second.text = {{72, 790, 18, "Page two: A4"},
@@ -51,7 +51,7 @@ int main(int argc, char** argv) {
         builder.AddPage(second);
 
         // Page 3, Letter shown rotated by 90 degrees.
-        PageSpec third;
+        PageLayout third;
         third.rotate = 90;
         third.text = {{72, 720, 18, "Chapter three"},
                       {72, 690, 12, "This page is rotated by 90 degrees."}};

@@ -93,7 +93,7 @@ TEST_F(Edits, MovedPagesKeepInheritedAttributesAndLinks) {
     PdfBuilder builder;
     builder.InheritAttributes();
     for (int i = 1; i <= 3; ++i) {
-        PageSpec page;
+        PageLayout page;
         page.rotate = 90;
         page.text.push_back({72, 720, 12, "Page " + std::to_string(i)});
         page.links.push_back({Rect{50, 100, 150, 50}, "https://example.org/" + std::to_string(i)});
@@ -114,7 +114,7 @@ TEST_F(Edits, MovedPagesKeepInheritedAttributesAndLinks) {
 TEST_F(Edits, RotationTurnsRelativeToTheCurrentRotation) {
     PdfBuilder builder;
     for (int rotate : {0, 90, 180, 270}) {
-        PageSpec page;
+        PageLayout page;
         page.rotate = rotate;
         builder.AddPage(page);
     }

@@ -9,13 +9,13 @@ namespace {
 class PageQueries : public ServiceTest {
 protected:
     void SetUp() override {
-        PageSpec drawn;
+        PageLayout drawn;
         drawn.width = 595.3;
         drawn.height = 841.9;
         drawn.rects.push_back({Rect{100, 700, 200, 600}, 0x0000FF});
         drawn.text.push_back({72, 760, 12, "Hello page"});
         drawn.links.push_back({Rect{300, 500, 400, 450}, "https://example.org/a"});
-        LinkSpec toPage;
+        LinkLayout toPage;
         toPage.rect = Rect{350, 480, 450, 400};  // overlaps the first link
         toPage.targetPage = 1;
         toPage.left = 20;
@@ -24,10 +24,10 @@ protected:
         drawn.links.push_back(toPage);
         drawn.annotations.push_back({"Square", Rect{10, 60, 60, 10}, 32 | 4, 0xFF0000});  // prints, never shows
 
-        PageSpec turned;
+        PageLayout turned;
         turned.rotate = 90;
         turned.cropBox = Rect{0, 700, 500, 100};
-        PageSpec empty;
+        PageLayout empty;
 
         const auto path = temp.File("pages.pdf");
         PdfBuilder().AddPage(drawn).AddPage(turned).AddPage(empty).Save(path);

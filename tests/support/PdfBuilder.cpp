@@ -22,7 +22,7 @@
 #include "engine/Handles.h"
 
 // The file is written as PDF text by hand: every dictionary is exactly what
-// the page specs ask for, and MuPDF only gets involved to encrypt the result.
+// the page layouts ask for, and MuPDF only gets involved to encrypt the result.
 
 namespace QuirelleTest {
 
@@ -195,31 +195,31 @@ struct ContextDeleter {
     void operator()(fz_context* ctx) const { fz_drop_context(ctx); }
 };
 
-int EncryptMethod(EncryptionSpec::Method method) {
+int EncryptMethod(Encryption::Method method) {
     switch (method) {
-    case EncryptionSpec::Method::Rc4_40: return PDF_ENCRYPT_RC4_40;
-    case EncryptionSpec::Method::Rc4_128: return PDF_ENCRYPT_RC4_128;
-    case EncryptionSpec::Method::Aes128: return PDF_ENCRYPT_AES_128;
-    case EncryptionSpec::Method::Aes256: return PDF_ENCRYPT_AES_256;
+    case Encryption::Method::Rc4_40: return PDF_ENCRYPT_RC4_40;
+    case Encryption::Method::Rc4_128: return PDF_ENCRYPT_RC4_128;
+    case Encryption::Method::Aes128: return PDF_ENCRYPT_AES_128;
+    case Encryption::Method::Aes256: return PDF_ENCRYPT_AES_256;
     }
     return PDF_ENCRYPT_AES_128;
 }
 
 // Rewrites a plain file encrypted, with a context of its own so that any
 // thread can build files.
-std::string EncryptWithMupdf(const std::string& plain, const EncryptionSpec& spec) {
+std::string EncryptWithMupdf(const std::string& plain, const Encryption& encryption) {
     using namespace Orvane::PDF::Pdfium;
-    if (spec.userPassword.size() >= 128 || spec.ownerPassword.size() >= 128)
+    if (encryption.userPassword.size() >= 128 || encryption.ownerPassword.size() >= 128)
         throw std::runtime_error("PdfBuilder: password longer than 127 bytes");
     std::unique_ptr<fz_context, ContextDeleter> holder(fz_new_context(nullptr, nullptr, FZ_STORE_DEFAULT));
     fz_context* ctx = holder.get();
     if (ctx == nullptr) throw std::runtime_error("PdfBuilder: cannot create a MuPDF context");
 
     pdf_write_options opts = pdf_default_write_options;
-    opts.do_encrypt = EncryptMethod(spec.method);
-    opts.permissions = spec.permissions;
-    std::memcpy(opts.upwd_utf8, spec.userPassword.c_str(), spec.userPassword.size() + 1);
-    std::memcpy(opts.opwd_utf8, spec.ownerPassword.c_str(), spec.ownerPassword.size() + 1);
+    opts.do_encrypt = EncryptMethod(encryption.method);
+    opts.permissions = encryption.permissions;
+    std::memcpy(opts.upwd_utf8, encryption.userPassword.c_str(), encryption.userPassword.size() + 1);
+    std::memcpy(opts.opwd_utf8, encryption.ownerPassword.c_str(), encryption.ownerPassword.size() + 1);
 
     try {
         const unsigned char* data = reinterpret_cast<const unsigned char*>(plain.data());
@@ -242,14 +242,14 @@ std::string EncryptWithMupdf(const std::string& plain, const EncryptionSpec& spe
 
 }  // namespace
 
-PdfBuilder& PdfBuilder::AddPage(PageSpec page) {
+PdfBuilder& PdfBuilder::AddPage(PageLayout page) {
     pages_.push_back(std::move(page));
     return *this;
 }
 
 PdfBuilder& PdfBuilder::AddNumberedPages(int count, double width, double height) {
     for (int i = 0; i < count; ++i) {
-        PageSpec page;
+        PageLayout page;
         page.width = width;
         page.height = height;
         page.text.push_back({72, 720, 12, "Page " + std::to_string(pages_.size() + 1)});
@@ -269,7 +269,7 @@ PdfBuilder& PdfBuilder::InheritAttributes(bool inherit) {
     return *this;
 }
 
-PdfBuilder& PdfBuilder::Encrypt(EncryptionSpec encryption) {
+PdfBuilder& PdfBuilder::Encrypt(Encryption encryption) {
     encryption_ = std::move(encryption);
     return *this;
 }
@@ -293,14 +293,14 @@ std::string PdfBuilder::Build() const {
     std::string allImages;
     int imageCount = 0;
     for (size_t p = 0; p < pages_.size(); ++p) {
-        const PageSpec& page = pages_[p];
+        const PageLayout& page = pages_[p];
         std::string content = "0 g\n";
         std::string images;
         for (const FilledRect& r : page.rects) {
             content += "q " + Rgb(r.rgb) + " rg " + Num(r.rect.left) + " " + Num(r.rect.bottom) + " " +
                        Num(r.rect.right - r.rect.left) + " " + Num(r.rect.top - r.rect.bottom) + " re f Q\n";
         }
-        for (const ImageSpec& im : page.images) {
+        for (const ImageLayout& im : page.images) {
             if (im.pixelWidth <= 0 || im.pixelHeight <= 0) throw std::runtime_error("PdfBuilder: empty image");
             const size_t pixels = static_cast<size_t>(im.pixelWidth) * im.pixelHeight;
             std::string samples;
@@ -335,7 +335,7 @@ std::string PdfBuilder::Build() const {
         const int contents = w.AddStream("", content);
 
         std::vector<int> annots;
-        for (const LinkSpec& link : page.links) {
+        for (const LinkLayout& link : page.links) {
             std::string dict = "<< /Type /Annot /Subtype /Link /Rect " + RectArray(link.rect) +
                                " /Border [0 0 0] /P " + Ref(pageRefs[p]);
             if (!link.uri.empty())
@@ -347,7 +347,7 @@ std::string PdfBuilder::Build() const {
                                               link.right, link.bottom);
             annots.push_back(w.Add(dict + " >>"));
         }
-        for (const AnnotationSpec& a : page.annotations) {
+        for (const AnnotationLayout& a : page.annotations) {
             std::string dict = "<< /Type /Annot /Subtype " + Name(a.subtype) + " /Rect " + RectArray(a.rect) +
                                " /F " + std::to_string(a.flags) + " /P " + Ref(pageRefs[p]);
             if (a.fillRgb) {
@@ -361,7 +361,7 @@ std::string PdfBuilder::Build() const {
             annots.push_back(w.Add(dict + " >>"));
         }
 
-        const PageSpec& first = pages_.front();
+        const PageLayout& first = pages_.front();
         std::string dict = "<< /Type /Page /Parent " + Ref(pagesRoot);
         if (!inherit_ || page.width != first.width || page.height != first.height)
             dict += " /MediaBox [0 0 " + Num(page.width) + " " + Num(page.height) + "]";

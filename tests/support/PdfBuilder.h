@@ -34,7 +34,7 @@ struct FilledRect {
 
 // An image of one colour drawn into rect. With alpha, an /SMask of the given
 // constant opacity (0-255) is attached.
-struct ImageSpec {
+struct ImageLayout {
     Rect rect;
     int pixelWidth = 8;
     int pixelHeight = 8;
@@ -44,7 +44,7 @@ struct ImageSpec {
 
 // A link annotation: to a URI, to a page of this file (explicit /XYZ with the
 // given values; std::nullopt writes null), or to a named destination.
-struct LinkSpec {
+struct LinkLayout {
     Rect rect;
     std::string uri;                // URI link when not empty
     int targetPage = -1;            // explicit destination when >= 0
@@ -59,27 +59,27 @@ struct LinkSpec {
 
 // Any other annotation, by PDF subtype name ("Text", "Square", "Widget"...).
 // flags is the /F entry (4 = Print, 2 = Hidden, 32 = NoView).
-struct AnnotationSpec {
+struct AnnotationLayout {
     std::string subtype;
     Rect rect;
     int flags = 4;
     std::optional<uint32_t> fillRgb;  // with an appearance stream filling rect in this colour
 };
 
-struct PageSpec {
+struct PageLayout {
     double width = 612;
     double height = 792;
     int rotate = 0;                 // /Rotate, any multiple of 90
     std::optional<Rect> cropBox;    // /CropBox
     std::vector<TextRun> text;
     std::vector<FilledRect> rects;
-    std::vector<ImageSpec> images;
-    std::vector<LinkSpec> links;
-    std::vector<AnnotationSpec> annotations;
+    std::vector<ImageLayout> images;
+    std::vector<LinkLayout> links;
+    std::vector<AnnotationLayout> annotations;
     std::string extraContent;       // raw content-stream operators appended at the end
 };
 
-struct EncryptionSpec {
+struct Encryption {
     enum class Method { Rc4_40, Rc4_128, Aes128, Aes256 };
     std::string userPassword;
     std::string ownerPassword;
@@ -89,7 +89,7 @@ struct EncryptionSpec {
 
 class PdfBuilder {
 public:
-    PdfBuilder& AddPage(PageSpec page);
+    PdfBuilder& AddPage(PageLayout page);
     // Adds count pages of the given size, each with "Page N" (N from 1) at (72, 720).
     PdfBuilder& AddNumberedPages(int count, double width = 612, double height = 792);
     // A named destination for /XYZ left top on page, in the catalog's /Names
@@ -101,13 +101,13 @@ public:
     // takes the first page's size and rotation; a page that differs from it
     // keeps its own /MediaBox or /Rotate.
     PdfBuilder& InheritAttributes(bool inherit = true);
-    PdfBuilder& Encrypt(EncryptionSpec encryption);
+    PdfBuilder& Encrypt(Encryption encryption);
 
     // The file's bytes. Throws std::runtime_error on failure.
     std::string Build() const;
     void Save(const std::filesystem::path& path) const;
 
-    const std::vector<PageSpec>& Pages() const { return pages_; }
+    const std::vector<PageLayout>& Pages() const { return pages_; }
 
 private:
     struct NamedDestination {
@@ -116,10 +116,10 @@ private:
         double left, top;
         bool inNamesTree;
     };
-    std::vector<PageSpec> pages_;
+    std::vector<PageLayout> pages_;
     std::vector<NamedDestination> named_;
     bool inherit_ = false;
-    std::optional<EncryptionSpec> encryption_;
+    std::optional<Encryption> encryption_;
 };
 
 // Writes bytes to a file.
