@@ -34,7 +34,7 @@
 
 namespace Orvane::PDF {
 
-class Quirelle::Impl {
+class QUIRELLE_HIDDEN Quirelle::Impl {
 public:
     using ViewType = IPageInfoObserver::ViewType;
     using OpenDocInfo = IPDFProvider::OpenDocInfo;
