@@ -1,5 +1,5 @@
-// Asynchronous page requests: coalescing, order, cancellation, failures and
-// observers that act from inside their callbacks.
+// Asynchronous page requests: coalescing, cancellation, failures and
+// observers that throw or act from inside their callbacks.
 
 #include <atomic>
 
@@ -7,6 +7,10 @@
 
 namespace QuirelleTest {
 namespace {
+
+constexpr auto kDefault = IPageInfoObserver::DefaultView;
+constexpr auto kThumbnail = IPageInfoObserver::ThumbnailView;
+constexpr auto kPrint = IPageInfoObserver::PrintView;
 
 class AsyncRequests : public ServiceTest {
 protected:
@@ -23,85 +27,55 @@ protected:
     RecordingObserver observer;
 };
 
-std::vector<unsigned> PagesOf(const std::vector<RecordingObserver::Info>& infos) {
-    std::vector<unsigned> pages;
-    for (const auto& info : infos) pages.push_back(info.page);
-    return pages;
-}
-
-TEST_F(AsyncRequests, PageInfoRequestsAreAnsweredOnceOldestFirst) {
-    {
-        PassClock clock(*service, clockDoc);
-        service->GetPageInfoAsync(doc, 3, IPageInfoObserver::DefaultView);
-        service->GetPageInfoAsync(doc, 3, IPageInfoObserver::DefaultView);
-        service->GetPageInfoAsync(doc, 4, IPageInfoObserver::DefaultView);
-        service->GetPageInfoAsync(doc, 6, IPageInfoObserver::DefaultView);
-        service->GetPageInfoAsync(doc, 5, IPageInfoObserver::DefaultView);
-        service->GetPageInfoAsync(doc, 6, IPageInfoObserver::DefaultView);  // moves behind 5
-        clock.Release();
-        observer.WaitForInfos(4);
-    }
-    const auto infos = observer.Infos();
-    EXPECT_EQ(PagesOf(infos), (std::vector<unsigned>{3, 4, 5, 6}));
-    EXPECT_DOUBLE_EQ(infos[0].size.width, 612);
-    EXPECT_DOUBLE_EQ(infos[0].rect.top, 792);
-}
-
-TEST_F(AsyncRequests, ANewerImageRequestReplacesThePendingOneAndOthersArePageKeyed) {
+TEST_F(AsyncRequests, PendingRequestsAreCoalescedAndCancelledExactly) {
     const int64_t otherDoc = OpenNumbered(9);
     {
         PassClock clock(*service, clockDoc);
-        service->GeneratePageImageAsync(doc, 7, 100, 100, IPageInfoObserver::DefaultView);
-        service->GeneratePageImageAsync(doc, 7, 200, 150, IPageInfoObserver::DefaultView);       // replaces
-        service->GeneratePageImageAsync(otherDoc, 7, 50, 50, IPageInfoObserver::DefaultView);    // dropped
-        service->GeneratePageImageAsync(doc, 7, 30, 30, IPageInfoObserver::ThumbnailView);      // other set: kept
-        service->GeneratePageImageAsync(otherDoc, 7, 40, 40, IPageInfoObserver::PrintView);     // same set: dropped
+        // Page information: answered once each, oldest first; a repeat moves to the back.
+        for (unsigned page : {3u, 3u, 4u, 6u, 5u, 6u}) service->GetPageInfoAsync(doc, page, kDefault);
+        // Images are keyed on the page index alone, per view set.
+        service->GeneratePageImageAsync(doc, 7, 100, 100, kDefault);
+        service->GeneratePageImageAsync(doc, 7, 200, 150, kDefault);     // replaces
+        service->GeneratePageImageAsync(otherDoc, 7, 50, 50, kDefault);  // dropped
+        service->GeneratePageImageAsync(doc, 7, 30, 30, kThumbnail);     // other set: kept
+        service->GeneratePageImageAsync(otherDoc, 7, 40, 40, kPrint);    // same set: dropped
+        // Cancelling matches document, page and the exact view type.
+        service->GeneratePageImageAsync(doc, 2, 10, 10, kThumbnail);
+        service->GeneratePageImageAsync(doc, 8, 10, 10, kDefault);
+        service->GetPageInfoAsync(doc, 2, kThumbnail);
+        service->GetPageInfoAsync(doc, 2, kDefault);
+        service->CancelAsyncTasks(doc, 2, kPrint);      // matches nothing
+        service->CancelAsyncTasks(doc, 2, kThumbnail);  // image and info of that view
+        service->CancelAsyncTasks(doc, 8, kDefault);
         clock.Release();
-        observer.WaitForImages(2);
-        // A later pass would answer anything else that was kept.
-        clock.WaitForPass(3);
+        observer.infos.WaitFor(5);
+        observer.images.WaitFor(2);
+        clock.WaitForPass(7);  // a later pass would answer anything else that was kept
     }
-    const auto images = observer.Images();
+    std::vector<unsigned> pages;
+    for (const auto& info : observer.infos.All()) pages.push_back(info.page);
+    EXPECT_EQ(pages, (std::vector<unsigned>{3, 4, 5, 6, 2}));
+    EXPECT_DOUBLE_EQ(observer.infos.All()[0].size.width, 612);
+    EXPECT_DOUBLE_EQ(observer.infos.All()[0].rect.top, 792);
+    const auto images = observer.images.All();
     ASSERT_EQ(images.size(), 2u);
     EXPECT_EQ(images[0].doc, doc);
-    EXPECT_EQ(images[0].viewType, IPageInfoObserver::DefaultView);
+    EXPECT_EQ(images[0].viewType, kDefault);
     EXPECT_EQ(images[0].image.size(), QSize(200, 150));
-    EXPECT_EQ(images[1].viewType, IPageInfoObserver::ThumbnailView);
+    EXPECT_EQ(images[1].viewType, kThumbnail);
     EXPECT_EQ(images[1].image.size(), QSize(30, 30));
 }
 
-TEST_F(AsyncRequests, CancelMatchesDocumentPageAndExactViewType) {
-    {
-        PassClock clock(*service, clockDoc);
-        service->GeneratePageImageAsync(doc, 2, 10, 10, IPageInfoObserver::ThumbnailView);
-        service->GeneratePageImageAsync(doc, 3, 10, 10, IPageInfoObserver::DefaultView);
-        service->GetPageInfoAsync(doc, 2, IPageInfoObserver::ThumbnailView);
-        service->GetPageInfoAsync(doc, 2, IPageInfoObserver::DefaultView);
-        service->CancelAsyncTasks(doc, 2, IPageInfoObserver::PrintView);      // matches nothing
-        service->CancelAsyncTasks(doc, 2, IPageInfoObserver::ThumbnailView);  // image and info of view 1
-        service->CancelAsyncTasks(doc, 3, IPageInfoObserver::DefaultView);
-        clock.Release();
-        observer.WaitForInfos(1);
-        clock.WaitForPass(3);
-    }
-    EXPECT_TRUE(observer.Images().empty());
-    const auto infos = observer.Infos();
-    ASSERT_EQ(infos.size(), 1u);
-    EXPECT_EQ(infos[0].page, 2u);
-}
-
 TEST_F(AsyncRequests, FailuresAreReportedWithTheFailureValues) {
-    service->GetPageInfoAsync(12345, 0, IPageInfoObserver::DefaultView);
-    service->GetPageInfoAsync(doc, 99, IPageInfoObserver::DefaultView);  // page out of range
-    service->GeneratePageImageAsync(12345, 0, 10, 10, IPageInfoObserver::DefaultView);
-    const auto infos = observer.WaitForInfos(2);
-    for (const auto& info : infos) {
-        EXPECT_DOUBLE_EQ(info.size.width, 1.0);
-        EXPECT_DOUBLE_EQ(info.size.height, 1.0);
+    service->GetPageInfoAsync(12345, 0, kDefault);
+    service->GetPageInfoAsync(doc, 99, kDefault);  // page out of range
+    service->GeneratePageImageAsync(12345, 0, 10, 10, kDefault);
+    for (const auto& info : observer.infos.WaitFor(2)) {
+        EXPECT_EQ(std::make_pair(info.size.width, info.size.height), std::make_pair(1.0, 1.0));
         EXPECT_EQ(info.rotation, IPage::Rotate0);
-        EXPECT_DOUBLE_EQ(info.rect.left + info.rect.top + info.rect.right + info.rect.bottom, 0.0);
+        EXPECT_EQ(Sides(info.rect), (std::array<double, 4>{0, 0, 0, 0}));
     }
-    EXPECT_TRUE(observer.WaitForImages(1)[0].image.isNull());
+    EXPECT_TRUE(observer.images.WaitFor(1)[0].image.isNull());
 }
 
 TEST_F(AsyncRequests, AnObserverThatThrowsGetsTheFailureNotificationOnce) {
@@ -115,17 +89,16 @@ TEST_F(AsyncRequests, AnObserverThatThrowsGetsTheFailureNotificationOnce) {
     service->UnregisterEventHandler(&observer);
     service->RegisterEventHandler(&throwing);
     service->RegisterEventHandler(&observer);  // behind the throwing one
-    service->GetPageInfoAsync(doc, 1, IPageInfoObserver::DefaultView);
-    service->GeneratePageImageAsync(doc, 1, 10, 10, IPageInfoObserver::DefaultView);
+    service->GetPageInfoAsync(doc, 1, kDefault);
+    service->GeneratePageImageAsync(doc, 1, 10, 10, kDefault);
     // The success notification ends at the throwing observer; the failure
     // notification then starts over, ends at it again and is dropped.
-    const auto seen = throwing.WaitForInfos(2);
+    const auto seen = throwing.infos.WaitFor(2);
     EXPECT_DOUBLE_EQ(seen[0].size.width, 612);
     EXPECT_DOUBLE_EQ(seen[1].size.width, 1.0);
-    // The worker is alive and well.
-    EXPECT_DOUBLE_EQ(Await(service->GetPageInfo(doc, 0)).size.width, 612);
-    EXPECT_TRUE(observer.Infos().empty());
-    EXPECT_TRUE(observer.Images().empty());
+    EXPECT_DOUBLE_EQ(Await(service->GetPageInfo(doc, 0)).size.width, 612);  // the worker goes on
+    EXPECT_TRUE(observer.infos.All().empty());
+    EXPECT_TRUE(observer.images.All().empty());
     service->UnregisterEventHandler(&throwing);
 }
 
@@ -133,18 +106,18 @@ TEST_F(AsyncRequests, ClosingADocumentDropsItsPendingRequests) {
     {
         PassClock clock(*service, clockDoc);
         clock.OccupyCloseStep();
-        service->GeneratePageImageAsync(doc, 1, 10, 10, IPageInfoObserver::DefaultView);
-        service->GeneratePageImageAsync(doc, 2, 10, 10, IPageInfoObserver::DefaultView);
-        service->GetPageInfoAsync(doc, 1, IPageInfoObserver::DefaultView);
-        service->GetPageInfoAsync(doc, 2, IPageInfoObserver::DefaultView);
+        for (unsigned page : {1u, 2u}) {
+            service->GeneratePageImageAsync(doc, page, 10, 10, kDefault);
+            service->GetPageInfoAsync(doc, page, kDefault);
+        }
         auto close = service->CloseDoument(doc);
         clock.Release();
         Await(std::move(close));
         clock.WaitForPass(3);
     }
     // Pass 1 answered page 1 of each kind before the close; page 2 was dropped.
-    EXPECT_EQ(observer.Images().size(), 1u);
-    EXPECT_EQ(observer.Infos().size(), 1u);
+    EXPECT_EQ(observer.images.All().size(), 1u);
+    EXPECT_EQ(observer.infos.All().size(), 1u);
 }
 
 TEST_F(AsyncRequests, ObserversMayRegisterUnregisterAndRequestFromCallbacks) {
@@ -161,19 +134,19 @@ TEST_F(AsyncRequests, ObserversMayRegisterUnregisterAndRequestFromCallbacks) {
             provider->UnregisterEventHandler(&extra);
         }
         if (n < 40) {
-            provider->GeneratePageImageAsync(doc, n % 10, 8, 8, IPageInfoObserver::DefaultView);
-            provider->GetPageInfoAsync(doc, n % 10, IPageInfoObserver::ThumbnailView);
+            provider->GeneratePageImageAsync(doc, n % 10, 8, 8, kDefault);
+            provider->GetPageInfoAsync(doc, n % 10, kThumbnail);
         }
     };
     std::thread caller([&] {
         for (unsigned i = 0; i < 20; ++i) {
-            provider->GetPageInfoAsync(doc, i % 10, IPageInfoObserver::DefaultView);
-            provider->CancelAsyncTasks(doc, (i + 5) % 10, IPageInfoObserver::DefaultView);
+            provider->GetPageInfoAsync(doc, i % 10, kDefault);
+            provider->CancelAsyncTasks(doc, (i + 5) % 10, kDefault);
         }
     });
-    provider->GeneratePageImageAsync(doc, 0, 8, 8, IPageInfoObserver::DefaultView);
+    provider->GeneratePageImageAsync(doc, 0, 8, 8, kDefault);
     caller.join();
-    observer.WaitForImages(5);
+    observer.images.WaitFor(5);
     // Stop the worker while the observers and the callback's captures live.
     service.reset();
     EXPECT_GE(answers.load(), 5);

@@ -15,26 +15,21 @@ protected:
     // The first line of each page's text ("" for a blank page).
     std::vector<std::string> Labels(int64_t id) {
         std::vector<std::string> labels;
-        const int count = service->GetPageCount(id);
-        for (int page = 0; page < count; ++page) {
-            std::shared_ptr<ITextObject> text = Await(service->GetPageTextObject(id, page));
-            const std::wstring all = text->GetText();
+        for (int page = 0; page < service->GetPageCount(id); ++page) {
+            const std::wstring all = Await(service->GetPageTextObject(id, page))->GetText();
             labels.emplace_back(all.begin(), std::find(all.begin(), all.end(), L'\n'));
         }
         return labels;
     }
-
     static std::vector<std::string> Numbered(std::initializer_list<int> numbers) {
         std::vector<std::string> labels;
         for (int n : numbers) labels.push_back("Page " + std::to_string(n));
         return labels;
     }
-
     static void ExpectValid(const std::filesystem::path& path) {
         const std::string command = "qpdf --check '" + path.string() + "' > /dev/null 2>&1";
         EXPECT_EQ(std::system(command.c_str()), 0) << "qpdf rejects " << path;
     }
-
     // Saves a copy, checks it with qpdf, reopens it and expects the same pages.
     int64_t RoundTrip(int64_t id) {
         const auto path = temp.File("roundtrip" + std::to_string(saved++) + ".pdf");
@@ -43,28 +38,27 @@ protected:
         const int64_t reopened = Open(path);
         EXPECT_EQ(Labels(reopened), Labels(id));
         for (int page = 0; page < service->GetPageCount(id); ++page) {
-            EXPECT_EQ(Await(service->GetPageInfo(reopened, page)).rotation, Await(service->GetPageInfo(id, page)).rotation);
+            EXPECT_EQ(Await(service->GetPageInfo(reopened, page)).rotation,
+                      Await(service->GetPageInfo(id, page)).rotation);
         }
         return reopened;
     }
-
     int saved = 0;
 };
 
 TEST_F(Edits, DeleteRunsInTheCallersOrder) {
     const int64_t ascending = Open(NumberedPdf(6, "a.pdf"));
     const int64_t descending = Open(NumberedPdf(6, "b.pdf"));
-    Await(service->DeletePages(ascending, {2, 4}));   // the second index counts after the first deletion
+    Await(service->DeletePages(ascending, {2, 4}));  // the second index counts after the first deletion
     Await(service->DeletePages(descending, {4, 2}));
+    Await(service->DeletePages(descending, {}));  // an empty list deletes nothing
     EXPECT_EQ(Labels(ascending), Numbered({1, 2, 4, 5}));
     EXPECT_EQ(Labels(descending), Numbered({1, 2, 4, 6}));
-    RoundTrip(ascending);
-    Await(service->DeletePages(ascending, {}));
-    EXPECT_EQ(service->GetPageCount(ascending), 4);
     // A failure stops the list; what was deleted stays deleted.
     EXPECT_THROW(Await(service->DeletePages(descending, {0, 9, 0})), std::out_of_range);
     EXPECT_EQ(Labels(descending), Numbered({2, 4, 6}));
-    Await(service->DeletePages(12345, {0}));  // unknown id: nothing
+    RoundTrip(ascending);
+    RoundTrip(descending);
 }
 
 TEST_F(Edits, MoveLandsThePagesBeforeTheDestination) {
@@ -73,7 +67,7 @@ TEST_F(Edits, MoveLandsThePagesBeforeTheDestination) {
         unsigned destination;
         std::vector<std::string> expected;
     };
-    const std::vector<Case> cases = {
+    const Case cases[] = {
         {{1, 2}, 4, Numbered({1, 4, 2, 3, 5})},  // into the middle
         {{1, 2}, 0, Numbered({2, 3, 1, 4, 5})},  // to the front
         {{3}, 0, Numbered({4, 1, 2, 3, 5})},     // a single page
@@ -85,30 +79,8 @@ TEST_F(Edits, MoveLandsThePagesBeforeTheDestination) {
         const int64_t doc = Open(NumberedPdf(5, "move" + std::to_string(n++) + ".pdf"));
         Await(service->MovePages(doc, c.pages, c.destination));
         EXPECT_EQ(Labels(doc), c.expected) << "case " << n;
-        if (n == 1) RoundTrip(doc);
+        RoundTrip(doc);
     }
-}
-
-TEST_F(Edits, MovedPagesKeepInheritedAttributesAndLinks) {
-    PdfBuilder builder;
-    builder.InheritAttributes();
-    for (int i = 1; i <= 3; ++i) {
-        PageLayout page;
-        page.rotate = 90;
-        page.text.push_back({72, 720, 12, "Page " + std::to_string(i)});
-        page.links.push_back({Rect{50, 100, 150, 50}, "https://example.org/" + std::to_string(i)});
-        builder.AddPage(page);
-    }
-    const auto path = temp.File("inherited.pdf");
-    builder.Save(path);
-    const int64_t doc = Open(path);
-    Await(service->MovePages(doc, {0}, 3));
-    EXPECT_EQ(Labels(doc), Numbered({2, 3, 1}));
-    const int64_t reopened = RoundTrip(doc);
-    const auto info = Await(service->GetPageInfo(reopened, 2));
-    EXPECT_EQ(info.rotation, IPage::Rotate90);
-    EXPECT_DOUBLE_EQ(info.size.width, 792);
-    EXPECT_EQ(Await(service->HandleLink(reopened, 2, 100, 75)).uri, "https://example.org/1");
 }
 
 TEST_F(Edits, RotationTurnsRelativeToTheCurrentRotation) {
@@ -120,36 +92,35 @@ TEST_F(Edits, RotationTurnsRelativeToTheCurrentRotation) {
     }
     const auto path = temp.File("rotations.pdf");
     builder.Save(path);
-    const std::pair<IPDFProvider::PageRotation, int> steps[] = {
-        {IPDFProvider::RotateClockwise, 1}, {IPDFProvider::RotateCounterClockwise, 3}, {IPDFProvider::RotateHalfTurn, 2}};
+    const std::pair<IPDFProvider::PageRotation, int> steps[] = {{IPDFProvider::RotateClockwise, 1},
+                                                                {IPDFProvider::RotateCounterClockwise, 3},
+                                                                {IPDFProvider::RotateHalfTurn, 2}};
     for (const auto& [rotation, quarterTurns] : steps) {
         const int64_t doc = Open(path);
-        for (unsigned page = 0; page < 4; ++page) Await(service->RotatePage(doc, page, rotation));
         for (unsigned page = 0; page < 4; ++page) {
+            Await(service->RotatePage(doc, page, rotation));
             EXPECT_EQ(Await(service->GetPageInfo(doc, page)).rotation, int((page + quarterTurns) % 4))
                 << "page " << page << " step " << rotation;
         }
+        RoundTrip(doc);
     }
     const int64_t doc = Open(path);
     for (int i = 0; i < 4; ++i) Await(service->RotatePage(doc, 1, IPDFProvider::RotateClockwise));
-    EXPECT_EQ(Await(service->GetPageInfo(doc, 1)).rotation, IPage::Rotate90);
     Await(service->RotatePage(doc, 1, static_cast<IPDFProvider::PageRotation>(7)));  // no such step: untouched
     EXPECT_EQ(Await(service->GetPageInfo(doc, 1)).rotation, IPage::Rotate90);
     EXPECT_THROW(Await(service->RotatePage(doc, 9, IPDFProvider::RotateClockwise)), std::out_of_range);
-    RoundTrip(doc);
 }
 
 TEST_F(Edits, BlankPagesOfGivenSizesAtGivenPlaces) {
     const int64_t doc = OpenNumbered(2);
     Await(service->AddBlankPage(doc, 1, 300, 400));
     Await(service->AddBlankPage(doc, 0, 100, 150));
-    Await(service->AddBlankPage(doc, 99, 200, 200));  // past the end: appended
+    Await(service->AddBlankPage(doc, 99, 200, 250));  // past the end: appended
     EXPECT_EQ(Labels(doc), (std::vector<std::string>{"", "Page 1", "", "Page 2", ""}));
-    const auto info = Await(service->GetPageInfo(doc, 2));
-    EXPECT_DOUBLE_EQ(info.size.width, 300);
-    EXPECT_DOUBLE_EQ(info.size.height, 400);
-    EXPECT_DOUBLE_EQ(Await(service->GetPageInfo(doc, 0)).size.width, 100);
-    Await(service->AddBlankPage(4242, 0, 100, 100));  // unknown id: nothing
+    for (const auto& [page, width, height] : {std::array<int, 3>{0, 100, 150}, {2, 300, 400}, {4, 200, 250}}) {
+        const Size size = Await(service->GetPageInfo(doc, page)).size;
+        EXPECT_EQ(std::make_pair(size.width, size.height), std::make_pair(double(width), double(height)));
+    }
     RoundTrip(doc);
 }
 
@@ -161,10 +132,8 @@ TEST_F(Edits, ImportsKeepListOrderDuplicatesAndPosition) {
     Await(service->ImportAllPages(source, target, -1));  // negative: appended
     EXPECT_EQ(Labels(target), Numbered({1, 3, 1, 3, 2, 1, 2, 3}));
     Await(service->ImportPages(source, target, {}, 0));
-    EXPECT_EQ(service->GetPageCount(target), 8);
     EXPECT_EQ(Labels(source), Numbered({1, 2, 3}));
     RoundTrip(target);
-
     // A document importing from itself.
     Await(service->ImportPages(source, source, {0, 1}, 3));
     Await(service->ImportAllPages(source, source, 0));
@@ -173,17 +142,17 @@ TEST_F(Edits, ImportsKeepListOrderDuplicatesAndPosition) {
     EXPECT_THROW(Await(service->ImportPages(source, target, {50}, 0)), std::out_of_range);
 }
 
-TEST_F(Edits, ImportsWithUndefinedOrUnknownIds) {
+TEST_F(Edits, UndefinedIdsAreIgnoredAndUnknownIdsRefused) {
     const int64_t doc = OpenNumbered(2);
-    // -1 is logged and ignored; the future completes normally.
+    // -1 is logged and ignored; the future completes normally. So do other edits of unknown ids.
     Await(service->ImportPages(-1, doc, {0}, 0));
     Await(service->ImportAllPages(doc, -1, 0));
-    Await(service->ImportAllPages(-1, -1, 0));
-    EXPECT_EQ(service->GetPageCount(doc), 2);
+    Await(service->DeletePages(12345, {0}));
+    Await(service->AddBlankPage(4242, 0, 100, 100));
     // An unknown id reaches the engine as an empty document, which refuses it.
     EXPECT_THROW(Await(service->ImportAllPages(77, doc, 0)), std::invalid_argument);
     EXPECT_THROW(Await(service->ImportPages(doc, 78, {0}, 0)), std::invalid_argument);
-    EXPECT_EQ(service->GetPageCount(doc), 2);
+    EXPECT_EQ(Labels(doc), Numbered({1, 2}));
     EXPECT_THROW(service->GetPageCount(77), std::invalid_argument);  // the empty entry is not an open document
 }
 
@@ -192,20 +161,20 @@ TEST_F(Edits, ExportWritesTheListedPagesInListOrder) {
     const auto out = temp.File("export.pdf");
     EXPECT_TRUE(Await(service->ExportPagesTo(doc, {3, 1, 3, 0}, out.string())));
     ExpectValid(out);
-    const int64_t exported = Open(out);
-    EXPECT_EQ(Labels(exported), Numbered({4, 2, 4, 1}));
+    EXPECT_EQ(Labels(Open(out)), Numbered({4, 2, 4, 1}));
     EXPECT_EQ(Labels(doc), Numbered({1, 2, 3, 4}));  // the source is unchanged
-
-    const auto unknown = temp.File("unknown.pdf");
-    EXPECT_FALSE(Await(service->ExportPagesTo(999, {0}, unknown.string())));
-    EXPECT_FALSE(std::filesystem::exists(unknown));
-    const auto outOfRange = temp.File("range.pdf");
-    EXPECT_FALSE(Await(service->ExportPagesTo(doc, {0, 7}, outOfRange.string())));
+    // Failures answer false and leave no file.
+    const std::pair<int64_t, std::vector<unsigned>> failures[] = {{999, {0}}, {doc, {0, 7}}};
+    for (const auto& [id, pages] : failures) {
+        const auto path = temp.File("failed" + std::to_string(pages.size()) + ".pdf");
+        EXPECT_FALSE(Await(service->ExportPagesTo(id, pages, path.string())));
+        EXPECT_FALSE(std::filesystem::exists(path));
+    }
     EXPECT_FALSE(Await(service->ExportPagesTo(doc, {0}, temp.File("no/dir/x.pdf").string())));
-    EXPECT_FALSE(std::filesystem::exists(outOfRange));
-    // An empty list writes a file without pages.
+    // An empty list writes a valid file without pages.
     const auto none = temp.File("none.pdf");
     EXPECT_TRUE(Await(service->ExportPagesTo(doc, {}, none.string())));
+    ExpectValid(none);
     EXPECT_EQ(service->GetPageCount(Open(none)), 0);
 }
 

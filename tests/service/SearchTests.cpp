@@ -9,36 +9,27 @@ namespace QuirelleTest {
 namespace {
 
 // Collects one search's callbacks.
-class Hits {
-public:
+struct Hits {
+    struct Step {
+        unsigned page;
+        std::vector<SearchResultInfo> results;
+        std::shared_ptr<ITextObject> text;
+    };
     IPDFProvider::SearchCallback Callback() {
         return [this](unsigned page, const std::vector<SearchResultInfo>& results,
                       const std::shared_ptr<ITextObject>& text) {
-            std::lock_guard<std::mutex> lock(mutex_);
-            pages_.push_back(page);
-            results_.push_back(results);
-            texts_.push_back(text);
             if (onPage) onPage(page);
-            changed_.notify_all();
+            steps.Add({page, results, text});
         };
     }
     std::vector<unsigned> WaitForPages(size_t n) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        if (!changed_.wait_for(lock, kTimeout, [&] { return pages_.size() >= n; })) ADD_FAILURE() << "too few pages";
-        return pages_;
+        std::vector<unsigned> pages;
+        for (const Step& step : steps.WaitFor(n)) pages.push_back(step.page);
+        return pages;
     }
-    std::vector<unsigned> Pages() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return pages_;
-    }
-    std::vector<std::vector<SearchResultInfo>> results_;
-    std::vector<std::shared_ptr<ITextObject>> texts_;
-    std::function<void(unsigned)> onPage;  // under the collector's lock
-
-private:
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    std::vector<unsigned> pages_;
+    std::vector<unsigned> Pages() { return WaitForPages(0); }
+    std::function<void(unsigned)> onPage;  // on the worker, before the page is recorded
+    Recorded<Step> steps;
 };
 
 using Search = ServiceTest;
@@ -56,32 +47,26 @@ void Drain(IPDFProvider& service, int64_t onePageDoc, int rounds = 1) {
 TEST_F(Search, VisitsEveryPageOnceFromTheStartPageWrappingAround) {
     const int64_t doc = OpenNumbered(5);
     const int64_t marker = OpenNumbered(1);
-    Hits hits;
+    const int64_t empty = Await(service->CreateDocument()).id;
+    Hits hits, none;
     const int64_t first = service->SearchInDocument(doc, 3, L"page", hits.Callback());
+    // Empty documents, empty callbacks and unknown ids search nothing.
+    service->SearchInDocument(empty, 0, L"page", none.Callback());
+    service->SearchInDocument(marker, 0, L"page", nullptr);
+    service->SearchInDocument(4242, 0, L"page", none.Callback());
     EXPECT_EQ(hits.WaitForPages(5), (std::vector<unsigned>{3, 4, 0, 1, 2}));
     Drain(*service, marker, 2);
     EXPECT_EQ(hits.Pages().size(), 5u);
+    EXPECT_TRUE(none.Pages().empty());
     // Every page says "Page N": one case-insensitive hit each, pointing at it.
-    for (size_t i = 0; i < 5; ++i) {
-        ASSERT_EQ(hits.results_[i].size(), 1u);
-        const SearchResultInfo& hit = hits.results_[i][0];
-        EXPECT_EQ(hits.texts_[i]->GetText().substr(hit.charIndex, hit.charCount), L"Page");
+    for (const Hits::Step& step : hits.steps.WaitFor(5)) {
+        ASSERT_EQ(step.results.size(), 1u);
+        EXPECT_EQ(step.text->GetText().substr(step.results[0].charIndex, step.results[0].charCount), L"Page");
     }
     // Search ids count up across documents; a start page past the end wraps.
     Hits wrapped;
-    EXPECT_EQ(service->SearchInDocument(marker, 7, L"page", wrapped.Callback()), first + 3);
+    EXPECT_EQ(service->SearchInDocument(marker, 7, L"page", wrapped.Callback()), first + 6);
     EXPECT_EQ(wrapped.WaitForPages(1), (std::vector<unsigned>{0}));
-}
-
-TEST_F(Search, EmptyDocumentsEmptyCallbacksAndUnknownIdsSearchNothing) {
-    const int64_t empty = Await(service->CreateDocument()).id;
-    const int64_t marker = OpenNumbered(1);
-    Hits hits;
-    service->SearchInDocument(empty, 0, L"page", hits.Callback());
-    service->SearchInDocument(marker, 0, L"page", nullptr);
-    service->SearchInDocument(4242, 0, L"page", hits.Callback());
-    Drain(*service, marker, 2);
-    EXPECT_TRUE(hits.Pages().empty());
 }
 
 TEST_F(Search, TwoSearchesTakeTurnsPageByPage) {
@@ -89,8 +74,12 @@ TEST_F(Search, TwoSearchesTakeTurnsPageByPage) {
     std::vector<std::string> order;
     std::mutex mutex;
     Hits a, b;
-    a.onPage = [&](unsigned page) { std::lock_guard<std::mutex> l(mutex); order.push_back("a" + std::to_string(page)); };
-    b.onPage = [&](unsigned page) { std::lock_guard<std::mutex> l(mutex); order.push_back("b" + std::to_string(page)); };
+    for (auto [hits, name] : {std::pair{&a, "a"}, std::pair{&b, "b"}}) {
+        hits->onPage = [&, name](unsigned page) {
+            std::lock_guard<std::mutex> lock(mutex);
+            order.push_back(name + std::to_string(page));
+        };
+    }
     const int64_t clockDoc = OpenNumbered(1);
     {
         // Hold the worker so both searches are queued before either steps.

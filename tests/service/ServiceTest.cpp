@@ -50,43 +50,4 @@ void PassClock::WaitForPass(int n) {
     }
 }
 
-void RecordingObserver::OnPageInfo(int64_t doc, unsigned page, const Size& size, const IPage::Rotation& rotation,
-                                   const Rect& rect) {
-    // The waiting test may destroy this observer as soon as it is woken: the
-    // lock is the last thing touched.
-    if (onAnswer) onAnswer();
-    std::lock_guard<std::mutex> lock(mutex_);
-    infos_.push_back({doc, page, size, rotation, rect});
-    changed_.notify_all();
-}
-
-void RecordingObserver::OnPageImage(int64_t doc, unsigned page, ViewType viewType, const QImage& image) {
-    if (onAnswer) onAnswer();
-    std::lock_guard<std::mutex> lock(mutex_);
-    images_.push_back({doc, page, viewType, image});
-    changed_.notify_all();
-}
-
-std::vector<RecordingObserver::Info> RecordingObserver::WaitForInfos(size_t n) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    if (!changed_.wait_for(lock, kTimeout, [&] { return infos_.size() >= n; })) ADD_FAILURE() << "missing page infos";
-    return infos_;
-}
-
-std::vector<RecordingObserver::Image> RecordingObserver::WaitForImages(size_t n) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    if (!changed_.wait_for(lock, kTimeout, [&] { return images_.size() >= n; })) ADD_FAILURE() << "missing images";
-    return images_;
-}
-
-std::vector<RecordingObserver::Info> RecordingObserver::Infos() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return infos_;
-}
-
-std::vector<RecordingObserver::Image> RecordingObserver::Images() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return images_;
-}
-
 }  // namespace QuirelleTest

@@ -4,6 +4,9 @@
 // in code, a clock that holds the worker and counts its passes, and an
 // observer that records what it hears.
 
+#include <gtest/gtest.h>
+
+#include <Quirelle>
 #include <array>
 #include <chrono>
 #include <condition_variable>
@@ -14,10 +17,6 @@
 #include <mutex>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
-
-#include <Quirelle>
 
 #include "tests/support/PdfBuilder.h"
 
@@ -42,6 +41,21 @@ bool IsReady(const std::future<T>& future) {
     return future.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
 }
 
+inline std::array<double, 4> Sides(const Rect& r) {
+    return {r.left, r.top, r.right, r.bottom};
+}
+
+// Expects the future's work to have been dropped unrun.
+template <class T>
+void ExpectBroken(std::future<T>& future) {
+    try {
+        future.get();
+        ADD_FAILURE() << "dropped work ran";
+    } catch (const std::future_error& e) {
+        EXPECT_EQ(e.code(), std::future_errc::broken_promise);
+    }
+}
+
 class ServiceTest : public ::testing::Test {
 protected:
     int64_t Open(const std::filesystem::path& path, const std::string& password = "") {
@@ -56,6 +70,13 @@ protected:
         return path;
     }
     int64_t OpenNumbered(int count) { return Open(NumberedPdf(count, "numbered" + std::to_string(count) + ".pdf")); }
+    // Runs work on the worker with the document (ExecuteWithDocument).
+    std::future<void> WithDocument(int64_t id, std::function<void(std::shared_ptr<IDocument>&)> work) {
+        std::packaged_task<void(std::shared_ptr<IDocument>&)> task(std::move(work));
+        auto done = task.get_future();
+        service->ExecuteWithDocument(id, std::move(task));
+        return done;
+    }
 
     TempDir temp;
     std::unique_ptr<Quirelle> service = std::make_unique<Quirelle>(nullptr);
@@ -102,6 +123,30 @@ private:
     bool detached_ = false;
 };
 
+// Items added on any thread, read by the test.
+template <class T>
+class Recorded {
+public:
+    // The lock is the last thing touched: a waiting test may destroy the owner once woken.
+    void Add(T item) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        items_.push_back(std::move(item));
+        changed_.notify_all();
+    }
+    // Waits until there are at least n.
+    std::vector<T> WaitFor(size_t n) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        if (!changed_.wait_for(lock, kTimeout, [&] { return items_.size() >= n; })) ADD_FAILURE() << "too few";
+        return items_;
+    }
+    std::vector<T> All() { return WaitFor(0); }
+
+private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::vector<T> items_;
+};
+
 // Records the answers to asynchronous requests.
 class RecordingObserver : public IPageInfoObserver {
 public:
@@ -120,22 +165,18 @@ public:
     };
 
     void OnPageInfo(int64_t doc, unsigned page, const Size& size, const IPage::Rotation& rotation,
-                    const Rect& rect) override;
-    void OnPageImage(int64_t doc, unsigned page, ViewType viewType, const QImage& image) override;
-
-    // Waits until at least n answers of the kind have come.
-    std::vector<Info> WaitForInfos(size_t n);
-    std::vector<Image> WaitForImages(size_t n);
-    std::vector<Info> Infos();
-    std::vector<Image> Images();
+                    const Rect& rect) override {
+        if (onAnswer) onAnswer();
+        infos.Add({doc, page, size, rotation, rect});
+    }
+    void OnPageImage(int64_t doc, unsigned page, ViewType viewType, const QImage& image) override {
+        if (onAnswer) onAnswer();
+        images.Add({doc, page, viewType, image});
+    }
 
     std::function<void()> onAnswer;  // runs on the worker before each answer is recorded
-
-private:
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    std::vector<Info> infos_;
-    std::vector<Image> images_;
+    Recorded<Info> infos;
+    Recorded<Image> images;
 };
 
 }  // namespace QuirelleTest
