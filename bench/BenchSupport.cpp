@@ -1,5 +1,7 @@
 #include "BenchSupport.h"
 
+#include <mupdf/fitz.h>
+
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -8,8 +10,6 @@
 #include <optional>
 #include <stdexcept>
 #include <type_traits>
-
-#include <mupdf/fitz.h>
 
 #include "engine/Context.h"
 #include "engine/Engine.h"
@@ -42,11 +42,11 @@ private:
 };
 
 // None of them contains the needle.
-const char* const kWords[] = {
-    "amber",  "basalt",   "cinder", "delta",    "ember",   "fjord",  "granite", "harbor", "inlet",
-    "jasper", "kestrel",  "lagoon", "meridian", "nimbus",  "obsidian", "prairie", "ridge", "sierra",
-    "tundra", "umber",    "valley", "willow",   "xenon",   "yonder", "zephyr",  "of",     "and",
-    "the",    "a",        "to",     "in",       "over",    "beyond", "under",   "near",   "across"};
+const char* const kWords[] = {"amber",  "basalt", "cinder",  "delta",  "ember",    "fjord",  "granite",  "harbor",
+                              "inlet",  "jasper", "kestrel", "lagoon", "meridian", "nimbus", "obsidian", "prairie",
+                              "ridge",  "sierra", "tundra",  "umber",  "valley",   "willow", "xenon",    "yonder",
+                              "zephyr", "of",     "and",     "the",    "a",        "to",     "in",       "over",
+                              "beyond", "under",  "near",    "across"};
 
 struct HeavyDocument {
     QuirelleTest::PdfBuilder builder;
@@ -103,7 +103,8 @@ HeavyDocument BuildHeavyDocument() {
     for (int i = 0; i < 400; ++i) {
         const double left = 36 + random.Below(500);
         const double top = 80 + random.Below(680);
-        images.rects.push_back(FilledRect{{left, top, left + 4 + random.Below(60), top - 4 - random.Below(60)}, colour()});
+        images.rects.push_back(
+            FilledRect{{left, top, left + 4 + random.Below(60), top - 4 - random.Below(60)}, colour()});
     }
     images.images.push_back(Picture{{50, 740, 330, 460}, 1200, 1200, 0x3366CC, std::nullopt});
     images.images.push_back(Picture{{280, 600, 560, 320}, 1200, 1200, 0xCC6633, 160});
@@ -186,8 +187,8 @@ std::vector<InputPage> MeasurePages(size_t input, const IDocument& document) {
 // Renders every page three ways and refuses to go on unless the service and
 // the engine drew the very same pixels and the baseline drew the same page.
 void CheckRenders(State& s) {
-    std::fprintf(stderr, "%-22s %11s %10s %10s %10s %12s %12s\n", "page", "pixels", "ink raw", "ink engine",
-                 "ink svc", "svc!=engine", "svc!=raw");
+    std::fprintf(stderr, "%-22s %11s %10s %10s %10s %12s %12s\n", "page", "pixels", "ink raw", "ink engine", "ink svc",
+                 "svc!=engine", "svc!=raw");
     for (size_t in = 0; in < s.inputs.size(); ++in) {
         Input& input = s.inputs[in];
         for (const InputPage& page : input.pages) {
@@ -274,8 +275,8 @@ void RawMuPdf::Render(size_t input, unsigned pageIndex, QImage& picture) {
     const int w = picture.width(), h = picture.height(), stride = static_cast<int>(picture.bytesPerLine());
     unsigned char* bits = picture.bits();
     PixmapHandle pixmap(ctx, guarded(ctx, [&] {
-        return fz_new_pixmap_with_data(ctx, fz_device_bgr(ctx), w, h, nullptr, 1, stride, bits);
-    }));
+                            return fz_new_pixmap_with_data(ctx, fz_device_bgr(ctx), w, h, nullptr, 1, stride, bits);
+                        }));
     guarded(ctx, [&] { fz_clear_pixmap_with_value(ctx, pixmap.get(), 0xFF); });
     DeviceHandle device(ctx, guarded(ctx, [&] { return fz_new_draw_device(ctx, fz_identity, pixmap.get()); }));
     guarded(ctx, [&] {
@@ -424,12 +425,17 @@ void Build(State& s) {
 
 }  // namespace
 
-const char* InputName(size_t input) { return input == kSample ? "sample" : "heavy"; }
+const char* InputName(size_t input) {
+    return input == kSample ? "sample" : "heavy";
+}
 
 const std::vector<PageName>& PageNames() {
-    static const std::vector<PageName> names = {{kSample, 0, "p0"},        {kSample, 1, "p1"},
-                                                {kSample, 2, "p2"},        {kHeavy, 0, "p0_shapes"},
-                                                {kHeavy, kTextPage, "p1_text"}, {kHeavy, 2, "p2_images"}};
+    static const std::vector<PageName> names = {{kSample, 0, "p0"},
+                                                {kSample, 1, "p1"},
+                                                {kSample, 2, "p2"},
+                                                {kHeavy, 0, "p0_shapes"},
+                                                {kHeavy, kTextPage, "p1_text"},
+                                                {kHeavy, 2, "p2_images"}};
     return names;
 }
 
@@ -453,12 +459,26 @@ double Fastest(const std::vector<double>& values) {
     return values.empty() ? 0.0 : *std::min_element(values.begin(), values.end());
 }
 
-std::vector<Input>& Inputs() { return Current().inputs; }
-const InputPage& PageOf(const PageName& name) { return Current().inputs.at(name.input).pages.at(name.index); }
-Quirelle& Service() { return *Current().service; }
-RawMuPdf& Raw() { return *Current().raw; }
-RawMuPdf& RawWithLocks() { return *Current().rawWithLocks; }
-EngineThread& HelperThread() { return *Current().helper; }
-int NeedleLines() { return Current().needleLines; }
+std::vector<Input>& Inputs() {
+    return Current().inputs;
+}
+const InputPage& PageOf(const PageName& name) {
+    return Current().inputs.at(name.input).pages.at(name.index);
+}
+Quirelle& Service() {
+    return *Current().service;
+}
+RawMuPdf& Raw() {
+    return *Current().raw;
+}
+RawMuPdf& RawWithLocks() {
+    return *Current().rawWithLocks;
+}
+EngineThread& HelperThread() {
+    return *Current().helper;
+}
+int NeedleLines() {
+    return Current().needleLines;
+}
 
 }  // namespace QuirelleBench

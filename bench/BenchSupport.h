@@ -10,9 +10,12 @@
 // (Ready()), on the benchmark thread, which from then on holds an engine
 // context (PdfiumInitializer::InitLibrary). It is all released at exit.
 
+#include <benchmark/benchmark.h>
+
+#include <QImage>
+#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
-#include <condition_variable>
 #include <filesystem>
 #include <future>
 #include <memory>
@@ -20,9 +23,6 @@
 #include <string>
 #include <thread>
 #include <vector>
-
-#include <QImage>
-#include <benchmark/benchmark.h>
 
 #include "Quirelle"
 #include "engine/Handles.h"
@@ -130,8 +130,8 @@ private:
 
     std::mutex mutex_;
     std::condition_variable wake_;
-    std::packaged_task<QImage()> task_;  // guarded by mutex_; valid while waiting
-    bool stop_ = false;                  // guarded by mutex_
+    std::packaged_task<QImage()> task_;                               // guarded by mutex_; valid while waiting
+    bool stop_ = false;                                               // guarded by mutex_
     std::vector<std::shared_ptr<Orvane::PDF::IDocument>> documents_;  // the thread's own
     std::thread thread_;
 };

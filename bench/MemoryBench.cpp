@@ -77,9 +77,9 @@ void RenderWatched(benchmark::State& st, std::vector<unsigned> indices) {
             for (const InputPage& page : pages) {
                 QImage picture(page.width, page.height, QImage::Format_RGB32);
                 std::shared_ptr<Orvane::PDF::IPage> engine = document.GetPage(page.index);
-                std::shared_ptr<Orvane::PDF::IBitmap> bitmap = Orvane::PDF::Pdfium::CreateBitmap(
-                    page.width, page.height, Orvane::PDF::IBitmap::Bgrx, picture.bits(),
-                    static_cast<int>(picture.bytesPerLine()));
+                std::shared_ptr<Orvane::PDF::IBitmap> bitmap =
+                    Orvane::PDF::Pdfium::CreateBitmap(page.width, page.height, Orvane::PDF::IBitmap::Bgrx,
+                                                      picture.bits(), static_cast<int>(picture.bytesPerLine()));
                 bitmap->FillRect(0, 0, page.width, page.height, 0xFFFFFFFF);
                 Orvane::PDF::Pdfium::CreatePageRenderer()->Render(engine, bitmap, false);
                 sampler.Sample();
@@ -88,10 +88,10 @@ void RenderWatched(benchmark::State& st, std::vector<unsigned> indices) {
         }
         peak = sampler.Peak();
     }
-    st.counters["peak_in_use"] = benchmark::Counter(static_cast<double>(peak), benchmark::Counter::kDefaults,
-                                                    benchmark::Counter::kIs1024);
-    st.counters["at_start"] = benchmark::Counter(static_cast<double>(atStart), benchmark::Counter::kDefaults,
-                                                 benchmark::Counter::kIs1024);
+    st.counters["peak_in_use"] =
+        benchmark::Counter(static_cast<double>(peak), benchmark::Counter::kDefaults, benchmark::Counter::kIs1024);
+    st.counters["at_start"] =
+        benchmark::Counter(static_cast<double>(atStart), benchmark::Counter::kDefaults, benchmark::Counter::kIs1024);
     st.counters["peak_over_start"] = benchmark::Counter(static_cast<double>(peak > atStart ? peak - atStart : 0),
                                                         benchmark::Counter::kDefaults, benchmark::Counter::kIs1024);
 }

@@ -82,10 +82,10 @@ void ServiceRender(benchmark::State& st, PageName name) {
 [[maybe_unused]] const bool registered = [] {
     for (const PageName& name : PageNames()) {
         const std::string prefix = std::string("Render/") + InputName(name.input) + "/" + name.label + "/";
-        for (auto [way, body] : {std::pair{"raw", &RawRender}, std::pair{"raw_locked", &RawLockedRender},
-                                 std::pair{"engine", &EngineRenderPage},
-                                 std::pair{"engine_thread", &EngineThreadRender},
-                                 std::pair{"service", &ServiceRender}}) {
+        for (auto [way, body] :
+             {std::pair{"raw", &RawRender}, std::pair{"raw_locked", &RawLockedRender},
+              std::pair{"engine", &EngineRenderPage}, std::pair{"engine_thread", &EngineThreadRender},
+              std::pair{"service", &ServiceRender}}) {
             benchmark::RegisterBenchmark((prefix + way).c_str(), body, name)
                 ->UseRealTime()
                 ->MeasureProcessCPUTime()

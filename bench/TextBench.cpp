@@ -18,13 +18,15 @@ using Orvane::PDF::SearchResultInfo;
 
 bool CheckHits(benchmark::State& st, const std::vector<SearchResultInfo>& hits) {
     if (static_cast<int>(hits.size()) == NeedleLines()) return true;
-    st.SkipWithError(("FindText found " + std::to_string(hits.size()) + " hits, the page has " +
-                      std::to_string(NeedleLines()))
-                         .c_str());
+    st.SkipWithError(
+        ("FindText found " + std::to_string(hits.size()) + " hits, the page has " + std::to_string(NeedleLines()))
+            .c_str());
     return false;
 }
 
-const Orvane::PDF::IDocument& HeavyDocument() { return *Inputs()[kHeavy].engineDocument; }
+const Orvane::PDF::IDocument& HeavyDocument() {
+    return *Inputs()[kHeavy].engineDocument;
+}
 
 void Extract(benchmark::State& st) {
     if (!Ready(st)) return;

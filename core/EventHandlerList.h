@@ -63,9 +63,9 @@ public:
     }
 
 private:
-    std::vector<Handler*> handlers;      // guarded by handlersMutex
+    std::vector<Handler*> handlers;  // guarded by handlersMutex
     mutable std::mutex handlersMutex;
-    std::mutex executeMutex;             // held for the whole of one notification
+    std::mutex executeMutex;  // held for the whole of one notification
 };
 
 }  // namespace Orvane::Core

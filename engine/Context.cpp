@@ -1,5 +1,8 @@
 #include "engine/Context.h"
 
+#include <glog/logging.h>
+#include <mupdf/fitz.h>
+
 #include <array>
 #include <atomic>
 #include <cstdlib>
@@ -7,9 +10,6 @@
 #include <stdexcept>
 #include <string>
 #include <utility>
-
-#include <glog/logging.h>
-#include <mupdf/fitz.h>
 
 #include "engine/FontLoader.h"
 #include "engine/Guarded.h"
@@ -79,15 +79,23 @@ fz_alloc_context allocator{nullptr, countedMalloc, countedRealloc, countedFree};
 
 std::array<std::mutex, FZ_LOCK_MAX> engineLocks;
 
-void lockEngine(void*, int lock) { engineLocks[lock].lock(); }
-void unlockEngine(void*, int lock) { engineLocks[lock].unlock(); }
+void lockEngine(void*, int lock) {
+    engineLocks[lock].lock();
+}
+void unlockEngine(void*, int lock) {
+    engineLocks[lock].unlock();
+}
 
 fz_locks_context locks{nullptr, lockEngine, unlockEngine};
 
 // MuPDF reports recoverable problems of damaged files as warnings; they are
 // diagnostics, not errors of the caller's.
-void logWarning(void*, const char* message) { VLOG(1) << "engine: " << message; }
-void logError(void*, const char* message) { VLOG(1) << "engine error: " << message; }
+void logWarning(void*, const char* message) {
+    VLOG(1) << "engine: " << message;
+}
+void logError(void*, const char* message) {
+    VLOG(1) << "engine error: " << message;
+}
 
 // ---- the base context and the threads' clones ----
 
@@ -159,8 +167,14 @@ fz_context* CurrentContext() {
     return threadContext.ctx;
 }
 
-void SetMemoryLimit(size_t bytes) { memoryLimit.store(bytes); }
-size_t MemoryLimit() { return memoryLimit.load(); }
-size_t MemoryInUse() { return memoryInUse.load(); }
+void SetMemoryLimit(size_t bytes) {
+    memoryLimit.store(bytes);
+}
+size_t MemoryLimit() {
+    return memoryLimit.load();
+}
+size_t MemoryInUse() {
+    return memoryInUse.load();
+}
 
 }  // namespace Orvane::PDF::Pdfium

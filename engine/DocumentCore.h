@@ -4,11 +4,11 @@
 // of the thread that opened it. Pages hold it, so a page stays usable while
 // anyone holds it; the last holder drops the document.
 
-#include <functional>
-#include <memory>
-
 #include <mupdf/fitz.h>
 #include <mupdf/pdf.h>
+
+#include <functional>
+#include <memory>
 
 #include "orvane/pdf/Document.h"
 

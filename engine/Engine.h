@@ -4,10 +4,9 @@
 // importer and the picture conversions. All of it runs on a thread that has
 // called PdfiumInitializer::InitLibrary().
 
+#include <QImage>
 #include <memory>
 #include <vector>
-
-#include <QImage>
 
 #include "orvane/pdf/Document.h"
 

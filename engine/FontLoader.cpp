@@ -1,10 +1,10 @@
 #include "engine/FontLoader.h"
 
-#include <exception>
-#include <string>
-
 #include <glog/logging.h>
 #include <mupdf/fitz.h>
+
+#include <exception>
+#include <string>
 
 #include "engine/Guarded.h"
 #include "engine/Handles.h"
@@ -45,11 +45,15 @@ fz_font* loadSystemFont(fz_context* ctx, const char* name, int bold, int italic,
 
 }  // namespace
 
-void installSystemFontLoader(fz_context* ctx) { fz_install_load_system_font_funcs(ctx, loadSystemFont, NULL, NULL); }
+void installSystemFontLoader(fz_context* ctx) {
+    fz_install_load_system_font_funcs(ctx, loadSystemFont, NULL, NULL);
+}
 
 ScopedFontProvider::ScopedFontProvider(const IFontProvider* provider) : previous_(currentProvider) {
     currentProvider = provider;
 }
-ScopedFontProvider::~ScopedFontProvider() { currentProvider = previous_; }
+ScopedFontProvider::~ScopedFontProvider() {
+    currentProvider = previous_;
+}
 
 }  // namespace Orvane::PDF::Pdfium

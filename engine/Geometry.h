@@ -7,7 +7,9 @@
 namespace Orvane::PDF::Pdfium {
 
 // A box with no area (a line break's box, a path that paints nothing).
-inline bool IsEmptyBox(const Rect& r) { return r.right <= r.left && r.top <= r.bottom; }
+inline bool IsEmptyBox(const Rect& r) {
+    return r.right <= r.left && r.top <= r.bottom;
+}
 
 // Grows into (page space, top >= bottom) to enclose r; an empty into takes r.
 inline void Unite(Rect& into, const Rect& r) {

@@ -11,13 +11,13 @@ void throwCaught(fz_context* ctx, Failure kind) {
     const int code = fz_caught(ctx);
     std::string message = fz_caught_message(ctx);
     switch (code) {
-    case FZ_ERROR_MEMORY:
-        throw Orvane::Exception("out of memory: " + message);
-    case FZ_ERROR_ABORT:
-        throw Orvane::Exception("aborted: " + message);
-    default:
-        if (kind == Failure::File) throw std::runtime_error(message);
-        throw Orvane::Exception(message);
+        case FZ_ERROR_MEMORY:
+            throw Orvane::Exception("out of memory: " + message);
+        case FZ_ERROR_ABORT:
+            throw Orvane::Exception("aborted: " + message);
+        default:
+            if (kind == Failure::File) throw std::runtime_error(message);
+            throw Orvane::Exception(message);
     }
 }
 

@@ -8,9 +8,9 @@
 // return out of the frame (longjmp would skip them). Convert results to C++
 // types after guarded() returns.
 
-#include <type_traits>
-
 #include <mupdf/fitz.h>
+
+#include <type_traits>
 
 namespace Orvane::PDF::Pdfium {
 
@@ -32,13 +32,21 @@ template <class Body>
 auto guarded(fz_context* ctx, Body&& body, Failure kind = Failure::Engine) {
     using Result = decltype(body());
     if constexpr (std::is_void_v<Result>) {
-        fz_try(ctx) { body(); }
-        fz_catch(ctx) { throwCaught(ctx, kind); }
+        fz_try(ctx) {
+            body();
+        }
+        fz_catch(ctx) {
+            throwCaught(ctx, kind);
+        }
     } else {
         static_assert(std::is_trivially_copyable_v<Result>, "guarded bodies return plain C values");
         Result result{};
-        fz_try(ctx) { result = body(); }
-        fz_catch(ctx) { throwCaught(ctx, kind); }
+        fz_try(ctx) {
+            result = body();
+        }
+        fz_catch(ctx) {
+            throwCaught(ctx, kind);
+        }
         return result;
     }
 }

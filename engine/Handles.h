@@ -3,10 +3,10 @@
 // Move-only owners of MuPDF handles: each holds (ctx, pointer) and calls the
 // matching drop function, which never throws and accepts NULL.
 
-#include <utility>
-
 #include <mupdf/fitz.h>
 #include <mupdf/pdf.h>
+
+#include <utility>
 
 namespace Orvane::PDF::Pdfium {
 

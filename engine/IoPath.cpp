@@ -11,12 +11,20 @@ ioPath& ioPath::make_preferred() {
     return *this;
 }
 
-ioPath ioPath::extension() const { return ioPath(path_.extension()); }
+ioPath ioPath::extension() const {
+    return ioPath(path_.extension());
+}
 
-bool ioPath::empty() const noexcept { return path_.empty(); }
+bool ioPath::empty() const noexcept {
+    return path_.empty();
+}
 
-std::string ioPath::utf8string() const { return path_.u8string(); }
+std::string ioPath::utf8string() const {
+    return path_.u8string();
+}
 
-std::ostream& operator<<(std::ostream& out, const ioPath& path) { return out << path.utf8string(); }
+std::ostream& operator<<(std::ostream& out, const ioPath& path) {
+    return out << path.utf8string();
+}
 
 }  // namespace Orvane

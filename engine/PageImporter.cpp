@@ -14,14 +14,14 @@
 // their appearance, value and field attributes, but they are not made fields
 // of the target's form.
 
+#include <glog/logging.h>
+
 #include <algorithm>
 #include <memory>
 #include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
-
-#include <glog/logging.h>
 
 #include "engine/DocumentCore.h"
 #include "engine/Engine.h"
@@ -49,7 +49,7 @@ pdf_obj* transfer(fz_context* ctx, pdf_graft_map* map, pdf_obj* value) {
 void fillPage(fz_context* ctx, pdf_graft_map* map, pdf_obj* source, pdf_obj* page) {
     pdf_obj* const inherited[] = {PDF_NAME(Resources), PDF_NAME(MediaBox), PDF_NAME(CropBox), PDF_NAME(Rotate)};
     pdf_obj* const own[] = {PDF_NAME(Contents), PDF_NAME(BleedBox), PDF_NAME(TrimBox), PDF_NAME(ArtBox),
-                            PDF_NAME(UserUnit), PDF_NAME(Group),   PDF_NAME(Dur),     PDF_NAME(Trans)};
+                            PDF_NAME(UserUnit), PDF_NAME(Group),    PDF_NAME(Dur),     PDF_NAME(Trans)};
     pdf_dict_put(ctx, page, PDF_NAME(Type), PDF_NAME(Page));
     for (size_t i = 0; i < sizeof inherited / sizeof *inherited; ++i) {
         pdf_obj* value = pdf_dict_get_inheritable(ctx, source, inherited[i]);
@@ -65,8 +65,9 @@ void fillPage(fz_context* ctx, pdf_graft_map* map, pdf_obj* source, pdf_obj* pag
 // in a field or reply hierarchy, its popup and its place in the structure
 // tree are the source's; destinations are mapped apart.
 int isAdjustedKey(fz_context* ctx, pdf_obj* key) {
-    pdf_obj* const adjusted[] = {PDF_NAME(P),   PDF_NAME(Parent), PDF_NAME(Popup), PDF_NAME(IRT),
-                                 PDF_NAME(StructParent), PDF_NAME(Dest), PDF_NAME(A)};
+    pdf_obj* const adjusted[] = {PDF_NAME(P),   PDF_NAME(Parent),       PDF_NAME(Popup),
+                                 PDF_NAME(IRT), PDF_NAME(StructParent), PDF_NAME(Dest),
+                                 PDF_NAME(A)};
     for (size_t i = 0; i < sizeof adjusted / sizeof *adjusted; ++i) {
         if (pdf_name_eq(ctx, key, adjusted[i])) return 1;
     }
@@ -124,9 +125,9 @@ struct AnnotationInfo {
 
 class Import {
 public:
-    Import(fz_context* ctx, pdf_document* source, pdf_document* target)
-        : ctx_(ctx), source_(source), target_(target) {
-        if (source != target) map_ = PdfGraftMapHandle(ctx, guarded(ctx, [&] { return pdf_new_graft_map(ctx, target); }));
+    Import(fz_context* ctx, pdf_document* source, pdf_document* target) : ctx_(ctx), source_(source), target_(target) {
+        if (source != target)
+            map_ = PdfGraftMapHandle(ctx, guarded(ctx, [&] { return pdf_new_graft_map(ctx, target); }));
     }
 
     // A new page object in the target, copied from the source page (not yet
@@ -149,16 +150,14 @@ public:
     // Gives the new page copies of the source page's annotations. One that
     // cannot be copied is logged and left out.
     void CopyAnnotations(pdf_obj* sourcePage, pdf_obj* newPage, int pageNumber) {
-        const int count = guarded(ctx_, [&] {
-            return pdf_array_len(ctx_, pdf_dict_get(ctx_, sourcePage, PDF_NAME(Annots)));
-        });
+        const int count =
+            guarded(ctx_, [&] { return pdf_array_len(ctx_, pdf_dict_get(ctx_, sourcePage, PDF_NAME(Annots))); });
         if (count <= 0) return;
         PdfObjHandle annots(ctx_, guarded(ctx_, [&] { return pdf_new_array(ctx_, target_, count); }));
         for (int i = 0; i < count; ++i) {
             try {
-                pdf_obj* annot = guarded(ctx_, [&] {
-                    return pdf_array_get(ctx_, pdf_dict_get(ctx_, sourcePage, PDF_NAME(Annots)), i);
-                });
+                pdf_obj* annot = guarded(
+                    ctx_, [&] { return pdf_array_get(ctx_, pdf_dict_get(ctx_, sourcePage, PDF_NAME(Annots)), i); });
                 for (PdfObjHandle& copy : CopyAnnotation(annot, newPage)) {
                     guarded(ctx_, [&] { pdf_array_push(ctx_, annots.get(), copy.get()); });
                 }
@@ -256,9 +255,8 @@ private:
     // Puts the annotation's action into the copy, a GoTo with its destination
     // mapped. False when a GoTo's page is not imported (the action is left out).
     bool CopyAction(pdf_obj* action, pdf_obj* copy) {
-        const int goTo = guarded(ctx_, [&] {
-            return pdf_name_eq(ctx_, pdf_dict_get(ctx_, action, PDF_NAME(S)), PDF_NAME(GoTo));
-        });
+        const int goTo =
+            guarded(ctx_, [&] { return pdf_name_eq(ctx_, pdf_dict_get(ctx_, action, PDF_NAME(S)), PDF_NAME(GoTo)); });
         if (!goTo) {
             guarded(ctx_, [&] { pdf_dict_put_drop(ctx_, copy, PDF_NAME(A), transfer(ctx_, map_.get(), action)); });
             return true;
@@ -300,15 +298,17 @@ private:
             t.length = pdf_array_len(ctx_, explicitDest);
             return t;
         });
-        const auto place = std::lower_bound(pages_.begin(), pages_.end(), std::make_pair(target.pageNum, (pdf_obj*)nullptr),
-                                            [](const auto& a, const auto& b) { return a.first < b.first; });
+        const auto place =
+            std::lower_bound(pages_.begin(), pages_.end(), std::make_pair(target.pageNum, (pdf_obj*)nullptr),
+                             [](const auto& a, const auto& b) { return a.first < b.first; });
         if (target.pageNum == 0 || place == pages_.end() || place->first != target.pageNum) return {};
         pdf_obj* newPage = place->second;
         PdfObjHandle mapped(ctx_, guarded(ctx_, [&] { return pdf_new_array(ctx_, target_, target.length); }));
         guarded(ctx_, [&] {
             pdf_array_push(ctx_, mapped.get(), newPage);
             for (int i = 1; i < target.length; ++i) {
-                pdf_array_push_drop(ctx_, mapped.get(), transfer(ctx_, map_.get(), pdf_array_get(ctx_, explicitDest, i)));
+                pdf_array_push_drop(ctx_, mapped.get(),
+                                    transfer(ctx_, map_.get(), pdf_array_get(ctx_, explicitDest, i)));
             }
         });
         return mapped;
@@ -325,7 +325,8 @@ private:
 PdfDocument& engineDocument(const std::shared_ptr<IDocument>& document, const char* role) {
     if (!document) throw std::invalid_argument(std::string("no ") + role + " document for the import");
     auto* engineDoc = dynamic_cast<PdfDocument*>(document.get());
-    if (engineDoc == nullptr) throw std::invalid_argument(std::string("the ") + role + " document is not a PDF document");
+    if (engineDoc == nullptr)
+        throw std::invalid_argument(std::string("the ") + role + " document is not a PDF document");
     return *engineDoc;
 }
 
@@ -354,9 +355,8 @@ public:
         std::vector<PdfObjHandle> sourcePages;
         sourcePages.reserve(pages.size());
         for (unsigned page : pages) {
-            sourcePages.emplace_back(ctx, guarded(ctx, [&] {
-                return pdf_keep_obj(ctx, pdf_lookup_page_obj(ctx, src, int(page)));
-            }));
+            sourcePages.emplace_back(
+                ctx, guarded(ctx, [&] { return pdf_keep_obj(ctx, pdf_lookup_page_obj(ctx, src, int(page))); }));
         }
 
         const int targetCount = guarded(ctx, [&] { return pdf_count_pages(ctx, dst); });
@@ -410,6 +410,8 @@ public:
 
 }  // namespace
 
-std::unique_ptr<IPageImporter> CreatePageImporter() { return std::make_unique<PageImporter>(); }
+std::unique_ptr<IPageImporter> CreatePageImporter() {
+    return std::make_unique<PageImporter>();
+}
 
 }  // namespace Orvane::PDF::Pdfium

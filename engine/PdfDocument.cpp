@@ -1,6 +1,7 @@
 #include "engine/PdfDocument.h"
 
 #include <fcntl.h>
+#include <glog/logging.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -16,8 +17,6 @@
 #include <utility>
 #include <vector>
 
-#include <glog/logging.h>
-
 #include "engine/Context.h"
 #include "engine/DocumentCore.h"
 #include "engine/FontLoader.h"
@@ -30,7 +29,9 @@ namespace {
 
 namespace fs = std::filesystem;
 
-std::string errorText(int err) { return std::strerror(err); }
+std::string errorText(int err) {
+    return std::strerror(err);
+}
 
 // The file must exist, be a regular file and be readable before MuPDF sees it:
 // MuPDF's own message for these cases says little.
@@ -74,7 +75,9 @@ EncryptionInfo readEncryption(fz_context* ctx, pdf_document* doc) {
     });
 }
 
-bool bit(uint32_t p, int pdfBit) { return (p >> (pdfBit - 1)) & 1u; }
+bool bit(uint32_t p, int pdfBit) {
+    return (p >> (pdfBit - 1)) & 1u;
+}
 
 // ---- saving ----
 
@@ -100,7 +103,9 @@ void sinkWrite(fz_context* ctx, void* state, const void* data, size_t n) {
     }
 }
 
-int64_t sinkTell(fz_context*, void* state) { return static_cast<FileSink*>(state)->written; }
+int64_t sinkTell(fz_context*, void* state) {
+    return static_cast<FileSink*>(state)->written;
+}
 
 // The temporary file beside the target; removed unless committed.
 class TempFile {
@@ -218,11 +223,18 @@ ImagePixmaps pixmapsFromBitmap(fz_context* ctx, const IBitmap& bitmap) {
     const int height = int(size.height);
     int bytesPerPixel = 0;
     switch (format) {
-    case IBitmap::Gray: bytesPerPixel = 1; break;
-    case IBitmap::Bgr: bytesPerPixel = 3; break;
-    case IBitmap::Bgrx:
-    case IBitmap::Bgra: bytesPerPixel = 4; break;
-    default: throw std::invalid_argument("unknown bitmap format " + std::to_string(int(format)));
+        case IBitmap::Gray:
+            bytesPerPixel = 1;
+            break;
+        case IBitmap::Bgr:
+            bytesPerPixel = 3;
+            break;
+        case IBitmap::Bgrx:
+        case IBitmap::Bgra:
+            bytesPerPixel = 4;
+            break;
+        default:
+            throw std::invalid_argument("unknown bitmap format " + std::to_string(int(format)));
     }
     if (stride < 0 || int64_t(stride) < int64_t(width) * bytesPerPixel) {
         throw std::invalid_argument("the bitmap's stride is too small for its width");
@@ -231,8 +243,9 @@ ImagePixmaps pixmapsFromBitmap(fz_context* ctx, const IBitmap& bitmap) {
     ImagePixmaps result;
     const bool gray = format == IBitmap::Gray;
     result.colour = PixmapHandle(ctx, guarded(ctx, [&] {
-        return fz_new_pixmap(ctx, gray ? fz_device_gray(ctx) : fz_device_rgb(ctx), width, height, NULL, 0);
-    }));
+                                     return fz_new_pixmap(ctx, gray ? fz_device_gray(ctx) : fz_device_rgb(ctx), width,
+                                                          height, NULL, 0);
+                                 }));
     fz_pixmap* colour = result.colour.get();
     for (int y = 0; y < height; ++y) {
         const unsigned char* src = pixels + size_t(y) * size_t(stride);
@@ -278,7 +291,9 @@ void checkPageSize(double width, double height) {
 }
 
 // Where an insertion at index lands: before that page, or at the end.
-int insertionPoint(unsigned index, int count) { return index <= unsigned(count) ? int(index) : count; }
+int insertionPoint(unsigned index, int count) {
+    return index <= unsigned(count) ? int(index) : count;
+}
 
 }  // namespace
 
@@ -297,29 +312,35 @@ PdfDocument::PdfDocument(const std::shared_ptr<IFontProvider>& fonts, const Orva
     checkReadable(path);
     const std::string file = path.utf8string();
     ScopedFontProvider fontScope(fonts.get());
-    Adopt(ctx, guarded(ctx, [&] { return pdf_open_document(ctx, file.c_str()); }, Failure::File));
+    Adopt(ctx, guarded(
+                   ctx, [&] { return pdf_open_document(ctx, file.c_str()); }, Failure::File));
     pdf_document* doc = core_->doc;
 
     bool ownerAccess = false;
-    const int needsPassword = guarded(ctx, [&] { return pdf_needs_password(ctx, doc); }, Failure::File);
+    const int needsPassword = guarded(
+        ctx, [&] { return pdf_needs_password(ctx, doc); }, Failure::File);
     if (doc->crypt != nullptr) {
         // Always authenticate with the given password: MuPDF has already
         // accepted an empty user password on its own, and only this call
         // tells whether the owner password was given.
-        int access = guarded(ctx, [&] { return pdf_authenticate_password(ctx, doc, password.c_str()); }, Failure::File);
+        int access = guarded(
+            ctx, [&] { return pdf_authenticate_password(ctx, doc, password.c_str()); }, Failure::File);
         if (access == 0) {
             if (needsPassword) throw std::logic_error("PASSWORD_ERROR");
             // A failed attempt leaves a wrong key behind: restore the one of
             // the empty user password the file opens with.
             VLOG(1) << "the password does not open " << file << "; opened with its empty user password";
-            access = guarded(ctx, [&] { return pdf_authenticate_password(ctx, doc, ""); }, Failure::File);
+            access = guarded(
+                ctx, [&] { return pdf_authenticate_password(ctx, doc, ""); }, Failure::File);
             if (access == 0) throw std::logic_error("PASSWORD_ERROR");
         }
         ownerAccess = (access & 4) != 0;
     }
 
-    const int count = guarded(ctx, [&] { return pdf_count_pages(ctx, doc); }, Failure::File);
-    const int objects = guarded(ctx, [&] { return pdf_xref_len(ctx, doc); }, Failure::File);
+    const int count = guarded(
+        ctx, [&] { return pdf_count_pages(ctx, doc); }, Failure::File);
+    const int objects = guarded(
+        ctx, [&] { return pdf_xref_len(ctx, doc); }, Failure::File);
     if (count < 0 || count > objects) {
         throw std::runtime_error("cannot open " + file + ": its page tree claims " + std::to_string(count) +
                                  " pages in a file of " + std::to_string(objects) + " objects");
@@ -381,7 +402,9 @@ void PdfDocument::FixupDocument() const {
     }
 }
 
-void PdfDocument::Save(const Orvane::ioPath& path, unsigned long) const { SaveAs(path, 0); }
+void PdfDocument::Save(const Orvane::ioPath& path, unsigned long) const {
+    SaveAs(path, 0);
+}
 
 void PdfDocument::SaveWithVersion(const Orvane::ioPath& path, int version, unsigned long) const {
     if (version < 10 || version > 20) {
@@ -421,9 +444,7 @@ void PdfDocument::SaveAs(const Orvane::ioPath& path, int version) const {
     options.do_encrypt = PDF_ENCRYPT_KEEP;
 
     FileSink sink{temp.fd(), 0};
-    OutputHandle out(ctx, guarded(ctx, [&] {
-        return fz_new_output(ctx, 64 * 1024, &sink, sinkWrite, NULL, NULL);
-    }));
+    OutputHandle out(ctx, guarded(ctx, [&] { return fz_new_output(ctx, 64 * 1024, &sink, sinkWrite, NULL, NULL); }));
     out.get()->tell = sinkTell;
 
     const int ownVersion = doc->version;
@@ -464,19 +485,33 @@ bool PdfDocument::Permission(bool Permissions::*flag) const {
     return permissions_.*flag;
 }
 
-bool PdfDocument::IsProtected() const { return Permission(&Permissions::isProtected); }
+bool PdfDocument::IsProtected() const {
+    return Permission(&Permissions::isProtected);
+}
 
-bool PdfDocument::IsEditContentProtected() const { return Permission(&Permissions::editContent); }
+bool PdfDocument::IsEditContentProtected() const {
+    return Permission(&Permissions::editContent);
+}
 
-bool PdfDocument::IsEditPagesProtected() const { return Permission(&Permissions::editPages); }
+bool PdfDocument::IsEditPagesProtected() const {
+    return Permission(&Permissions::editPages);
+}
 
-bool PdfDocument::IsExtractingPagesProtected() const { return Permission(&Permissions::extractPages); }
+bool PdfDocument::IsExtractingPagesProtected() const {
+    return Permission(&Permissions::extractPages);
+}
 
-bool PdfDocument::IsCopyTextAndGraphicsProtected() const { return Permission(&Permissions::copyContent); }
+bool PdfDocument::IsCopyTextAndGraphicsProtected() const {
+    return Permission(&Permissions::copyContent);
+}
 
-bool PdfDocument::IsPrintProtected() const { return Permission(&Permissions::print); }
+bool PdfDocument::IsPrintProtected() const {
+    return Permission(&Permissions::print);
+}
 
-bool PdfDocument::IsPrintLowResolution() const { return Permission(&Permissions::printLowResolution); }
+bool PdfDocument::IsPrintLowResolution() const {
+    return Permission(&Permissions::printLowResolution);
+}
 
 void PdfDocument::SetFormOnChangeHandler(std::function<void()> handler) {
     std::lock_guard<std::mutex> lock(metaMutex_);
@@ -505,7 +540,9 @@ void PdfDocument::RefreshPageCount() {
 
 // ---- pages ----
 
-std::shared_ptr<IPage> PdfDocument::GetPage(unsigned index) const { return MakePage(core_, index); }
+std::shared_ptr<IPage> PdfDocument::GetPage(unsigned index) const {
+    return MakePage(core_, index);
+}
 
 std::shared_ptr<IPage> PdfDocument::CreatePage(unsigned index, double width, double height) {
     checkPageSize(width, height);
@@ -516,9 +553,8 @@ std::shared_ptr<IPage> PdfDocument::CreatePage(unsigned index, double width, dou
     BufferHandle contents(ctx, guarded(ctx, [&] { return fz_new_buffer(ctx, 1); }));
     PdfObjHandle resources(ctx, guarded(ctx, [&] { return pdf_new_dict(ctx, doc, 1); }));
     const fz_rect box = fz_make_rect(0, 0, float(width), float(height));
-    PdfObjHandle page(ctx, guarded(ctx, [&] {
-        return pdf_add_page(ctx, doc, box, 0, resources.get(), contents.get());
-    }));
+    PdfObjHandle page(ctx,
+                      guarded(ctx, [&] { return pdf_add_page(ctx, doc, box, 0, resources.get(), contents.get()); }));
     guarded(ctx, [&] { pdf_insert_page(ctx, doc, at, page.get()); });
     RefreshPageCount();
     return MakePage(core_, unsigned(at));
@@ -536,9 +572,8 @@ std::shared_ptr<IPage> PdfDocument::CreatePageFromImage(unsigned index, const st
     if (pixmaps.alpha) {
         mask = ImageHandle(ctx, guarded(ctx, [&] { return fz_new_image_from_pixmap(ctx, pixmaps.alpha.get(), NULL); }));
     }
-    ImageHandle picture(ctx, guarded(ctx, [&] {
-        return fz_new_image_from_pixmap(ctx, pixmaps.colour.get(), mask.get());
-    }));
+    ImageHandle picture(ctx,
+                        guarded(ctx, [&] { return fz_new_image_from_pixmap(ctx, pixmaps.colour.get(), mask.get()); }));
     pixmaps = ImagePixmaps{};
     PdfObjHandle imageObj(ctx, guarded(ctx, [&] { return pdf_add_image(ctx, doc, picture.get()); }));
     picture.reset();
@@ -552,14 +587,14 @@ std::shared_ptr<IPage> PdfDocument::CreatePageFromImage(unsigned index, const st
     char drawing[128];
     const int length = std::snprintf(drawing, sizeof drawing, "q %.6g 0 0 %.6g 0 0 cm /Im0 Do Q\n", width, height);
     BufferHandle contents(ctx, guarded(ctx, [&] {
-        return fz_new_buffer_from_copied_data(ctx, reinterpret_cast<const unsigned char*>(drawing), size_t(length));
-    }));
+                              return fz_new_buffer_from_copied_data(
+                                  ctx, reinterpret_cast<const unsigned char*>(drawing), size_t(length));
+                          }));
 
     const int at = insertionPoint(index, guarded(ctx, [&] { return pdf_count_pages(ctx, doc); }));
     const fz_rect box = fz_make_rect(0, 0, float(width), float(height));
-    PdfObjHandle page(ctx, guarded(ctx, [&] {
-        return pdf_add_page(ctx, doc, box, 0, resources.get(), contents.get());
-    }));
+    PdfObjHandle page(ctx,
+                      guarded(ctx, [&] { return pdf_add_page(ctx, doc, box, 0, resources.get(), contents.get()); }));
     guarded(ctx, [&] { pdf_insert_page(ctx, doc, at, page.get()); });
     RefreshPageCount();
     return MakePage(core_, unsigned(at));

@@ -37,8 +37,7 @@ public:
     // owner password. A file that opens without a password (empty user
     // password) also opens with a wrong one, with user access. The owner
     // password lifts every permission restriction.
-    PdfDocument(const std::shared_ptr<IFontProvider>& fonts, const Orvane::ioPath& path,
-                const std::string& password);
+    PdfDocument(const std::shared_ptr<IFontProvider>& fonts, const Orvane::ioPath& path, const std::string& password);
     ~PdfDocument() override;
     PdfDocument(const PdfDocument&) = delete;
     PdfDocument& operator=(const PdfDocument&) = delete;
@@ -127,9 +126,9 @@ private:
     std::shared_ptr<DocumentCore> core_;
 
     mutable std::mutex metaMutex_;
-    Orvane::ioPath path_;           // guarded by metaMutex_
-    unsigned pageCount_ = 0;        // guarded by metaMutex_
-    Permissions permissions_;       // guarded by metaMutex_
+    Orvane::ioPath path_;                      // guarded by metaMutex_
+    unsigned pageCount_ = 0;                   // guarded by metaMutex_
+    Permissions permissions_;                  // guarded by metaMutex_
     std::function<void()> formChangeHandler_;  // guarded by metaMutex_
 };
 

@@ -1,5 +1,7 @@
 #include "engine/PdfPage.h"
 
+#include <glog/logging.h>
+
 #include <algorithm>
 #include <cmath>
 #include <cstring>
@@ -7,8 +9,6 @@
 #include <stdexcept>
 #include <string>
 #include <utility>
-
-#include <glog/logging.h>
 
 #include "engine/FontLoader.h"
 #include "engine/Geometry.h"
@@ -22,7 +22,9 @@ namespace {
 using ProcessorHandle = Handle<pdf_processor, pdf_drop_processor>;
 
 // In page space (y upward) an fz_rect's y0 is the bottom.
-Rect toRect(fz_rect r) { return Rect{r.x0, r.y1, r.x1, r.y0}; }
+Rect toRect(fz_rect r) {
+    return Rect{r.x0, r.y1, r.x1, r.y0};
+}
 
 bool holds(const Rect& r, double x, double y) {
     return x >= r.left && x <= r.right && y >= r.bottom && y <= r.top;
@@ -42,9 +44,10 @@ int quarterTurns(int degrees) {
 int annotationType(const char* subtype) {
     // In the order of the type numbers, from 1.
     static const char* const names[] = {
-        "Text", "Link", "FreeText", "Line", "Square", "Circle", "Polygon", "PolyLine", "Highlight", "Underline",
-        "Squiggly", "StrikeOut", "Stamp", "Caret", "Ink", "Popup", "FileAttachment", "Sound", "Movie", "Widget",
-        "Screen", "PrinterMark", "TrapNet", "Watermark", "3D", "RichMedia", "XFAWidget", "Redact",
+        "Text",        "Link",      "FreeText",       "Line",     "Square",    "Circle",    "Polygon",
+        "PolyLine",    "Highlight", "Underline",      "Squiggly", "StrikeOut", "Stamp",     "Caret",
+        "Ink",         "Popup",     "FileAttachment", "Sound",    "Movie",     "Widget",    "Screen",
+        "PrinterMark", "TrapNet",   "Watermark",      "3D",       "RichMedia", "XFAWidget", "Redact",
     };
     for (int i = 0; i < int(sizeof names / sizeof names[0]); ++i) {
         if (std::strcmp(subtype, names[i]) == 0) return i + 1;
@@ -67,9 +70,9 @@ private:
 // Where a link leads, read from the PDF objects. The helpers below run inside
 // guarded(): C calls only.
 struct DestinationRead {
-    int found;            // a destination array was found
-    pdf_obj* pageRef;     // its first element (borrowed)
-    int explicitIndex;    // the first element as a page number, when it is one
+    int found;          // a destination array was found
+    pdf_obj* pageRef;   // its first element (borrowed)
+    int explicitIndex;  // the first element as a page number, when it is one
     double x, y;
     int hasX, hasY;
     double zoom;
@@ -192,9 +195,9 @@ void readDestination(fz_context* ctx, pdf_document* doc, pdf_obj* dest, Destinat
 }
 
 struct LinkRead {
-    int type;             // ILinkAnnotation::LinkType
+    int type;  // ILinkAnnotation::LinkType
     DestinationRead dest;
-    const char* uri;      // borrowed from the document
+    const char* uri;  // borrowed from the document
     size_t uriLength;
 };
 
@@ -316,7 +319,9 @@ private:
 // are listed after it as well.
 class ObjectCollector {
 public:
-    explicit ObjectCollector(fz_rect pageBox) : pageBox_(pageBox) { clips_.push_back({fz_infinite_rect, IPageObject::Unknown}); }
+    explicit ObjectCollector(fz_rect pageBox) : pageBox_(pageBox) {
+        clips_.push_back({fz_infinite_rect, IPageObject::Unknown});
+    }
 
     bool Recording() const { return maskDepth_ == 0 && tileDepth_ == 0 && !error_; }
 
@@ -406,7 +411,6 @@ private:
         IPageObject::Kind kind;
     };
 
-
     template <class F>
     void Guard(F&& f) noexcept {
         try {
@@ -434,10 +438,12 @@ struct CollectorDevice {
     ObjectCollector* collector;
 };
 
-ObjectCollector& collectorOf(fz_device* dev) { return *reinterpret_cast<CollectorDevice*>(dev)->collector; }
+ObjectCollector& collectorOf(fz_device* dev) {
+    return *reinterpret_cast<CollectorDevice*>(dev)->collector;
+}
 
-void onFillPath(fz_context* ctx, fz_device* dev, const fz_path* path, int, fz_matrix ctm, fz_colorspace*,
-                const float*, float, fz_color_params) {
+void onFillPath(fz_context* ctx, fz_device* dev, const fz_path* path, int, fz_matrix ctm, fz_colorspace*, const float*,
+                float, fz_color_params) {
     if (collectorOf(dev).Recording()) collectorOf(dev).Add(IPageObject::Path, fz_bound_path(ctx, path, nullptr, ctm));
 }
 void onStrokePath(fz_context* ctx, fz_device* dev, const fz_path* path, const fz_stroke_state* stroke, fz_matrix ctm,
@@ -488,16 +494,22 @@ void onFillImageMask(fz_context*, fz_device* dev, fz_image*, fz_matrix ctm, fz_c
 void onClipImageMask(fz_context*, fz_device* dev, fz_image*, fz_matrix ctm, fz_rect scissor) {
     collectorOf(dev).PushClip(fz_intersect_rect(fz_transform_rect(fz_unit_rect, ctm), scissor), IPageObject::Image);
 }
-void onPopClip(fz_context*, fz_device* dev) { collectorOf(dev).PopClip(); }
+void onPopClip(fz_context*, fz_device* dev) {
+    collectorOf(dev).PopClip();
+}
 void onBeginMask(fz_context*, fz_device* dev, fz_rect, int, fz_colorspace*, const float*, fz_color_params) {
     collectorOf(dev).BeginMask();
 }
-void onEndMask(fz_context*, fz_device* dev) { collectorOf(dev).EndMask(); }
+void onEndMask(fz_context*, fz_device* dev) {
+    collectorOf(dev).EndMask();
+}
 int onBeginTile(fz_context*, fz_device* dev, fz_rect, fz_rect, float, float, fz_matrix, int) {
     collectorOf(dev).BeginTile();
     return 0;
 }
-void onEndTile(fz_context*, fz_device* dev) { collectorOf(dev).EndTile(); }
+void onEndTile(fz_context*, fz_device* dev) {
+    collectorOf(dev).EndTile();
+}
 
 // Runs inside guarded().
 fz_device* newCollectorDevice(fz_context* ctx, ObjectCollector* collector) {
@@ -555,7 +567,8 @@ void onDoForm(fz_context* ctx, pdf_processor* proc, const char* name, pdf_obj* f
         guarded(ctx, [&] { hook->original(ctx, proc, name, form, resources); });
     } catch (const std::exception& e) {
         try {
-            LOG(WARNING) << "page " << hook->page << ": form XObject " << (name ? name : "") << " skipped: " << e.what();
+            LOG(WARNING) << "page " << hook->page << ": form XObject " << (name ? name : "")
+                         << " skipped: " << e.what();
         } catch (...) {
         }
     } catch (...) {
@@ -620,9 +633,13 @@ Size PdfPage::GetSize() const {
     return g.quarterTurns % 2 ? Size{height, width} : Size{width, height};
 }
 
-Rect PdfPage::GetPageRect() const { return toRect(ReadGeometry().box); }
+Rect PdfPage::GetPageRect() const {
+    return toRect(ReadGeometry().box);
+}
 
-IPage::Rotation PdfPage::GetRotation() { return static_cast<Rotation>(ReadGeometry().quarterTurns); }
+IPage::Rotation PdfPage::GetRotation() {
+    return static_cast<Rotation>(ReadGeometry().quarterTurns);
+}
 
 void PdfPage::SetRotation(Rotation rotation) {
     if (rotation < Rotate0 || rotation > Rotate270) throw std::invalid_argument("rotation out of range");
@@ -659,8 +676,9 @@ const std::vector<PageObjectInfo>& PdfPage::Objects() {
     fz_cookie cookie{};  // a failing operator ends the page instead of throwing
     DeviceHandle device(ctx, guarded(ctx, [&] { return newCollectorDevice(ctx, &collector); }));
     ProcessorHandle processor(ctx, guarded(ctx, [&] {
-        return pdf_new_run_processor(ctx, device.get(), fz_identity, "View", nullptr, nullptr, &cookie);
-    }));
+                                  return pdf_new_run_processor(ctx, device.get(), fz_identity, "View", nullptr, nullptr,
+                                                               &cookie);
+                              }));
     FormHook hook{&collector, processor.get()->op_Do_form, Number()};
     FormHookScope scope(&hook);
     if (hook.original) processor.get()->op_Do_form = onDoForm;
@@ -677,11 +695,14 @@ const std::vector<PageObjectInfo>& PdfPage::Objects() {
     return *objects_;
 }
 
-int PdfPage::GetObjectCount() { return static_cast<int>(Objects().size()); }
+int PdfPage::GetObjectCount() {
+    return static_cast<int>(Objects().size());
+}
 
 std::unique_ptr<IPageObject> PdfPage::GetObject(int index) {
     const auto& objects = Objects();
-    if (index < 0 || static_cast<size_t>(index) >= objects.size()) throw std::out_of_range("page object index out of range");
+    if (index < 0 || static_cast<size_t>(index) >= objects.size())
+        throw std::out_of_range("page object index out of range");
     return std::make_unique<PageObject>(objects[static_cast<size_t>(index)]);
 }
 
@@ -779,7 +800,9 @@ std::vector<std::shared_ptr<IAnnotation>> PdfPage::GetAnnotations(int subtype) {
     return ReadAnnotations(subtype);
 }
 
-std::vector<std::shared_ptr<IAnnotation>> PdfPage::GetAllAnnotations() { return ReadAnnotations(-1); }
+std::vector<std::shared_ptr<IAnnotation>> PdfPage::GetAllAnnotations() {
+    return ReadAnnotations(-1);
+}
 
 // ---- MakePage ----
 

@@ -1,9 +1,9 @@
-#include <stdexcept>
-#include <string>
-
 #include <glog/logging.h>
 #include <mupdf/fitz.h>
 #include <mupdf/pdf.h>
+
+#include <stdexcept>
+#include <string>
 
 #include "engine/Engine.h"
 #include "engine/FontLoader.h"
@@ -51,8 +51,9 @@ public:
         // Drawn straight into the caller's memory: B G R and an alpha byte
         // that the caller's opaque background keeps at 0xFF.
         PixmapHandle pixmap(ctx, guarded(ctx, [&] {
-            return fz_new_pixmap_with_data(ctx, fz_device_bgr(ctx), width, height, nullptr, 1, stride, pixels);
-        }));
+                                return fz_new_pixmap_with_data(ctx, fz_device_bgr(ctx), width, height, nullptr, 1,
+                                                               stride, pixels);
+                            }));
         DeviceHandle device(ctx, guarded(ctx, [&] { return fz_new_draw_device(ctx, fz_identity, pixmap.get()); }));
         const char* usage = flag ? "Print" : "View";
         // With a cookie MuPDF counts a failing operator and stops the page
@@ -78,6 +79,8 @@ public:
 
 }  // namespace
 
-std::unique_ptr<IPageRenderer> CreatePageRenderer() { return std::make_unique<PageRenderer>(); }
+std::unique_ptr<IPageRenderer> CreatePageRenderer() {
+    return std::make_unique<PageRenderer>();
+}
 
 }  // namespace Orvane::PDF::Pdfium

@@ -1,6 +1,5 @@
-#include "orvane/pdf/SystemFontProviderFactory.h"
-
 #include <fontconfig/fontconfig.h>
+#include <glog/logging.h>
 
 #include <cctype>
 #include <map>
@@ -10,7 +9,7 @@
 #include <string_view>
 #include <tuple>
 
-#include <glog/logging.h>
+#include "orvane/pdf/SystemFontProviderFactory.h"
 
 namespace Orvane::PDF {
 namespace {
@@ -72,7 +71,9 @@ FontName parseFontName(std::string_view name) {
     return result;
 }
 
-std::string normalise(const char* family) { return parseFontName(family == nullptr ? "" : family).key; }
+std::string normalise(const char* family) {
+    return parseFontName(family == nullptr ? "" : family).key;
+}
 
 struct PatternDeleter {
     void operator()(FcPattern* pattern) const { FcPatternDestroy(pattern); }
@@ -148,8 +149,8 @@ private:
     }
 
     mutable std::mutex mutex_;
-    mutable FcConfig* config_ = nullptr;  // guarded by mutex_
-    mutable bool configFailed_ = false;   // guarded by mutex_
+    mutable FcConfig* config_ = nullptr;                                        // guarded by mutex_
+    mutable bool configFailed_ = false;                                         // guarded by mutex_
     mutable std::map<std::tuple<std::string, bool, bool>, std::string> cache_;  // guarded by mutex_
 };
 

@@ -1,15 +1,15 @@
 #include "engine/TextObject.h"
 
-#include <algorithm>
-#include <stdexcept>
-#include <utility>
+#include <glog/logging.h>
+#include <mupdf/fitz.h>
+#include <mupdf/pdf.h>
 
 #include <QChar>
 #include <QString>
 #include <QVector>
-#include <glog/logging.h>
-#include <mupdf/fitz.h>
-#include <mupdf/pdf.h>
+#include <algorithm>
+#include <stdexcept>
+#include <utility>
 
 #include "engine/Geometry.h"
 #include "engine/Guarded.h"
@@ -22,7 +22,6 @@ namespace {
 // rest is dropped so that a hostile page cannot make the copy unbounded.
 constexpr size_t kMaxChars = size_t(1) << 22;
 
-
 // Unites the boxes that have an area; any tells whether one was seen.
 void unite(Rect& into, bool& any, const Rect& r) {
     if (IsEmptyBox(r)) return;
@@ -33,13 +32,19 @@ void unite(Rect& into, bool& any, const Rect& r) {
 
 // ---- character classes used by the matcher ----
 
-bool isSpaceChar(wchar_t c) { return QChar::isSpace(static_cast<uint>(c)); }
-bool isMarkChar(wchar_t c) { return QChar::isMark(static_cast<uint>(c)); }
+bool isSpaceChar(wchar_t c) {
+    return QChar::isSpace(static_cast<uint>(c));
+}
+bool isMarkChar(wchar_t c) {
+    return QChar::isMark(static_cast<uint>(c));
+}
 bool isWordChar(wchar_t c) {
     const uint u = static_cast<uint>(c);
     return QChar::isLetterOrNumber(u) || QChar::isMark(u) || c == L'_';
 }
-bool isHyphen(wchar_t c) { return c == L'-' || c == 0x00AD || c == 0x2010; }
+bool isHyphen(wchar_t c) {
+    return c == L'-' || c == 0x00AD || c == 0x2010;
+}
 
 // The base letter of a character whose canonical decomposition is that letter
 // followed by combining marks only ("é" -> "e", "ǖ" -> "u").
@@ -137,7 +142,9 @@ private:
     std::vector<char32_t> norm_;
 };
 
-Rect toRect(fz_rect r) { return Rect{r.x0, r.y1, r.x1, r.y0}; }
+Rect toRect(fz_rect r) {
+    return Rect{r.x0, r.y1, r.x1, r.y0};
+}
 
 wchar_t sanitise(int c) {
     if (c < 0 || c > 0x10FFFF || (c >= 0xD800 && c <= 0xDFFF)) return static_cast<wchar_t>(0xFFFD);
@@ -200,8 +207,9 @@ std::vector<SearchResultInfo> TextObject::FindText(const std::wstring& needle, i
     while (start < n) {
         const int end = matcher.MatchAt(start);
         const bool found = end > start;
-        const bool whole = !wholeWords || (found && (start == 0 || !isWordChar(text_[static_cast<size_t>(start - 1)])) &&
-                                           (end == n || !isWordChar(text_[static_cast<size_t>(end)])));
+        const bool whole =
+            !wholeWords || (found && (start == 0 || !isWordChar(text_[static_cast<size_t>(start - 1)])) &&
+                            (end == n || !isWordChar(text_[static_cast<size_t>(end)])));
         if (found && whole) {
             hits.push_back({start, end - start, BoundsOf(start, end)});
             start = overlapping ? start + 1 : end;
@@ -214,8 +222,8 @@ std::vector<SearchResultInfo> TextObject::FindText(const std::wstring& needle, i
 
 std::shared_ptr<ITextObject> ExtractText(fz_context* ctx, pdf_page* page) {
     struct Frame {
-        fz_rect bounds;     // the page as displayed, MuPDF's space
-        fz_matrix toPage;   // MuPDF's space -> page space
+        fz_rect bounds;    // the page as displayed, MuPDF's space
+        fz_matrix toPage;  // MuPDF's space -> page space
     };
     const Frame frame = guarded(ctx, [&] {
         fz_rect box;

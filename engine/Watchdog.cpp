@@ -1,12 +1,12 @@
 #include "engine/Watchdog.h"
 
+#include <mupdf/fitz.h>
+
 #include <atomic>
 #include <condition_variable>
 #include <map>
 #include <mutex>
 #include <thread>
-
-#include <mupdf/fitz.h>
 
 namespace Orvane::PDF::Pdfium {
 namespace {
@@ -82,8 +82,12 @@ private:
 
 }  // namespace
 
-void SetRenderTimeBudget(std::chrono::milliseconds budget) { renderBudgetMs = budget.count(); }
-std::chrono::milliseconds RenderTimeBudget() { return std::chrono::milliseconds(renderBudgetMs.load()); }
+void SetRenderTimeBudget(std::chrono::milliseconds budget) {
+    renderBudgetMs = budget.count();
+}
+std::chrono::milliseconds RenderTimeBudget() {
+    return std::chrono::milliseconds(renderBudgetMs.load());
+}
 
 Deadline::Deadline(fz_cookie& cookie, std::chrono::milliseconds budget)
     : cookie_(cookie), when_(std::chrono::steady_clock::now() + budget) {

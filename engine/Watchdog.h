@@ -5,9 +5,9 @@
 // a registered cookie outlives its deadline, so a hostile page cannot hold a
 // worker forever.
 
-#include <chrono>
-
 #include <mupdf/fitz.h>
+
+#include <chrono>
 
 namespace Orvane::PDF::Pdfium {
 

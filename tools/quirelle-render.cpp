@@ -3,13 +3,12 @@
 //
 //   quirelle-render [--dpi N] [--password P] FILE OUTDIR
 
+#include <Quirelle>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <iostream>
 #include <string>
-
-#include <Quirelle>
 
 namespace {
 

@@ -1,9 +1,8 @@
 // Opens a document, renders its first page to a PNG file and closes it.
 //   render_page FILE OUT.png
 
-#include <iostream>
-
 #include <Quirelle>
+#include <iostream>
 
 int main(int argc, char** argv) {
     if (argc != 3) {

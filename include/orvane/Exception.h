@@ -1,9 +1,8 @@
 #pragma once
 
+#include <boost/exception/exception.hpp>
 #include <exception>
 #include <string>
-
-#include <boost/exception/exception.hpp>
 
 #include "orvane/Export.h"
 

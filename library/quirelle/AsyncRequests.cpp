@@ -58,14 +58,13 @@ void Quirelle::Impl::ServePageInfoRequest() {
     try {
         if (!FindDocument(request.id)) throw std::invalid_argument("Invalid doc handle");
         const PageInfo info = PageInfoOf(request.id, request.page);
-        observers.Notify(&IPageInfoObserver::OnPageInfo, request.id, request.page, info.size, info.rotation,
-                         info.rect);
+        observers.Notify(&IPageInfoObserver::OnPageInfo, request.id, request.page, info.size, info.rotation, info.rect);
     } catch (...) {
         // The failure marker: size 1 x 1, rotation 0, an all-zero rect. An
         // observer throwing now only loses this notification.
         try {
-            observers.Notify(&IPageInfoObserver::OnPageInfo, request.id, request.page, Size{1.0, 1.0},
-                             IPage::Rotate0, Rect{0.0, 0.0, 0.0, 0.0});
+            observers.Notify(&IPageInfoObserver::OnPageInfo, request.id, request.page, Size{1.0, 1.0}, IPage::Rotate0,
+                             Rect{0.0, 0.0, 0.0, 0.0});
         } catch (const std::exception& e) {
             QUIRELLE_LOG(ERROR) << "An observer failed on page information: " << e.what();
         } catch (...) {

@@ -49,10 +49,17 @@ void Quirelle::Impl::RotatePage(const RotationPageTask& task) {
     if (current < 0 || current > 3) return;
     int quarterTurns;
     switch (task.rotation) {
-    case IPDFProvider::RotateClockwise: quarterTurns = 1; break;
-    case IPDFProvider::RotateCounterClockwise: quarterTurns = 3; break;
-    case IPDFProvider::RotateHalfTurn: quarterTurns = 2; break;
-    default: return;
+        case IPDFProvider::RotateClockwise:
+            quarterTurns = 1;
+            break;
+        case IPDFProvider::RotateCounterClockwise:
+            quarterTurns = 3;
+            break;
+        case IPDFProvider::RotateHalfTurn:
+            quarterTurns = 2;
+            break;
+        default:
+            return;
     }
     page->SetRotation(static_cast<IPage::Rotation>((current + quarterTurns) % 4));
 }

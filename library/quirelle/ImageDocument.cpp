@@ -1,11 +1,10 @@
 // Image files as documents: every frame Qt can read becomes one page, one
 // pixel to one point, in frame order.
 
-#include <stdexcept>
-
 #include <QImageReader>
 #include <QList>
 #include <QString>
+#include <stdexcept>
 
 #include "QuirelleImpl.h"
 #include "engine/Engine.h"

@@ -82,19 +82,19 @@ IPDFProvider::DestinationLinkInfo Quirelle::Impl::HandleLink(const PagePositionT
         auto* link = dynamic_cast<ILinkAnnotation*>(annotation.get());
         if (link == nullptr) return info;  // the first hit decides, even when it is no link
         switch (link->GetLinkType()) {
-        case ILinkAnnotation::Destination: {
-            const LinkDestination destination = link->GetDestination();
-            info.pageIndex = destination.pageIndex;
-            info.x = destination.x;
-            info.y = destination.y;
-            info.zoom = destination.zoom;
-            return info;
-        }
-        case ILinkAnnotation::Uri:
-            info.uri = link->GetUri();
-            return info;
-        default:
-            return DestinationLinkInfo();
+            case ILinkAnnotation::Destination: {
+                const LinkDestination destination = link->GetDestination();
+                info.pageIndex = destination.pageIndex;
+                info.x = destination.x;
+                info.y = destination.y;
+                info.zoom = destination.zoom;
+                return info;
+            }
+            case ILinkAnnotation::Uri:
+                info.uri = link->GetUri();
+                return info;
+            default:
+                return DestinationLinkInfo();
         }
     }
     return info;

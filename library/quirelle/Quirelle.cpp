@@ -22,7 +22,9 @@ void Quirelle::UnregisterEventHandler(IPageInfoObserver* observer) {
     static_cast<Core::EventPublisher<IPageInfoObserver>&>(impl->observers).UnregisterEventHandler(observer);
 }
 
-std::future<IPDFProvider::OpenDocInfo> Quirelle::CreateDocument() { return OpenDocument(Orvane::ioPath(), ""); }
+std::future<IPDFProvider::OpenDocInfo> Quirelle::CreateDocument() {
+    return OpenDocument(Orvane::ioPath(), "");
+}
 
 std::future<IPDFProvider::OpenDocInfo> Quirelle::OpenDocument(const Orvane::ioPath& path, const std::string& password) {
     return impl->Enqueue(impl->openQueue, Impl::OpenDocumentTask{-1, path, password},
@@ -104,7 +106,9 @@ std::future<void> Quirelle::ImportAllPages(const int64& sourceId, const int64& t
                          [i = impl.get()](const Impl::ImportPageTask& task) { i->ImportAllPages(task); });
 }
 
-std::future<bool> Quirelle::SaveDocument(const int64& id) { return SaveDocumentAs(id, Orvane::ioPath()); }
+std::future<bool> Quirelle::SaveDocument(const int64& id) {
+    return SaveDocumentAs(id, Orvane::ioPath());
+}
 
 std::future<bool> Quirelle::SaveDocumentAs(const int64& id, const Orvane::ioPath& path) {
     return impl->Enqueue(impl->saveQueue, Impl::SaveDocumentTask{id, path},
@@ -128,10 +132,9 @@ std::future<void> Quirelle::DeletePages(const int64& id, const std::vector<unsig
 }
 
 std::future<void> Quirelle::AddBlankPage(const int64& id, unsigned index, int width, int height) {
-    return impl->Enqueue(impl->blankPageQueue, int64_t{id},
-                         [i = impl.get(), index, width, height](const int64_t& doc) {
-                             i->AddBlankPage(doc, index, width, height);
-                         });
+    return impl->Enqueue(impl->blankPageQueue, int64_t{id}, [i = impl.get(), index, width, height](const int64_t& doc) {
+        i->AddBlankPage(doc, index, width, height);
+    });
 }
 
 Orvane::ioPath Quirelle::GetDocumentPath(const int64& id) {
@@ -176,8 +179,12 @@ int64 Quirelle::SearchInDocument(const int64& id, unsigned startPage, const std:
     return impl->AddSearch(id, startPage, text, callback);
 }
 
-void Quirelle::StopSearch(const int64& searchId) { impl->StopSearch(searchId); }
+void Quirelle::StopSearch(const int64& searchId) {
+    impl->StopSearch(searchId);
+}
 
-std::future<void> Quirelle::CloseDoument(const int64& id) { return impl->EnqueueClose(id); }
+std::future<void> Quirelle::CloseDoument(const int64& id) {
+    return impl->EnqueueClose(id);
+}
 
 }  // namespace Orvane::PDF

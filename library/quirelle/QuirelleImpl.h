@@ -14,6 +14,7 @@
 // - Every engine document is made, used and destroyed on the worker thread,
 //   between the engine's initialisation and its uninitialisation.
 
+#include <QImage>
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
@@ -26,8 +27,6 @@
 #include <string>
 #include <thread>
 #include <vector>
-
-#include <QImage>
 
 #include "Quirelle"
 #include "core/EventHandlerList.h"
@@ -45,7 +44,7 @@ public:
     // ---- task records: plain aggregates, the document id first ----
 
     struct OpenDocumentTask {
-        int64_t id = -1;  // not used: the id is given out once the document exists
+        int64_t id = -1;      // not used: the id is given out once the document exists
         Orvane::ioPath path;  // empty: a new blank document
         std::string password;
     };
@@ -128,9 +127,9 @@ public:
     using PendingImages = std::set<PageImageTask, ByPageIndex>;
 
     struct SearchRequest {
-        int64_t id;          // the document searched
-        unsigned step;       // position of the next page, counted from startPage without wrapping
-        unsigned reserved;   // always 0
+        int64_t id;         // the document searched
+        unsigned step;      // position of the next page, counted from startPage without wrapping
+        unsigned reserved;  // always 0
         int64_t searchId;
         unsigned startPage;
         std::wstring text;
@@ -160,8 +159,8 @@ public:
     void AddPageInfoRequest(const PageInfoRequest& request);
     void AddPageImageRequest(const PageImageTask& request);
     void CancelRequests(const int64_t& id, unsigned page, ViewType viewType);
-    void RemovePendingPageInfo(const PageInfoRequest& key);   // queueMutex held
-    void RemovePendingPageImage(const PageImageTask& key);    // queueMutex held
+    void RemovePendingPageInfo(const PageInfoRequest& key);  // queueMutex held
+    void RemovePendingPageImage(const PageImageTask& key);   // queueMutex held
     PendingImages& PendingSetFor(ViewType viewType) { return viewType == 0 ? pendingImages[0] : pendingImages[1]; }
 
     // ---- searches (caller's thread) ----
@@ -225,35 +224,35 @@ public:
     // ---- members ----
 
     // Pending asynchronous images: [0] for the default view, [1] for every other view.
-    PendingImages pendingImages[2];                                  // guarded by queueMutex
+    PendingImages pendingImages[2];  // guarded by queueMutex
 
     // Request queues, in the order the worker serves them (see ServePass).
-    Queue<OpenDocumentTask, OpenDocInfo> openQueue;                  // guarded by queueMutex
-    std::list<PageInfoRequest> pageInfoRequests;                     // guarded by queueMutex
-    Queue<PageTask, PageInfo> pageInfoQueue;                         // guarded by queueMutex
-    Queue<PageImageTask, QImage> pageImageQueue;                     // guarded by queueMutex
-    Queue<PagePositionTask, Rect> objectBoundsQueue;                 // guarded by queueMutex
-    Queue<PageTask, std::shared_ptr<ITextObject>> textObjectQueue;   // guarded by queueMutex
-    Queue<RotationPageTask, void> rotationQueue;                     // guarded by queueMutex
-    std::list<CallerWork> callerWorkQueue;                           // guarded by queueMutex
-    Queue<ImportPageTask, void> importQueue;                         // guarded by queueMutex
-    Queue<SaveDocumentTask, bool> saveQueue;                         // guarded by queueMutex
-    Queue<ExportTask, bool> exportQueue;                             // guarded by queueMutex
-    Queue<MovePagesTask, void> moveQueue;                            // guarded by queueMutex
-    Queue<DeletePagesTask, void> deleteQueue;                        // guarded by queueMutex
-    Queue<int64_t, void> blankPageQueue;                             // guarded by queueMutex
-    Queue<PagePositionTask, bool> linkAreaQueue;                     // guarded by queueMutex
-    Queue<PagePositionTask, DestinationLinkInfo> linkQueue;          // guarded by queueMutex
-    Queue<int64_t, void> closeQueue;                                 // guarded by queueMutex
+    Queue<OpenDocumentTask, OpenDocInfo> openQueue;                 // guarded by queueMutex
+    std::list<PageInfoRequest> pageInfoRequests;                    // guarded by queueMutex
+    Queue<PageTask, PageInfo> pageInfoQueue;                        // guarded by queueMutex
+    Queue<PageImageTask, QImage> pageImageQueue;                    // guarded by queueMutex
+    Queue<PagePositionTask, Rect> objectBoundsQueue;                // guarded by queueMutex
+    Queue<PageTask, std::shared_ptr<ITextObject>> textObjectQueue;  // guarded by queueMutex
+    Queue<RotationPageTask, void> rotationQueue;                    // guarded by queueMutex
+    std::list<CallerWork> callerWorkQueue;                          // guarded by queueMutex
+    Queue<ImportPageTask, void> importQueue;                        // guarded by queueMutex
+    Queue<SaveDocumentTask, bool> saveQueue;                        // guarded by queueMutex
+    Queue<ExportTask, bool> exportQueue;                            // guarded by queueMutex
+    Queue<MovePagesTask, void> moveQueue;                           // guarded by queueMutex
+    Queue<DeletePagesTask, void> deleteQueue;                       // guarded by queueMutex
+    Queue<int64_t, void> blankPageQueue;                            // guarded by queueMutex
+    Queue<PagePositionTask, bool> linkAreaQueue;                    // guarded by queueMutex
+    Queue<PagePositionTask, DestinationLinkInfo> linkQueue;         // guarded by queueMutex
+    Queue<int64_t, void> closeQueue;                                // guarded by queueMutex
 
-    std::list<SearchRequest> searches;                               // guarded by queueMutex
-    std::set<int64_t> stoppedSearches;                               // guarded by queueMutex
+    std::list<SearchRequest> searches;  // guarded by queueMutex
+    std::set<int64_t> stoppedSearches;  // guarded by queueMutex
 
     // Written by the worker under queueMutex; read by callers under it and by
     // the worker without it.
     std::map<int64_t, std::shared_ptr<IDocument>> documents;
-    int64_t nextDocumentId = 0;                                      // guarded by queueMutex
-    int64_t nextSearchId = 0;                                        // guarded by queueMutex
+    int64_t nextDocumentId = 0;  // guarded by queueMutex
+    int64_t nextSearchId = 0;    // guarded by queueMutex
 
     std::atomic<bool> stop{false};
     mutable std::mutex queueMutex;

@@ -1,10 +1,10 @@
-#include "core/EventHandlerList.h"
+#include <gtest/gtest.h>
 
 #include <stdexcept>
 #include <string>
 #include <vector>
 
-#include <gtest/gtest.h>
+#include "core/EventHandlerList.h"
 
 namespace {
 
@@ -89,7 +89,10 @@ TEST_F(EventHandlerListTest, AHandlerThatThrowsEndsTheNotification) {
 TEST_F(EventHandlerListTest, ArgumentsAreCopiedIntoTheCall) {
     struct Holder {
         virtual ~Holder() = default;
-        virtual void OnText(const std::string& text) { seen = &text; value = text; }
+        virtual void OnText(const std::string& text) {
+            seen = &text;
+            value = text;
+        }
         const std::string* seen = nullptr;
         std::string value;
     } holder;

@@ -1,6 +1,7 @@
 // The engine document: opening (passwords, damaged files), permissions, the
 // page list, saving, image pages, metadata read from other threads and system fonts.
 
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
 
@@ -10,8 +11,6 @@
 #include <random>
 #include <stdexcept>
 #include <thread>
-
-#include <gtest/gtest.h>
 
 #include "orvane/Exception.h"
 #include "orvane/pdf/SystemFontProviderFactory.h"
@@ -64,16 +63,20 @@ TEST_F(DocumentTest, DamagedFilesGiveARuntimeErrorOrADocumentWhosePagesLoad) {
     std::string noise(4096, '\0');
     for (size_t i = 0; i < noise.size(); ++i) noise[i] = char((i * 7919u + 13u) % 251u);
     auto tree = [](const std::string& pages) {
-        return RawPdf({"<< /Type /Catalog /Pages 2 0 R >>", pages,
-                       "<< /Type /Page /Parent 2 0 R /MediaBox [0 0 100 100] >>"});
+        return RawPdf(
+            {"<< /Type /Catalog /Pages 2 0 R >>", pages, "<< /Type /Page /Parent 2 0 R /MediaBox [0 0 100 100] >>"});
     };
     struct Case {
         std::string bytes;
         bool notAPdf;
     };
     for (const Case& c : std::vector<Case>{
-             {"", true}, {"no PDF at all\n", true}, {noise, true}, {good.substr(0, good.size() / 2), false},
-             {good.substr(0, 40), false}, {good.substr(0, good.rfind("xref")), false},
+             {"", true},
+             {"no PDF at all\n", true},
+             {noise, true},
+             {good.substr(0, good.size() / 2), false},
+             {good.substr(0, 40), false},
+             {good.substr(0, good.rfind("xref")), false},
              {tree("<< /Type /Pages /Count 2 /Kids [2 0 R 3 0 R] >>"), false},
              {tree("<< /Type /Pages /Count -5 /Kids [3 0 R] >>"), false},
              {tree("<< /Type /Pages /Count 1410065407 /Kids [3 0 R] >>"), true}}) {  // more pages than objects
@@ -123,8 +126,8 @@ TEST_F(DocumentTest, OpensOnlyWithUserOrOwnerPassword) {
 using Restrictions = std::array<bool, 6>;
 
 Restrictions RestrictionsOf(const IDocument& d) {
-    return {d.IsPrintProtected(),          d.IsEditContentProtected(),     d.IsCopyTextAndGraphicsProtected(),
-            d.IsEditPagesProtected(),      d.IsExtractingPagesProtected(), d.IsPrintLowResolution()};
+    return {d.IsPrintProtected(),     d.IsEditContentProtected(),     d.IsCopyTextAndGraphicsProtected(),
+            d.IsEditPagesProtected(), d.IsExtractingPagesProtected(), d.IsPrintLowResolution()};
 }
 
 TEST_F(DocumentTest, UserAccessFollowsTheFilesBitsAndOwnerAccessIsUnrestricted) {
@@ -229,9 +232,14 @@ TEST_F(DocumentTest, FailedSaveLeavesTargetUntouchedAndNoTemporaryFile) {
 TEST_F(DocumentTest, RemoveHiddenObjectsDropsOnlyNeverVisibleAnnotations) {
     PageLayout page;
     // /F: 2 Hidden, 4 Print, 32 NoView, 256 ToggleNoView; a hidden form field stays.
-    for (auto [subtype, flags] : std::vector<std::pair<std::string, int>>{
-             {"Square", 2}, {"Circle", 32}, {"Line", 4}, {"Polygon", 36}, {"Ink", 288}, {"Widget", 2},
-             {"Text", 6}, {"Stamp", 0}}) {
+    for (auto [subtype, flags] : std::vector<std::pair<std::string, int>>{{"Square", 2},
+                                                                          {"Circle", 32},
+                                                                          {"Line", 4},
+                                                                          {"Polygon", 36},
+                                                                          {"Ink", 288},
+                                                                          {"Widget", 2},
+                                                                          {"Text", 6},
+                                                                          {"Stamp", 0}}) {
         page.annotations.push_back({subtype, Rect{10, 50, 50, 10}, flags});
     }
     auto doc = Open(PdfBuilder().AddPage(page));

@@ -39,8 +39,13 @@ TEST_F(Fixture, QpdfAcceptsBuiltFilesAndTheSample) {
     page.links.back().namedDestination = "end";
     for (bool inherit : {false, true}) {
         const auto path = temp.File(inherit ? "inherited.pdf" : "plain.pdf");
-        PdfBuilder().AddPage(page).AddNumberedPages(2).AddNamedDestination("end", 2, 50, 600)
-            .AddNamedDestination("old", 1, 0, 0, false).InheritAttributes(inherit).Save(path);
+        PdfBuilder()
+            .AddPage(page)
+            .AddNumberedPages(2)
+            .AddNamedDestination("end", 2, 50, 600)
+            .AddNamedDestination("old", 1, 0, 0, false)
+            .InheritAttributes(inherit)
+            .Save(path);
         EXPECT_TRUE(QpdfClean(path)) << path;
     }
     const auto sample = SamplesDir() / "sample.pdf";

@@ -42,12 +42,11 @@ TEST_F(ImportTest, CopiesListedPagesInOrderWithDuplicatesAtTheInsertionPointAlso
     wide.text.push_back({72, 200, 12, "W"});
     // The first page's size and rotation go to the page tree's root: it inherits them.
     auto source = Open(PdfBuilder().InheritAttributes().AddPage(wide).AddNumberedPages(3));
-    for (auto [index, expected] : std::vector<std::pair<int, Strings>>{
-             {1, {"A", "W", "Page 4", "W", "B"}},
-             {0, {"W", "Page 4", "W", "A", "B"}},
-             {2, {"A", "B", "W", "Page 4", "W"}},
-             {1000, {"A", "B", "W", "Page 4", "W"}},
-             {-1, {"A", "B", "W", "Page 4", "W"}}}) {
+    for (auto [index, expected] : std::vector<std::pair<int, Strings>>{{1, {"A", "W", "Page 4", "W", "B"}},
+                                                                       {0, {"W", "Page 4", "W", "A", "B"}},
+                                                                       {2, {"A", "B", "W", "Page 4", "W"}},
+                                                                       {1000, {"A", "B", "W", "Page 4", "W"}},
+                                                                       {-1, {"A", "B", "W", "Page 4", "W"}}}) {
         SCOPED_TRACE(index);
         auto target = Labelled({"A", "B"});
         CreatePageImporter()->ImportPages(source, {0, 3, 0}, target, index);
@@ -69,8 +68,8 @@ TEST_F(ImportTest, CopiesListedPagesInOrderWithDuplicatesAtTheInsertionPointAlso
     CreatePageImporter()->ImportPages(source, {0, 3}, source, 1);
     CreatePageImporter()->ImportAllPages(source, source, -1);
     source->DeletePage(0);
-    EXPECT_EQ(Labels(*Reopened(*source)), (Strings{"W", "Page 4", "Page 2", "Page 3", "Page 4", "W", "W", "Page 4",
-                                                   "Page 2", "Page 3", "Page 4"}));
+    EXPECT_EQ(Labels(*Reopened(*source)),
+              (Strings{"W", "Page 4", "Page 2", "Page 3", "Page 4", "W", "W", "Page 4", "Page 2", "Page 3", "Page 4"}));
 }
 
 TEST_F(ImportTest, SharedResourcesArriveOncePerCall) {

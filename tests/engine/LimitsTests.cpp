@@ -1,10 +1,10 @@
 // Limits on hostile input: memory exhaustion is an engine failure (not a bad
 // file), and a render past its time budget is aborted and reported.
 
-#include <thread>
+#include <mupdf/fitz.h>
 
 #include <QImage>
-#include <mupdf/fitz.h>
+#include <thread>
 
 #include "engine/Context.h"
 #include "engine/Engine.h"

@@ -1,9 +1,9 @@
 // Link annotations: URIs, explicit destinations (unset values read as 0),
 // named destinations from the /Names tree and from /Dests, and GoTo actions.
 
-#include <tuple>
-
 #include <gtest/gtest.h>
+
+#include <tuple>
 
 #include "tests/engine/DocumentTestSupport.h"
 
@@ -34,7 +34,7 @@ void ExpectLinks(IPage& page, const std::vector<Expected>& expected) {
 }
 
 LinkLayout To(int page, std::optional<double> left, std::optional<double> top, std::optional<double> zoom,
-            const std::string& fit = "", const std::string& name = "") {
+              const std::string& fit = "", const std::string& name = "") {
     return {Rect{0, 10, 10, 0}, "", page, left, top, zoom, fit, name};
 }
 
@@ -44,16 +44,16 @@ TEST_F(Links, UrisAndExplicitAndNamedDestinations) {
     fitR.bottom = 30;
     fitR.right = 200;
     layout.links = {{Rect{0, 100, 100, 0}, "https://example.com/a?b=c&d=%20"},
-                  To(2, 10, 700, 2),
-                  To(1, std::nullopt, std::nullopt, std::nullopt),
-                  To(1, std::nullopt, 500, 0),
-                  To(1, 40, std::nullopt, std::nullopt),
-                  To(2, {}, {}, {}, "Fit"),
-                  To(0, {}, 300, {}, "FitH"),
-                  fitR,
-                  To(-1, {}, {}, {}, "", "chapter-2"),
-                  To(-1, {}, {}, {}, "", "legacy"),
-                  To(-1, {}, {}, {}, "", "missing")};
+                    To(2, 10, 700, 2),
+                    To(1, std::nullopt, std::nullopt, std::nullopt),
+                    To(1, std::nullopt, 500, 0),
+                    To(1, 40, std::nullopt, std::nullopt),
+                    To(2, {}, {}, {}, "Fit"),
+                    To(0, {}, 300, {}, "FitH"),
+                    fitR,
+                    To(-1, {}, {}, {}, "", "chapter-2"),
+                    To(-1, {}, {}, {}, "", "legacy"),
+                    To(-1, {}, {}, {}, "", "missing")};
     auto page = Open(PdfBuilder()
                          .AddPage(layout)
                          .AddNumberedPages(2)
@@ -75,23 +75,29 @@ TEST_F(Links, UrisAndExplicitAndNamedDestinations) {
 }
 
 TEST_F(Links, GoToActionsNameTreeKidsAndTargetsOutsideTheDocument) {
-    auto page = Open(RawPdf({
-        "<< /Type /Catalog /Pages 2 0 R /Names << /Dests 9 0 R >> >>",
-        "<< /Type /Pages /Count 2 /Kids [3 0 R 4 0 R] >>",
-        "<< /Type /Page /Parent 2 0 R /MediaBox [0 0 612 792] /Annots [5 0 R 6 0 R 7 0 R 8 0 R 12 0 R] >>",
-        "<< /Type /Page /Parent 2 0 R /MediaBox [0 0 612 792] >>",
-        "<< /Subtype /Link /Rect [0 0 10 10] /A << /S /GoTo /D [4 0 R /XYZ 5 6 1.5] >> >>",
-        "<< /Subtype /Link /Rect [0 0 10 10] /A << /S /GoTo /D (zeta) >> >>",
-        "<< /Subtype /Link /Rect [0 0 10 10] /Dest [13 0 R /Fit] >>",  // not a page of the document
-        "<< /Subtype /Link /Rect [0 0 10 10] /A << /S /Named /N /NextPage >> >>",
-        "<< /Kids [10 0 R 11 0 R] >>",
-        "<< /Limits [(alpha) (beta)] /Names [(alpha) [3 0 R /Fit] (beta) [3 0 R /Fit]] >>",
-        "<< /Limits [(gamma) (zeta)] /Names [(gamma) [3 0 R /Fit] (zeta) << /D [4 0 R /XYZ null 80 null] >>] >>",
-        "<< /Subtype /Link /Rect [0 0 10 10] /Dest [1 /XYZ 7 8 0] >>",  // a page number for a page
-        "<< /Type /Page /MediaBox [0 0 10 10] >>",
-    }))->GetPage(0);
+    auto page =
+        Open(RawPdf({
+                 "<< /Type /Catalog /Pages 2 0 R /Names << /Dests 9 0 R >> >>",
+                 "<< /Type /Pages /Count 2 /Kids [3 0 R 4 0 R] >>",
+                 "<< /Type /Page /Parent 2 0 R /MediaBox [0 0 612 792] /Annots [5 0 R 6 0 R 7 0 R 8 0 R 12 0 R] >>",
+                 "<< /Type /Page /Parent 2 0 R /MediaBox [0 0 612 792] >>",
+                 "<< /Subtype /Link /Rect [0 0 10 10] /A << /S /GoTo /D [4 0 R /XYZ 5 6 1.5] >> >>",
+                 "<< /Subtype /Link /Rect [0 0 10 10] /A << /S /GoTo /D (zeta) >> >>",
+                 "<< /Subtype /Link /Rect [0 0 10 10] /Dest [13 0 R /Fit] >>",  // not a page of the document
+                 "<< /Subtype /Link /Rect [0 0 10 10] /A << /S /Named /N /NextPage >> >>",
+                 "<< /Kids [10 0 R 11 0 R] >>",
+                 "<< /Limits [(alpha) (beta)] /Names [(alpha) [3 0 R /Fit] (beta) [3 0 R /Fit]] >>",
+                 "<< /Limits [(gamma) (zeta)] /Names [(gamma) [3 0 R /Fit] (zeta) << /D [4 0 R /XYZ null 80 null] >>] "
+                 ">>",
+                 "<< /Subtype /Link /Rect [0 0 10 10] /Dest [1 /XYZ 7 8 0] >>",  // a page number for a page
+                 "<< /Type /Page /MediaBox [0 0 10 10] >>",
+             }))
+            ->GetPage(0);
     const int D = ILinkAnnotation::Destination, Other = ILinkAnnotation::Other;
-    ExpectLinks(*page, {{D, "", {1, 5, 6, 1.5f}}, {D, "", {1, 0, 80, 0}}, {Other, "", {-1}}, {Other, "", {-1}},
+    ExpectLinks(*page, {{D, "", {1, 5, 6, 1.5f}},
+                        {D, "", {1, 0, 80, 0}},
+                        {Other, "", {-1}},
+                        {Other, "", {-1}},
                         {D, "", {1, 7, 8, 0}}});
 }
 

@@ -2,9 +2,9 @@
 // (case folding, white space across lines, hyphenation, whole words,
 // overlapping hits), hit bounds and highlighting rectangles.
 
-#include <thread>
-
 #include <gtest/gtest.h>
+
+#include <thread>
 
 #include "tests/engine/DocumentTestSupport.h"
 
@@ -21,8 +21,10 @@ protected:
         return FirstPage(layout)->GetTextObject();
     }
     std::shared_ptr<ITextObject> Sample() {
-        return Lines({"\xC3\x89""COLE \xC3\xA9t\xC3\xA9 Hello", "the quick brown", "fox jumps a docu-",
-                      "ment and a well-known one", "cat concatenate cat. aaaa"});
+        return Lines(
+            {"\xC3\x89"
+             "COLE \xC3\xA9t\xC3\xA9 Hello",
+             "the quick brown", "fox jumps a docu-", "ment and a well-known one", "cat concatenate cat. aaaa"});
     }
 };
 
@@ -79,7 +81,7 @@ TEST_F(TextTest, BoxesInPageSpaceHitBoundsAndOneHighlightRectanglePerLine) {
     EXPECT_NEAR(e.left, 72, 0.5);
     EXPECT_GT(e.top, 720);  // y grows upward
     EXPECT_LT(e.bottom, 720);
-    EXPECT_LT(text->GetCharBox(16).top, e.top - 15);  // the next line, 20 points lower
+    EXPECT_LT(text->GetCharBox(16).top, e.top - 15);                   // the next line, 20 points lower
     EXPECT_EQ(text->GetCharBox(15).left, text->GetCharBox(15).right);  // a line break
     EXPECT_THROW(text->GetCharBox(text->GetCharCount()), std::out_of_range);
     auto turned = Lines({"Turn"}, 90);  // on a turned page the boxes stay in page space

@@ -53,8 +53,7 @@ int main(int argc, char** argv) {
         // Page 3, Letter shown rotated by 90 degrees.
         PageLayout third;
         third.rotate = 90;
-        third.text = {{72, 720, 18, "Chapter three"},
-                      {72, 690, 12, "This page is rotated by 90 degrees."}};
+        third.text = {{72, 720, 18, "Chapter three"}, {72, 690, 12, "This page is rotated by 90 degrees."}};
         third.rects = {{{72, 660, 540, 650}, 0x6D4C41}};
         builder.AddPage(third);
 

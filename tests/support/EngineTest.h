@@ -3,9 +3,9 @@
 // Base fixture for tests that drive the engine directly: the test thread gets
 // its MuPDF context for the test's duration, and a scratch directory.
 
-#include <memory>
-
 #include <gtest/gtest.h>
+
+#include <memory>
 
 #include "engine/Context.h"
 #include "tests/support/PdfBuilder.h"

@@ -1,5 +1,10 @@
 #include "tests/support/PdfBuilder.h"
 
+#include <mupdf/fitz.h>
+#include <mupdf/pdf.h>
+#include <unistd.h>
+#include <zlib.h>
+
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -11,12 +16,6 @@
 #include <sstream>
 #include <stdexcept>
 #include <utility>
-
-#include <unistd.h>
-#include <zlib.h>
-
-#include <mupdf/fitz.h>
-#include <mupdf/pdf.h>
 
 #include "engine/Guarded.h"
 #include "engine/Handles.h"
@@ -47,13 +46,17 @@ std::string Num(double v) {
     return s;
 }
 
-std::string Opt(const std::optional<double>& v) { return v ? Num(*v) : "null"; }
+std::string Opt(const std::optional<double>& v) {
+    return v ? Num(*v) : "null";
+}
 
 std::string RectArray(const Rect& r) {
     return "[" + Num(r.left) + " " + Num(r.bottom) + " " + Num(r.right) + " " + Num(r.top) + "]";
 }
 
-std::string Ref(int num) { return std::to_string(num) + " 0 R"; }
+std::string Ref(int num) {
+    return std::to_string(num) + " 0 R";
+}
 
 // Colour operands "r g b" for 0xRRGGBB.
 std::string Rgb(uint32_t rgb) {
@@ -110,7 +113,8 @@ std::string ToLatin1(const std::string& utf8) {
         } else {
             throw std::runtime_error("PdfBuilder: text outside Latin-1: " + utf8);
         }
-        if (cp > 0xFF || (cp >= 0x80 && cp < 0xA0)) throw std::runtime_error("PdfBuilder: text outside Latin-1: " + utf8);
+        if (cp > 0xFF || (cp >= 0x80 && cp < 0xA0))
+            throw std::runtime_error("PdfBuilder: text outside Latin-1: " + utf8);
         if (cp == '\n' || cp == '\r') throw std::runtime_error("PdfBuilder: line break in a text run");
         out += static_cast<char>(cp);
     }
@@ -120,8 +124,8 @@ std::string ToLatin1(const std::string& utf8) {
 std::string Deflate(const std::string& data) {
     uLongf size = compressBound(data.size());
     std::string out(size, '\0');
-    if (compress2(reinterpret_cast<Bytef*>(out.data()), &size, reinterpret_cast<const Bytef*>(data.data()),
-                  data.size(), 9) != Z_OK)
+    if (compress2(reinterpret_cast<Bytef*>(out.data()), &size, reinterpret_cast<const Bytef*>(data.data()), data.size(),
+                  9) != Z_OK)
         throw std::runtime_error("PdfBuilder: deflate failed");
     out.resize(size);
     return out;
@@ -197,10 +201,14 @@ struct ContextDeleter {
 
 int EncryptMethod(Encryption::Method method) {
     switch (method) {
-    case Encryption::Method::Rc4_40: return PDF_ENCRYPT_RC4_40;
-    case Encryption::Method::Rc4_128: return PDF_ENCRYPT_RC4_128;
-    case Encryption::Method::Aes128: return PDF_ENCRYPT_AES_128;
-    case Encryption::Method::Aes256: return PDF_ENCRYPT_AES_256;
+        case Encryption::Method::Rc4_40:
+            return PDF_ENCRYPT_RC4_40;
+        case Encryption::Method::Rc4_128:
+            return PDF_ENCRYPT_RC4_128;
+        case Encryption::Method::Aes128:
+            return PDF_ENCRYPT_AES_128;
+        case Encryption::Method::Aes256:
+            return PDF_ENCRYPT_AES_256;
     }
     return PDF_ENCRYPT_AES_128;
 }
@@ -336,8 +344,8 @@ std::string PdfBuilder::Build() const {
 
         std::vector<int> annots;
         for (const LinkLayout& link : page.links) {
-            std::string dict = "<< /Type /Annot /Subtype /Link /Rect " + RectArray(link.rect) +
-                               " /Border [0 0 0] /P " + Ref(pageRefs[p]);
+            std::string dict = "<< /Type /Annot /Subtype /Link /Rect " + RectArray(link.rect) + " /Border [0 0 0] /P " +
+                               Ref(pageRefs[p]);
             if (!link.uri.empty())
                 dict += " /A << /S /URI /URI " + LiteralString(link.uri) + " >>";
             else if (!link.namedDestination.empty())
@@ -348,14 +356,14 @@ std::string PdfBuilder::Build() const {
             annots.push_back(w.Add(dict + " >>"));
         }
         for (const AnnotationLayout& a : page.annotations) {
-            std::string dict = "<< /Type /Annot /Subtype " + Name(a.subtype) + " /Rect " + RectArray(a.rect) +
-                               " /F " + std::to_string(a.flags) + " /P " + Ref(pageRefs[p]);
+            std::string dict = "<< /Type /Annot /Subtype " + Name(a.subtype) + " /Rect " + RectArray(a.rect) + " /F " +
+                               std::to_string(a.flags) + " /P " + Ref(pageRefs[p]);
             if (a.fillRgb) {
                 // The form's box is the annotation's rect, so it maps onto it unscaled.
-                const int form = w.AddStream(
-                    "/Type /XObject /Subtype /Form /BBox " + RectArray(a.rect),
-                    Rgb(*a.fillRgb) + " rg " + Num(a.rect.left) + " " + Num(a.rect.bottom) + " " +
-                        Num(a.rect.right - a.rect.left) + " " + Num(a.rect.top - a.rect.bottom) + " re f");
+                const int form =
+                    w.AddStream("/Type /XObject /Subtype /Form /BBox " + RectArray(a.rect),
+                                Rgb(*a.fillRgb) + " rg " + Num(a.rect.left) + " " + Num(a.rect.bottom) + " " +
+                                    Num(a.rect.right - a.rect.left) + " " + Num(a.rect.top - a.rect.bottom) + " re f");
                 dict += " /AP << /N " + Ref(form) + " >>";
             }
             annots.push_back(w.Add(dict + " >>"));
@@ -366,7 +374,8 @@ std::string PdfBuilder::Build() const {
         if (!inherit_ || page.width != first.width || page.height != first.height)
             dict += " /MediaBox [0 0 " + Num(page.width) + " " + Num(page.height) + "]";
         if (page.cropBox) dict += " /CropBox " + RectArray(*page.cropBox);
-        if (inherit_ ? page.rotate != first.rotate : page.rotate != 0) dict += " /Rotate " + std::to_string(page.rotate);
+        if (inherit_ ? page.rotate != first.rotate : page.rotate != 0)
+            dict += " /Rotate " + std::to_string(page.rotate);
         if (!inherit_) {
             dict += " /Resources << /Font << /F1 " + Ref(font) + " >>";
             if (!images.empty()) dict += " /XObject <<" + images + " >>";
@@ -419,7 +428,9 @@ std::string PdfBuilder::Build() const {
     return bytes;
 }
 
-void PdfBuilder::Save(const std::filesystem::path& path) const { WriteFile(path, Build()); }
+void PdfBuilder::Save(const std::filesystem::path& path) const {
+    WriteFile(path, Build());
+}
 
 void WriteFile(const std::filesystem::path& path, const std::string& bytes) {
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
@@ -445,6 +456,8 @@ TempDir::~TempDir() {
     std::filesystem::remove_all(path_, ignored);
 }
 
-std::filesystem::path SamplesDir() { return QUIRELLE_SAMPLES_DIR; }
+std::filesystem::path SamplesDir() {
+    return QUIRELLE_SAMPLES_DIR;
+}
 
 }  // namespace QuirelleTest

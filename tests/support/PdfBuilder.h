@@ -46,15 +46,15 @@ struct ImageLayout {
 // given values; std::nullopt writes null), or to a named destination.
 struct LinkLayout {
     Rect rect;
-    std::string uri;                // URI link when not empty
-    int targetPage = -1;            // explicit destination when >= 0
-    std::optional<double> left;     // /XYZ left
-    std::optional<double> top;      // /XYZ top
-    std::optional<double> zoom;     // /XYZ zoom; 0 or null keeps the zoom
-    std::string fitMode;            // instead of XYZ: "Fit", "FitH", "FitR"... (values from left/top)
-    std::string namedDestination;   // named destination when not empty
-    std::optional<double> right;    // /FitR right
-    std::optional<double> bottom;   // /FitR bottom
+    std::string uri;               // URI link when not empty
+    int targetPage = -1;           // explicit destination when >= 0
+    std::optional<double> left;    // /XYZ left
+    std::optional<double> top;     // /XYZ top
+    std::optional<double> zoom;    // /XYZ zoom; 0 or null keeps the zoom
+    std::string fitMode;           // instead of XYZ: "Fit", "FitH", "FitR"... (values from left/top)
+    std::string namedDestination;  // named destination when not empty
+    std::optional<double> right;   // /FitR right
+    std::optional<double> bottom;  // /FitR bottom
 };
 
 // Any other annotation, by PDF subtype name ("Text", "Square", "Widget"...).
@@ -69,21 +69,21 @@ struct AnnotationLayout {
 struct PageLayout {
     double width = 612;
     double height = 792;
-    int rotate = 0;                 // /Rotate, any multiple of 90
-    std::optional<Rect> cropBox;    // /CropBox
+    int rotate = 0;               // /Rotate, any multiple of 90
+    std::optional<Rect> cropBox;  // /CropBox
     std::vector<TextRun> text;
     std::vector<FilledRect> rects;
     std::vector<ImageLayout> images;
     std::vector<LinkLayout> links;
     std::vector<AnnotationLayout> annotations;
-    std::string extraContent;       // raw content-stream operators appended at the end
+    std::string extraContent;  // raw content-stream operators appended at the end
 };
 
 struct Encryption {
     enum class Method { Rc4_40, Rc4_128, Aes128, Aes256 };
     std::string userPassword;
     std::string ownerPassword;
-    int32_t permissions = -4;       // /P: all bits set (everything allowed)
+    int32_t permissions = -4;  // /P: all bits set (everything allowed)
     Method method = Method::Aes128;
 };
 
@@ -95,7 +95,7 @@ public:
     // A named destination for /XYZ left top on page, in the catalog's /Names
     // tree (or the old-style /Dests dictionary when inNamesTree is false).
     PdfBuilder& AddNamedDestination(const std::string& name, int page, double left, double top,
-                                     bool inNamesTree = true);
+                                    bool inNamesTree = true);
     // Puts /MediaBox, /Rotate and /Resources of every page on the page tree's
     // root instead of on the pages (attributes the pages inherit). The root
     // takes the first page's size and rotation; a page that differs from it

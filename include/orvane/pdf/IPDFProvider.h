@@ -12,14 +12,13 @@
 // SetCallbackOnFormChange) run on the caller's thread and throw
 // std::invalid_argument("Invalid doc handle") for an id that is not open.
 
+#include <QImage>
 #include <cstdint>
 #include <functional>
 #include <future>
 #include <memory>
 #include <string>
 #include <vector>
-
-#include <QImage>
 
 #include "core/EventPublisher.h"
 #include "orvane/IoPath.h"
@@ -98,12 +97,10 @@ public:
     virtual std::future<void> RotatePage(const int64& id, unsigned page, PageRotation rotation) = 0;
     // Runs task on the worker with the document (an empty pointer when the id
     // is not open). The caller keeps the task's future.
-    virtual void ExecuteWithDocument(const int64& id,
-                                     std::packaged_task<void(std::shared_ptr<IDocument>&)>&& task) = 0;
+    virtual void ExecuteWithDocument(const int64& id, std::packaged_task<void(std::shared_ptr<IDocument>&)>&& task) = 0;
     // Moves the listed pages (ascending) so that they land before the page
     // that stood at destination. An empty list does nothing.
-    virtual std::future<void> MovePages(const int64& id, const std::vector<unsigned>& pages,
-                                        unsigned destination) = 0;
+    virtual std::future<void> MovePages(const int64& id, const std::vector<unsigned>& pages, unsigned destination) = 0;
     // Copies the listed source pages, in list order and with duplicates, into
     // the target before page position (negative or past the end appends).
     // Either id -1: logged and ignored. Engine failures are rethrown by get().

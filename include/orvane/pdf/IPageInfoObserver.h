@@ -1,8 +1,7 @@
 #pragma once
 
-#include <cstdint>
-
 #include <QImage>
+#include <cstdint>
 
 #include "orvane/pdf/Document.h"
 #include "orvane/pdf/Records.h"
