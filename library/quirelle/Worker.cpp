@@ -54,6 +54,8 @@ void Quirelle::Impl::StartEngine() {
     } catch (const std::exception& e) {
         // Tasks still run and report the engine's absence through their own answers.
         QUIRELLE_LOG(ERROR) << "Orvane::PDF::Quirelle::Impl::WorkerLoop: cannot start the PDF engine: " << e.what();
+    } catch (...) {
+        QUIRELLE_LOG(ERROR) << "Orvane::PDF::Quirelle::Impl::WorkerLoop: cannot start the PDF engine";
     }
 }
 
