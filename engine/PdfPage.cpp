@@ -12,6 +12,7 @@
 
 #include "engine/FontLoader.h"
 #include "engine/Geometry.h"
+#include "engine/Watchdog.h"
 #include "engine/Guarded.h"
 #include "engine/TextObject.h"
 #include "orvane/Exception.h"
@@ -674,6 +675,7 @@ const std::vector<PageObjectInfo>& PdfPage::Objects() {
     // device sees is already in page space.
     ObjectCollector collector(content.box);
     fz_cookie cookie{};  // a failing operator ends the page instead of throwing
+    const Deadline deadline(cookie, PageTimeBudget());
     DeviceHandle device(ctx, guarded(ctx, [&] { return newCollectorDevice(ctx, &collector); }));
     ProcessorHandle processor(ctx, guarded(ctx, [&] {
                                   return pdf_new_run_processor(ctx, device.get(), fz_identity, "View", nullptr, nullptr,
@@ -688,6 +690,10 @@ const std::vector<PageObjectInfo>& PdfPage::Objects() {
         pdf_close_processor(ctx, processor.get());
         fz_close_device(ctx, device.get());
     });
+    if (deadline.Expired()) {
+        throw Orvane::Exception("page " + std::to_string(Number()) + ": listing its objects took longer than " +
+                                std::to_string(PageTimeBudget().count()) + " ms");
+    }
     if (cookie.errors > 0) {
         LOG(WARNING) << "page " << Number() << ": objects read with " << cookie.errors << " error(s)";
     }

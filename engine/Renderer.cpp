@@ -60,14 +60,14 @@ public:
         // there instead of throwing: a damaged page shows what it can. The
         // deadline aborts a page that would run without end.
         fz_cookie cookie{};
-        const Deadline deadline(cookie, RenderTimeBudget());
+        const Deadline deadline(cookie, PageTimeBudget());
         guarded(ctx, [&] {
             pdf_run_page_with_usage(ctx, native, device.get(), ctm, usage, &cookie);
             fz_close_device(ctx, device.get());
         });
         if (deadline.Expired()) {
             throw Orvane::Exception("page " + std::to_string(native->super.number) + ": rendering took longer than " +
-                                    std::to_string(RenderTimeBudget().count()) + " ms");
+                                    std::to_string(PageTimeBudget().count()) + " ms");
         }
         if (cookie.errors > 0) {
             // MuPDF recovered; a viewer renders the page again and again, so

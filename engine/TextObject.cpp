@@ -9,11 +9,14 @@
 #include <QVector>
 #include <algorithm>
 #include <stdexcept>
+#include <string>
 #include <utility>
 
 #include "engine/Geometry.h"
 #include "engine/Guarded.h"
 #include "engine/Handles.h"
+#include "engine/Watchdog.h"
+#include "orvane/Exception.h"
 
 namespace Orvane::PDF::Pdfium {
 namespace {
@@ -240,11 +243,16 @@ std::shared_ptr<ITextObject> ExtractText(fz_context* ctx, pdf_page* page) {
     options.flags = FZ_STEXT_PRESERVE_WHITESPACE | FZ_STEXT_MEDIABOX_CLIP;
     DeviceHandle device(ctx, guarded(ctx, [&] { return fz_new_stext_device(ctx, stext.get(), &options); }));
     fz_cookie cookie{};  // a failing operator ends the page instead of throwing
+    const Deadline deadline(cookie, PageTimeBudget());
     guarded(ctx, [&] {
         fz_run_page_contents(ctx, &page->super, device.get(), fz_identity, &cookie);
         fz_close_device(ctx, device.get());
     });
     device.reset();
+    if (deadline.Expired()) {
+        throw Orvane::Exception("page " + std::to_string(page->super.number) + ": reading its text took longer than " +
+                                std::to_string(PageTimeBudget().count()) + " ms");
+    }
     if (cookie.errors > 0) {
         LOG(WARNING) << "page " << page->super.number << ": text read with " << cookie.errors << " error(s)";
     }

@@ -11,7 +11,7 @@
 namespace Orvane::PDF::Pdfium {
 namespace {
 
-std::atomic<long long> renderBudgetMs{30'000};
+std::atomic<long long> pageBudgetMs{30'000};
 
 // Sleeps until the nearest deadline, aborts what has passed it, and starts
 // only once the first deadline is registered.
@@ -82,11 +82,11 @@ private:
 
 }  // namespace
 
-void SetRenderTimeBudget(std::chrono::milliseconds budget) {
-    renderBudgetMs = budget.count();
+void SetPageTimeBudget(std::chrono::milliseconds budget) {
+    pageBudgetMs = budget.count();
 }
-std::chrono::milliseconds RenderTimeBudget() {
-    return std::chrono::milliseconds(renderBudgetMs.load());
+std::chrono::milliseconds PageTimeBudget() {
+    return std::chrono::milliseconds(pageBudgetMs.load());
 }
 
 Deadline::Deadline(fz_cookie& cookie, std::chrono::milliseconds budget)

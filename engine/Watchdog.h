@@ -11,10 +11,11 @@
 
 namespace Orvane::PDF::Pdfium {
 
-// How long one page may take to render (default 30 s). Takes effect for
-// renders that start afterwards.
-void SetRenderTimeBudget(std::chrono::milliseconds budget);
-std::chrono::milliseconds RenderTimeBudget();
+// How long one run over a page's content may take (rendering, reading its
+// text, listing its objects; default 30 s). Takes effect for runs that start
+// afterwards.
+void SetPageTimeBudget(std::chrono::milliseconds budget);
+std::chrono::milliseconds PageTimeBudget();
 
 // Watches cookie from construction to destruction; a budget of zero or less
 // has expired at once.

@@ -1,5 +1,5 @@
 // Limits on hostile input: memory exhaustion is an engine failure (not a bad
-// file), and a render past its time budget is aborted and reported.
+// file), and a run over a page past its time budget is aborted and reported.
 
 #include <mupdf/fitz.h>
 
@@ -21,11 +21,11 @@ using namespace Orvane::PDF;
 class Limits : public EngineTest {
 protected:
     void TearDown() override {
-        Pdfium::SetRenderTimeBudget(savedBudget);
+        Pdfium::SetPageTimeBudget(savedBudget);
         Pdfium::SetMemoryLimit(savedLimit);
         EngineTest::TearDown();
     }
-    const std::chrono::milliseconds savedBudget = Pdfium::RenderTimeBudget();
+    const std::chrono::milliseconds savedBudget = Pdfium::PageTimeBudget();
     const size_t savedLimit = Pdfium::MemoryLimit();
 };
 
@@ -43,7 +43,7 @@ TEST_F(Limits, RunningOutOfMemoryIsAnEngineFailureNotABadFile) {
     EXPECT_EQ(Pdfium::PdfDocument(nullptr, path.string(), "").GetPageCount(), 200u);
 }
 
-TEST_F(Limits, ARenderPastItsBudgetIsAbortedWithAnException) {
+TEST_F(Limits, PageRunsPastTheirBudgetAreAbortedWithAnException) {
     const auto path = temp.File("page.pdf");
     PdfBuilder().AddNumberedPages(1).Save(path);
     auto document = std::make_shared<Pdfium::PdfDocument>(nullptr, path.string(), "");
@@ -52,9 +52,11 @@ TEST_F(Limits, ARenderPastItsBudgetIsAbortedWithAnException) {
         Pdfium::CreateBitmap(100, 100, IBitmap::Bgrx, picture.bits(), static_cast<int>(picture.bytesPerLine()));
     auto renderer = Pdfium::CreatePageRenderer();
 
-    Pdfium::SetRenderTimeBudget(std::chrono::milliseconds(0));
+    Pdfium::SetPageTimeBudget(std::chrono::milliseconds(0));
     EXPECT_THROW(renderer->Render(document->GetPage(0), bitmap, false), Orvane::Exception);
-    Pdfium::SetRenderTimeBudget(std::chrono::seconds(30));
+    EXPECT_THROW(document->GetPage(0)->GetTextObject(), Orvane::Exception);
+    EXPECT_THROW(document->GetPage(0)->GetObjectIndices(), Orvane::Exception);
+    Pdfium::SetPageTimeBudget(std::chrono::seconds(30));
     EXPECT_NO_THROW(renderer->Render(document->GetPage(0), bitmap, false));
 }
 
