@@ -96,9 +96,13 @@ TEST_F(Search, TwoSearchesTakeTurnsPageByPage) {
 TEST_F(Search, StoppingBeforeTheFirstStepOrFromTheCallback) {
     const int64_t doc = OpenNumbered(6);
     const int64_t marker = OpenNumbered(1);
+    const int64_t clockDoc = OpenNumbered(40);
     Hits never;
-    const int64_t id = service->SearchInDocument(doc, 0, L"page", never.Callback());
-    service->StopSearch(id);
+    {
+        // The worker is held, so the search cannot have taken a step yet.
+        PassClock clock(*service, clockDoc);
+        service->StopSearch(service->SearchInDocument(doc, 0, L"page", never.Callback()));
+    }
 
     Hits once;
     int64_t selfId = -1;
