@@ -3,7 +3,11 @@
 #include <glog/logging.h>
 #include <mupdf/fitz.h>
 
+#include <algorithm>
 #include <array>
+#include <cerrno>
+#include <limits>
+#include <optional>
 #include <atomic>
 #include <cstdlib>
 #include <mutex>
@@ -13,14 +17,65 @@
 
 #include "engine/FontLoader.h"
 #include "engine/Guarded.h"
+#include "orvane/pdf/EngineLimits.h"
 
 namespace Orvane::PDF::Pdfium {
 namespace {
 
-// ---- allocator: counts what MuPDF holds and refuses to pass the limit ----
+// ---- limits ----
 
-std::atomic<size_t> memoryLimit{size_t(3) << 30};
+std::atomic<long long> timeBudgetMs{5000};
+std::atomic<size_t> memoryLimit{size_t(1) << 30};
+std::atomic<size_t> pageCacheLimit{size_t(64) << 20};
 std::atomic<size_t> memoryInUse{0};
+
+// A positive whole number from the environment, or nothing.
+std::optional<long long> fromEnvironment(const char* name) {
+    const char* text = std::getenv(name);
+    if (text == nullptr || *text == '\0') return std::nullopt;
+    char* end = nullptr;
+    errno = 0;
+    const long long value = std::strtoll(text, &end, 10);
+    if (errno != 0 || *end != '\0' || value < 0) {
+        LOG(WARNING) << "ignoring " << name << "=" << text << ": not a whole number of at least 0";
+        return std::nullopt;
+    }
+    return value;
+}
+
+// The environment replaces the defaults, once, before any other use.
+void readEnvironment() {
+    static std::once_flag once;
+    std::call_once(once, [] {
+        constexpr long long kMaxMegabytes = (std::numeric_limits<long long>::max() >> 20) - 1;
+        if (auto ms = fromEnvironment("QUIRELLE_TIME_BUDGET_MS")) timeBudgetMs = *ms;
+        if (auto mb = fromEnvironment("QUIRELLE_MEMORY_LIMIT_MB")) memoryLimit = size_t(std::min(*mb, kMaxMegabytes)) << 20;
+        if (auto mb = fromEnvironment("QUIRELLE_PAGE_CACHE_MB")) pageCacheLimit = size_t(std::min(*mb, kMaxMegabytes)) << 20;
+    });
+}
+
+// ---- the calling thread's request ----
+
+struct RequestState {
+    int depth = 0;  // nested RequestBudget scopes
+    std::chrono::steady_clock::time_point deadline;
+    size_t blockLimit = kDefaultBlockLimit;
+    unsigned allocations = 0;
+    bool expired = false;
+};
+thread_local RequestState request;
+
+// Whether an allocation of size must fail for the thread's request. The clock
+// is read every few allocations only: MuPDF allocates a lot, in small pieces.
+bool refusedByRequest(size_t size) {
+    RequestState& r = request;
+    if (r.depth == 0) return false;
+    if (size > r.blockLimit) return true;
+    if (!r.expired && (++r.allocations & 15u) == 0 && std::chrono::steady_clock::now() >= r.deadline) r.expired = true;
+    return r.expired;
+}
+
+// ---- allocator: counts what MuPDF holds and refuses to pass the limit ----
 
 // Each block carries its size in a header, aligned for any type.
 constexpr size_t kHeader = alignof(std::max_align_t);
@@ -36,7 +91,7 @@ bool reserve(size_t bytes) {
 }
 
 void* countedMalloc(void*, size_t size) {
-    if (size > SIZE_MAX - kHeader || !reserve(size)) return nullptr;
+    if (size > SIZE_MAX - kHeader || refusedByRequest(size) || !reserve(size)) return nullptr;
     auto* block = static_cast<unsigned char*>(std::malloc(size + kHeader));
     if (block == nullptr) {
         memoryInUse.fetch_sub(size, std::memory_order_relaxed);
@@ -62,7 +117,7 @@ void* countedRealloc(void* user, void* ptr, size_t size) {
     auto* block = static_cast<unsigned char*>(ptr) - kHeader;
     const size_t old = *reinterpret_cast<size_t*>(block);
     if (size > SIZE_MAX - kHeader) return nullptr;
-    if (size > old && !reserve(size - old)) return nullptr;
+    if (size > old && (refusedByRequest(size) || !reserve(size - old))) return nullptr;
     auto* grown = static_cast<unsigned char*>(std::realloc(block, size + kHeader));
     if (grown == nullptr) {
         if (size > old) memoryInUse.fetch_sub(size - old, std::memory_order_relaxed);
@@ -137,6 +192,7 @@ PdfiumInitializer& PdfiumInitializer::Instance() {
 
 void PdfiumInitializer::InitLibrary() {
     if (threadContext.initCalls++ > 0) return;
+    readEnvironment();
     std::lock_guard<std::mutex> lock(baseMutex);
     try {
         if (baseContext == nullptr) baseContext = makeBaseContext();
@@ -167,14 +223,68 @@ fz_context* CurrentContext() {
     return threadContext.ctx;
 }
 
-void SetMemoryLimit(size_t bytes) {
-    memoryLimit.store(bytes);
-}
 size_t MemoryLimit() {
+    readEnvironment();
     return memoryLimit.load();
 }
 size_t MemoryInUse() {
     return memoryInUse.load();
 }
+std::chrono::milliseconds TimeBudget() {
+    readEnvironment();
+    return std::chrono::milliseconds(timeBudgetMs.load());
+}
+size_t PageCacheLimit() {
+    readEnvironment();
+    return pageCacheLimit.load();
+}
+
+RequestBudget::RequestBudget() {
+    RequestState& r = request;
+    if (r.depth++ > 0) return;
+    r.deadline = std::chrono::steady_clock::now() + TimeBudget();
+    r.blockLimit = kDefaultBlockLimit;
+    r.allocations = 0;
+    r.expired = TimeBudget().count() <= 0;
+}
+
+RequestBudget::~RequestBudget() {
+    if (--request.depth == 0) request.expired = false;
+}
+
+bool RequestBudget::Expired() {
+    RequestState& r = request;
+    if (r.depth == 0) return false;
+    if (!r.expired && std::chrono::steady_clock::now() >= r.deadline) r.expired = true;
+    return r.expired;
+}
+
+std::optional<std::chrono::steady_clock::time_point> RequestBudget::Deadline() {
+    if (request.depth == 0) return std::nullopt;
+    return request.deadline;
+}
+
+void RequestBudget::AllowBlocksOf(size_t bytes) {
+    if (request.depth > 0) request.blockLimit = std::max(request.blockLimit, bytes);
+}
 
 }  // namespace Orvane::PDF::Pdfium
+
+namespace Orvane::PDF {
+
+void SetEngineLimits(const EngineLimits& limits) {
+    Pdfium::readEnvironment();
+    Pdfium::timeBudgetMs = limits.timeBudget.count();
+    Pdfium::memoryLimit = limits.memoryLimitBytes;
+    Pdfium::pageCacheLimit = limits.pageCacheBytes;
+}
+
+EngineLimits GetEngineLimits() {
+    EngineLimits limits;
+    limits.timeBudget = Pdfium::TimeBudget();
+    limits.memoryLimitBytes = Pdfium::MemoryLimit();
+    limits.pageCacheBytes = Pdfium::PageCacheLimit();
+    return limits;
+}
+
+}  // namespace Orvane::PDF

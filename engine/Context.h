@@ -6,7 +6,9 @@
 // (CurrentContext()). A document is only ever used with the context of the
 // thread that opened it.
 
+#include <chrono>
 #include <cstddef>
+#include <optional>
 
 struct fz_context;
 
@@ -33,12 +35,42 @@ private:
 // not called InitLibrary().
 fz_context* CurrentContext();
 
+// The engine's side of Orvane::PDF::EngineLimits (see orvane/pdf/EngineLimits.h).
 // Upper bound on the memory all of MuPDF's allocations may hold at once in
 // this process; past it allocations fail and the engine call that made them
 // throws. Takes effect at once.
-void SetMemoryLimit(size_t bytes);
 size_t MemoryLimit();
 size_t MemoryInUse();
+// What one request may hold the worker for.
+std::chrono::milliseconds TimeBudget();
+// Memory for recorded pages (display lists); 0: no cache.
+size_t PageCacheLimit();
+
+// One request's budget on the calling thread. The outermost scope starts the
+// clock with TimeBudget(); scopes made inside it join it. Once the budget is
+// spent every engine allocation of the thread fails, so whatever MuPDF is
+// doing ends with an error that the engine reports as the budget's
+// (throwCaught). A single allocation above the request's block limit fails
+// too: decoded images and streams cannot grow without bound.
+class RequestBudget {
+public:
+    RequestBudget();
+    ~RequestBudget();
+    RequestBudget(const RequestBudget&) = delete;
+    RequestBudget& operator=(const RequestBudget&) = delete;
+
+    // Whether the calling thread's request has spent its budget.
+    static bool Expired();
+    // When the calling thread's request ends, if it runs in a budget.
+    static std::optional<std::chrono::steady_clock::time_point> Deadline();
+    // Raises the largest single allocation of the calling thread's request
+    // (the default suits everything but drawing into big bitmaps).
+    static void AllowBlocksOf(size_t bytes);
+};
+
+// Largest single allocation of a request unless raised: a decoded image or
+// stream larger than this is refused.
+constexpr size_t kDefaultBlockLimit = size_t(256) << 20;
 
 // Size of the cache of decoded resources shared by all threads (applies to
 // base contexts made afterwards).

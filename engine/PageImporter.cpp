@@ -23,6 +23,7 @@
 #include <utility>
 #include <vector>
 
+#include "engine/Context.h"
 #include "engine/DocumentCore.h"
 #include "engine/Engine.h"
 #include "engine/Guarded.h"
@@ -336,6 +337,7 @@ public:
                      const std::shared_ptr<IDocument>& target, int insertIndex) override {
         PdfDocument& from = engineDocument(source, "source");
         PdfDocument& into = engineDocument(target, "target");
+        const RequestBudget budget;
         fz_context* ctx = into.Core()->ctx;
         if (from.Core()->ctx != ctx) throw Orvane::Exception("the documents of an import belong to different threads");
         pdf_document* src = from.Core()->doc;

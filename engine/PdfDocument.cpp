@@ -309,6 +309,7 @@ PdfDocument::PdfDocument(const std::shared_ptr<IFontProvider>& fonts, const Orva
                          const std::string& password)
     : fonts_(fonts) {
     fz_context* ctx = CurrentContext();
+    const RequestBudget budget;
     checkReadable(path);
     const std::string file = path.utf8string();
     ScopedFontProvider fontScope(fonts.get());
@@ -390,6 +391,7 @@ PdfDocument::Permissions PdfDocument::ReadPermissions(bool ownerAccess) const {
 // ---- whole-document operations ----
 
 void PdfDocument::FixupDocument() const {
+    const RequestBudget budget;
     fz_context* ctx = core_->ctx;
     pdf_document* doc = core_->doc;
     const int count = guarded(ctx, [&] { return pdf_count_pages(ctx, doc); });
@@ -427,6 +429,7 @@ void PdfDocument::SaveAs(const Orvane::ioPath& path, int version) const {
     fz_context* ctx = core_->ctx;
     pdf_document* doc = core_->doc;
     ScopedFontProvider fontScope(core_->fonts.get());
+    const RequestBudget budget;
 
     TempFile temp(target);
     if (::fchmod(temp.fd(), modeFor(target)) != 0) {
@@ -546,6 +549,7 @@ std::shared_ptr<IPage> PdfDocument::GetPage(unsigned index) const {
 
 std::shared_ptr<IPage> PdfDocument::CreatePage(unsigned index, double width, double height) {
     checkPageSize(width, height);
+    const RequestBudget budget;
     fz_context* ctx = core_->ctx;
     pdf_document* doc = core_->doc;
     const int at = insertionPoint(index, guarded(ctx, [&] { return pdf_count_pages(ctx, doc); }));
@@ -564,6 +568,7 @@ std::shared_ptr<IPage> PdfDocument::CreatePageFromImage(unsigned index, const st
                                                         double width, double height) {
     if (!image) throw std::invalid_argument("no bitmap for the page");
     checkPageSize(width, height);
+    const RequestBudget budget;
     fz_context* ctx = core_->ctx;
     pdf_document* doc = core_->doc;
 
@@ -601,6 +606,7 @@ std::shared_ptr<IPage> PdfDocument::CreatePageFromImage(unsigned index, const st
 }
 
 void PdfDocument::DeletePage(unsigned index) {
+    const RequestBudget budget;
     fz_context* ctx = core_->ctx;
     pdf_document* doc = core_->doc;
     const int count = guarded(ctx, [&] { return pdf_count_pages(ctx, doc); });
@@ -613,6 +619,7 @@ void PdfDocument::DeletePage(unsigned index) {
 }
 
 void PdfDocument::RemoveHiddenObjects() {
+    const RequestBudget budget;
     fz_context* ctx = core_->ctx;
     pdf_document* doc = core_->doc;
     const int count = guarded(ctx, [&] { return pdf_count_pages(ctx, doc); });

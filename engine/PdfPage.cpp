@@ -10,6 +10,7 @@
 #include <string>
 #include <utility>
 
+#include "engine/Context.h"
 #include "engine/FontLoader.h"
 #include "engine/Geometry.h"
 #include "engine/Watchdog.h"
@@ -814,6 +815,7 @@ std::vector<std::shared_ptr<IAnnotation>> PdfPage::GetAllAnnotations() {
 
 std::shared_ptr<IPage> MakePage(const std::shared_ptr<DocumentCore>& core, unsigned index) {
     if (!core) throw std::invalid_argument("MakePage: no document");
+    const RequestBudget budget;
     fz_context* ctx = core->ctx;
     pdf_document* doc = core->doc;
     const int count = guarded(ctx, [&] { return pdf_count_pages(ctx, doc); });

@@ -5,6 +5,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "engine/Context.h"
 #include "engine/Engine.h"
 #include "engine/FontLoader.h"
 #include "engine/Guarded.h"
@@ -38,6 +39,10 @@ public:
         fz_context* ctx = pdfPage->Context();
         pdf_page* native = pdfPage->Native();
         ScopedFontProvider fonts(pdfPage->Core()->fonts.get());
+        const RequestBudget budget;
+        // A decoded image may be as large as a few times the bitmap (drawn
+        // from a finer picture); one beyond that cannot show more detail.
+        RequestBudget::AllowBlocksOf(size_t(stride) * size_t(height) * 4);
 
         // The page as displayed (rotation applied), its crop box stretched
         // over the whole bitmap.

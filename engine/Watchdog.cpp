@@ -2,16 +2,17 @@
 
 #include <mupdf/fitz.h>
 
+#include <algorithm>
 #include <atomic>
 #include <condition_variable>
 #include <map>
 #include <mutex>
 #include <thread>
 
+#include "engine/Context.h"
+
 namespace Orvane::PDF::Pdfium {
 namespace {
-
-std::atomic<long long> pageBudgetMs{30'000};
 
 // Sleeps until the nearest deadline, aborts what has passed it, and starts
 // only once the first deadline is registered.
@@ -82,16 +83,14 @@ private:
 
 }  // namespace
 
-void SetPageTimeBudget(std::chrono::milliseconds budget) {
-    pageBudgetMs = budget.count();
-}
 std::chrono::milliseconds PageTimeBudget() {
-    return std::chrono::milliseconds(pageBudgetMs.load());
+    return TimeBudget();
 }
 
 Deadline::Deadline(fz_cookie& cookie, std::chrono::milliseconds budget)
     : cookie_(cookie), when_(std::chrono::steady_clock::now() + budget) {
-    if (budget.count() <= 0) {
+    if (const auto request = RequestBudget::Deadline()) when_ = std::min(when_, *request);
+    if (budget.count() <= 0 || RequestBudget::Expired()) {
         cookie_.abort = 1;
         expired_ = true;
         return;

@@ -12,13 +12,12 @@
 namespace Orvane::PDF::Pdfium {
 
 // How long one run over a page's content may take (rendering, reading its
-// text, listing its objects; default 30 s). Takes effect for runs that start
-// afterwards.
-void SetPageTimeBudget(std::chrono::milliseconds budget);
+// text, listing its objects): the engine's time budget (TimeBudget()).
 std::chrono::milliseconds PageTimeBudget();
 
 // Watches cookie from construction to destruction; a budget of zero or less
-// has expired at once.
+// has expired at once. Inside a RequestBudget the cookie is aborted at the
+// request's deadline at the latest.
 class Deadline {
 public:
     Deadline(fz_cookie& cookie, std::chrono::milliseconds budget);

@@ -43,6 +43,7 @@ private:
 
 IPDFProvider::PageInfo Quirelle::Impl::PageInfoOf(int64_t id, unsigned page) const {
     PageInfo info;
+    const Pdfium::RequestBudget budget;
     std::shared_ptr<IDocument> document = FindDocument(id);
     if (!document) return info;  // zero size and rect, rotation 0
     std::shared_ptr<IPage> engine = document->GetPage(page);
@@ -54,6 +55,7 @@ IPDFProvider::PageInfo Quirelle::Impl::PageInfoOf(int64_t id, unsigned page) con
 
 QImage Quirelle::Impl::RenderPageImage(const std::shared_ptr<IDocument>& document, const PageImageTask& request) {
     if (!document) return QImage();
+    const Pdfium::RequestBudget budget;
     try {
         std::shared_ptr<IPage> page = document->GetPage(request.page);
         int width = request.width;

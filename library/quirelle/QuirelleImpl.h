@@ -30,6 +30,7 @@
 
 #include "Quirelle"
 #include "core/EventHandlerList.h"
+#include "engine/Context.h"
 
 namespace Orvane::PDF {
 
@@ -294,6 +295,7 @@ void Quirelle::Impl::ServeOne(Queue<Record, Result>& queue) {
     Queued<Record, Result> item = std::move(queue.front());
     queue.pop_front();
     lock.unlock();
+    const Pdfium::RequestBudget budget;
     item.Run();
 }
 

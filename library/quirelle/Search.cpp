@@ -64,7 +64,11 @@ void Quirelle::Impl::SearchStep(SearchRequest& request) {
     if (uint64_t{request.step} >= uint64_t{request.startPage} + count) return;
     const unsigned page = request.step % count;
     // The text object is plain data: the one searched is the one handed over.
-    const std::shared_ptr<ITextObject> text = document->GetPage(page)->GetTextObject();
+    std::shared_ptr<ITextObject> text;
+    {
+        const Pdfium::RequestBudget budget;
+        text = document->GetPage(page)->GetTextObject();
+    }
     const std::vector<SearchResultInfo> results = text->FindText(request.text, 0);
     request.callback(page, results, text);
     std::lock_guard<std::mutex> lock(queueMutex);

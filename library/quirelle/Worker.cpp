@@ -122,6 +122,7 @@ void Quirelle::Impl::ServeCallerWork() {
     callerWorkQueue.pop_front();
     lock.unlock();
     std::shared_ptr<IDocument> document = FindDocument(item.id);
+    const Pdfium::RequestBudget budget;
     item.work(document);
 }
 

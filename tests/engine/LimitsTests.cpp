@@ -11,6 +11,7 @@
 #include "engine/PdfDocument.h"
 #include "engine/Watchdog.h"
 #include "orvane/Exception.h"
+#include "orvane/pdf/EngineLimits.h"
 #include "tests/support/EngineTest.h"
 
 namespace QuirelleTest {
@@ -21,25 +22,33 @@ using namespace Orvane::PDF;
 class Limits : public EngineTest {
 protected:
     void TearDown() override {
-        Pdfium::SetPageTimeBudget(savedBudget);
-        Pdfium::SetMemoryLimit(savedLimit);
+        SetEngineLimits(saved);
         EngineTest::TearDown();
     }
-    const std::chrono::milliseconds savedBudget = Pdfium::PageTimeBudget();
-    const size_t savedLimit = Pdfium::MemoryLimit();
+    void SetMemoryLimit(size_t bytes) {
+        EngineLimits limits = saved;
+        limits.memoryLimitBytes = bytes;
+        SetEngineLimits(limits);
+    }
+    void SetTimeBudget(std::chrono::milliseconds budget) {
+        EngineLimits limits = saved;
+        limits.timeBudget = budget;
+        SetEngineLimits(limits);
+    }
+    const EngineLimits saved = GetEngineLimits();
 };
 
 TEST_F(Limits, RunningOutOfMemoryIsAnEngineFailureNotABadFile) {
     const auto path = temp.File("many.pdf");
     PdfBuilder().AddNumberedPages(200).Save(path);
-    Pdfium::SetMemoryLimit(Pdfium::MemoryInUse() + 16 * 1024);
+    SetMemoryLimit(Pdfium::MemoryInUse() + 16 * 1024);
     try {
         Pdfium::PdfDocument document(nullptr, path.string(), "");
         ADD_FAILURE() << "opened within 16 KiB";
     } catch (const Orvane::Exception& e) {
         EXPECT_NE(std::string(e.what()).find("out of memory"), std::string::npos) << e.what();
     }
-    Pdfium::SetMemoryLimit(savedLimit);
+    SetEngineLimits(saved);
     EXPECT_EQ(Pdfium::PdfDocument(nullptr, path.string(), "").GetPageCount(), 200u);
 }
 
@@ -52,11 +61,11 @@ TEST_F(Limits, PageRunsPastTheirBudgetAreAbortedWithAnException) {
         Pdfium::CreateBitmap(100, 100, IBitmap::Bgrx, picture.bits(), static_cast<int>(picture.bytesPerLine()));
     auto renderer = Pdfium::CreatePageRenderer();
 
-    Pdfium::SetPageTimeBudget(std::chrono::milliseconds(0));
+    SetTimeBudget(std::chrono::milliseconds(0));
     EXPECT_THROW(renderer->Render(document->GetPage(0), bitmap, false), Orvane::Exception);
     EXPECT_THROW(document->GetPage(0)->GetTextObject(), Orvane::Exception);
     EXPECT_THROW(document->GetPage(0)->GetObjectIndices(), Orvane::Exception);
-    Pdfium::SetPageTimeBudget(std::chrono::seconds(30));
+    SetEngineLimits(saved);
     EXPECT_NO_THROW(renderer->Render(document->GetPage(0), bitmap, false));
 }
 
