@@ -20,6 +20,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -28,6 +29,7 @@
 #include "engine/Engine.h"
 #include "engine/Guarded.h"
 #include "engine/Handles.h"
+#include "engine/PageTree.h"
 #include "engine/PdfDocument.h"
 #include "orvane/Exception.h"
 
@@ -36,18 +38,110 @@ namespace {
 
 // ---- plain C helpers (they run inside guarded()) ----
 
+// Refuses values nested deeper than this many indirect objects before they are
+// grafted: MuPDF copies them recursively, loading each object inside the
+// copy of its parent, and a long enough chain overflows its error stack, which
+// wrecks the source's cross-reference table.
+constexpr int kMaxGraftDepth = 1000;
+
+// One frame of the walk below: a container and the next of its elements.
+struct NestingFrame {
+    pdf_obj* container;
+    int next;
+    int length;
+    int isDict;
+    int num;   // the indirect object this frame opened, 0 for a direct container
+    int best;  // the largest height among the elements seen so far
+};
+
+// State of the nesting check, kept over one import so that every source
+// object is walked once. heights[num]: 0 not seen, -1 on the current path,
+// else the object's height in indirect levels.
+struct NestingCheck {
+    int* heights;
+    int objects;
+    NestingFrame* frames;
+    int capacity;
+};
+
+void pushNesting(fz_context* ctx, NestingCheck* check, int* top, pdf_obj* container, int num) {
+    if (*top == check->capacity) fz_throw(ctx, FZ_ERROR_GENERIC, "objects nested too deep to copy");
+    NestingFrame* frame = &check->frames[(*top)++];
+    frame->container = container;
+    frame->next = 0;
+    frame->isDict = pdf_is_dict(ctx, container);
+    frame->length = frame->isDict ? pdf_dict_len(ctx, container) : pdf_array_len(ctx, container);
+    frame->num = num;
+    frame->best = 0;
+}
+
+// Walks value the way a graft would, without recursion, and throws when it
+// reaches deeper than kMaxGraftDepth indirect objects. Loads every object it
+// passes, so the graft that follows finds them all in memory.
+void checkNesting(fz_context* ctx, NestingCheck* check, pdf_obj* value) {
+    if (!pdf_is_indirect(ctx, value) && !pdf_is_array(ctx, value) && !pdf_is_dict(ctx, value)) return;
+    int top = 0;
+    int depth = 0;
+    pdf_obj* first = value;
+    while (first != NULL || top > 0) {
+        pdf_obj* child = first;
+        first = NULL;
+        if (child == NULL) {
+            NestingFrame* frame = &check->frames[top - 1];
+            if (frame->next == frame->length) {
+                const int height = frame->best + (frame->num > 0);
+                if (frame->num > 0) {
+                    check->heights[frame->num] = height;
+                    --depth;
+                }
+                if (--top > 0 && check->frames[top - 1].best < height) check->frames[top - 1].best = height;
+                continue;
+            }
+            const int i = frame->next++;
+            child = frame->isDict ? pdf_dict_get_val(ctx, frame->container, i) : pdf_array_get(ctx, frame->container, i);
+        }
+        if (pdf_is_indirect(ctx, child)) {
+            const int num = pdf_to_num(ctx, child);
+            if (num <= 0 || num >= check->objects || check->heights[num] < 0) continue;
+            if (check->heights[num] > 0) {
+                if (depth + check->heights[num] > kMaxGraftDepth)
+                    fz_throw(ctx, FZ_ERROR_GENERIC, "objects nested deeper than %d levels", kMaxGraftDepth);
+                if (top > 0 && check->frames[top - 1].best < check->heights[num])
+                    check->frames[top - 1].best = check->heights[num];
+                continue;
+            }
+            if (++depth > kMaxGraftDepth)
+                fz_throw(ctx, FZ_ERROR_GENERIC, "objects nested deeper than %d levels", kMaxGraftDepth);
+            check->heights[num] = -1;
+            pushNesting(ctx, check, &top, pdf_resolve_indirect(ctx, child), num);
+        } else if (pdf_is_array(ctx, child) || pdf_is_dict(ctx, child)) {
+            pushNesting(ctx, check, &top, child, 0);
+        }
+    }
+}
+
+// What a copy into the target needs: the graft map (NULL within one
+// document) and the nesting check of the source's objects.
+struct Graft {
+    pdf_graft_map* map;
+    NestingCheck* check;
+};
+
 // A source value for the target: grafted across documents; within one
 // document indirect objects are shared and direct ones copied, so that no
 // direct object has two parents.
-pdf_obj* transfer(fz_context* ctx, pdf_graft_map* map, pdf_obj* value) {
-    if (map != NULL) return pdf_graft_mapped_object(ctx, map, value);
+pdf_obj* transfer(fz_context* ctx, const Graft* graft, pdf_obj* value) {
+    if (graft->map != NULL) {
+        checkNesting(ctx, graft->check, value);
+        return pdf_graft_mapped_object(ctx, graft->map, value);
+    }
     if (pdf_is_indirect(ctx, value)) return pdf_keep_obj(ctx, value);
     return pdf_deep_copy_obj(ctx, value);
 }
 
 // Fills the new page dictionary from the source page: the inheritable
 // attributes as the page sees them, and its own drawing-related entries.
-void fillPage(fz_context* ctx, pdf_graft_map* map, pdf_obj* source, pdf_obj* page) {
+void fillPage(fz_context* ctx, const Graft* map, pdf_obj* source, pdf_obj* page) {
     pdf_obj* const inherited[] = {PDF_NAME(Resources), PDF_NAME(MediaBox), PDF_NAME(CropBox), PDF_NAME(Rotate)};
     pdf_obj* const own[] = {PDF_NAME(Contents), PDF_NAME(BleedBox), PDF_NAME(TrimBox), PDF_NAME(ArtBox),
                             PDF_NAME(UserUnit), PDF_NAME(Group),    PDF_NAME(Dur),     PDF_NAME(Trans)};
@@ -77,7 +171,7 @@ int isAdjustedKey(fz_context* ctx, pdf_obj* key) {
 
 // Copies every entry of from into to, except the keys isAdjustedKey() names
 // (all of them when skipAdjusted) or only /Parent and /P (otherwise).
-void copyEntries(fz_context* ctx, pdf_graft_map* map, pdf_obj* from, pdf_obj* to, int skipAdjusted) {
+void copyEntries(fz_context* ctx, const Graft* map, pdf_obj* from, pdf_obj* to, int skipAdjusted) {
     const int n = pdf_dict_len(ctx, from);
     for (int i = 0; i < n; ++i) {
         pdf_obj* key = pdf_dict_get_key(ctx, from, i);
@@ -90,7 +184,7 @@ void copyEntries(fz_context* ctx, pdf_graft_map* map, pdf_obj* from, pdf_obj* to
 }
 
 // A widget's field attributes that it inherits from its field's hierarchy.
-void copyFieldAttributes(fz_context* ctx, pdf_graft_map* map, pdf_obj* widget, pdf_obj* to) {
+void copyFieldAttributes(fz_context* ctx, const Graft* map, pdf_obj* widget, pdf_obj* to) {
     pdf_obj* const keys[] = {PDF_NAME(FT), PDF_NAME(Ff), PDF_NAME(V),   PDF_NAME(DV),
                              PDF_NAME(DA), PDF_NAME(Q),  PDF_NAME(Opt), PDF_NAME(MaxLen)};
     for (size_t i = 0; i < sizeof keys / sizeof *keys; ++i) {
@@ -127,15 +221,20 @@ struct AnnotationInfo {
 class Import {
 public:
     Import(fz_context* ctx, pdf_document* source, pdf_document* target) : ctx_(ctx), source_(source), target_(target) {
-        if (source != target)
+        if (source != target) {
             map_ = PdfGraftMapHandle(ctx, guarded(ctx, [&] { return pdf_new_graft_map(ctx, target); }));
+            heights_.assign(size_t(std::max(guarded(ctx, [&] { return pdf_xref_len(ctx, source); }), 1)), 0);
+            frames_.resize(4 * kMaxGraftDepth);
+            check_ = NestingCheck{heights_.data(), int(heights_.size()), frames_.data(), int(frames_.size())};
+            graft_ = Graft{map_.get(), &check_};
+        }
     }
 
     // A new page object in the target, copied from the source page (not yet
     // in the page tree, without annotations).
     PdfObjHandle CopyPage(pdf_obj* sourcePage) {
         PdfObjHandle page(ctx_, guarded(ctx_, [&] { return pdf_new_dict(ctx_, target_, 12); }));
-        guarded(ctx_, [&] { fillPage(ctx_, map_.get(), sourcePage, page.get()); });
+        guarded(ctx_, [&] { fillPage(ctx_, &graft_, sourcePage, page.get()); });
         return PdfObjHandle(ctx_, guarded(ctx_, [&] { return pdf_add_object(ctx_, target_, page.get()); }));
     }
 
@@ -143,9 +242,7 @@ public:
     // first copy wins for pages listed twice).
     void MapPage(pdf_obj* sourcePage, pdf_obj* ref) {
         const int num = guarded(ctx_, [&] { return pdf_to_num(ctx_, sourcePage); });
-        const auto place = std::lower_bound(pages_.begin(), pages_.end(), std::make_pair(num, (pdf_obj*)nullptr),
-                                            [](const auto& a, const auto& b) { return a.first < b.first; });
-        if (place == pages_.end() || place->first != num) pages_.insert(place, {num, ref});
+        pages_.emplace(num, ref);
     }
 
     // Gives the new page copies of the source page's annotations. One that
@@ -190,9 +287,9 @@ private:
 
         const int firstNew = guarded(ctx_, [&] { return pdf_xref_len(ctx_, target_); });
         PdfObjHandle copy(ctx_, guarded(ctx_, [&] { return pdf_new_dict(ctx_, target_, 8); }));
-        guarded(ctx_, [&] { copyEntries(ctx_, map_.get(), annot, copy.get(), 1); });
+        guarded(ctx_, [&] { copyEntries(ctx_, &graft_, annot, copy.get(), 1); });
         if (info.isWidget) {
-            guarded(ctx_, [&] { copyFieldAttributes(ctx_, map_.get(), annot, copy.get()); });
+            guarded(ctx_, [&] { copyFieldAttributes(ctx_, &graft_, annot, copy.get()); });
             CopyFieldName(annot, copy.get());
         }
 
@@ -218,10 +315,10 @@ private:
         });
         if (popup != nullptr) {
             popupCopy = PdfObjHandle(ctx_, guarded(ctx_, [&] { return pdf_new_dict(ctx_, target_, 6); }));
-            guarded(ctx_, [&] { copyEntries(ctx_, map_.get(), popup, popupCopy.get(), 0); });
+            guarded(ctx_, [&] { copyEntries(ctx_, &graft_, popup, popupCopy.get(), 0); });
         }
 
-        if (map_ && guarded(ctx_, [&] { return madePageTreeNodes(ctx_, target_, firstNew); })) {
+        if (graft_.map != nullptr && guarded(ctx_, [&] { return madePageTreeNodes(ctx_, target_, firstNew); })) {
             LOG(WARNING) << "an annotation refers to the source's pages; it is left out";
             return {};
         }
@@ -259,7 +356,7 @@ private:
         const int goTo =
             guarded(ctx_, [&] { return pdf_name_eq(ctx_, pdf_dict_get(ctx_, action, PDF_NAME(S)), PDF_NAME(GoTo)); });
         if (!goTo) {
-            guarded(ctx_, [&] { pdf_dict_put_drop(ctx_, copy, PDF_NAME(A), transfer(ctx_, map_.get(), action)); });
+            guarded(ctx_, [&] { pdf_dict_put_drop(ctx_, copy, PDF_NAME(A), transfer(ctx_, &graft_, action)); });
             return true;
         }
         pdf_obj* dest = guarded(ctx_, [&] { return pdf_dict_get(ctx_, action, PDF_NAME(D)); });
@@ -280,7 +377,7 @@ private:
     // source first (the target does not know the name). Empty when the
     // destination cannot lead anywhere in the target.
     PdfObjHandle MapDestination(pdf_obj* dest) {
-        if (!map_) return PdfObjHandle(ctx_, guarded(ctx_, [&] { return transfer(ctx_, nullptr, dest); }));
+        if (graft_.map == nullptr) return PdfObjHandle(ctx_, guarded(ctx_, [&] { return transfer(ctx_, &graft_, dest); }));
         pdf_obj* explicitDest = guarded(ctx_, [&] {
             pdf_obj* d = dest;
             if (pdf_is_name(ctx_, d) || pdf_is_string(ctx_, d)) d = pdf_lookup_dest(ctx_, source_, d);
@@ -299,17 +396,15 @@ private:
             t.length = pdf_array_len(ctx_, explicitDest);
             return t;
         });
-        const auto place =
-            std::lower_bound(pages_.begin(), pages_.end(), std::make_pair(target.pageNum, (pdf_obj*)nullptr),
-                             [](const auto& a, const auto& b) { return a.first < b.first; });
-        if (target.pageNum == 0 || place == pages_.end() || place->first != target.pageNum) return {};
+        const auto place = pages_.find(target.pageNum);
+        if (target.pageNum == 0 || place == pages_.end()) return {};
         pdf_obj* newPage = place->second;
         PdfObjHandle mapped(ctx_, guarded(ctx_, [&] { return pdf_new_array(ctx_, target_, target.length); }));
         guarded(ctx_, [&] {
             pdf_array_push(ctx_, mapped.get(), newPage);
             for (int i = 1; i < target.length; ++i) {
                 pdf_array_push_drop(ctx_, mapped.get(),
-                                    transfer(ctx_, map_.get(), pdf_array_get(ctx_, explicitDest, i)));
+                                    transfer(ctx_, &graft_, pdf_array_get(ctx_, explicitDest, i)));
             }
         });
         return mapped;
@@ -319,8 +414,12 @@ private:
     pdf_document* source_;
     pdf_document* target_;
     PdfGraftMapHandle map_;  // empty within one document
-    // Source page object number -> its copy in the target, sorted by number.
-    std::vector<std::pair<int, pdf_obj*>> pages_;
+    std::vector<int> heights_;
+    std::vector<NestingFrame> frames_;
+    NestingCheck check_{};
+    Graft graft_{nullptr, nullptr};
+    // Source page object number -> its copy in the target.
+    std::unordered_map<int, pdf_obj*> pages_;
 };
 
 PdfDocument& engineDocument(const std::shared_ptr<IDocument>& document, const char* role) {
@@ -353,47 +452,33 @@ public:
         if (pages.empty()) return;
 
         // Taken before anything is inserted: within one document the
-        // insertions move the source's pages.
+        // insertion moves the source's pages. One walk of the tree for all.
+        const PageTree sourceTree = ReadPageTree(ctx, src);
         std::vector<PdfObjHandle> sourcePages;
         sourcePages.reserve(pages.size());
         for (unsigned page : pages) {
-            sourcePages.emplace_back(
-                ctx, guarded(ctx, [&] { return pdf_keep_obj(ctx, pdf_lookup_page_obj(ctx, src, int(page))); }));
+            pdf_obj* obj = PageObject(ctx, src, sourceTree, int(page));
+            sourcePages.emplace_back(ctx, guarded(ctx, [&] { return pdf_keep_obj(ctx, obj); }));
         }
 
         const int targetCount = guarded(ctx, [&] { return pdf_count_pages(ctx, dst); });
         const int at = insertIndex < 0 || insertIndex > targetCount ? targetCount : insertIndex;
+        // The copies join the target's page tree at the end, in one step:
+        // a failure before leaves the target's pages as they were.
         Import import(ctx, src, dst);
         std::vector<PdfObjHandle> newPages;
         newPages.reserve(pages.size());
-        try {
-            for (size_t k = 0; k < sourcePages.size(); ++k) {
-                PdfObjHandle page = import.CopyPage(sourcePages[k].get());
-                const int place = at + int(k);
-                guarded(ctx, [&] { pdf_insert_page(ctx, dst, place, page.get()); });
-                newPages.push_back(std::move(page));
-                import.MapPage(sourcePages[k].get(), newPages.back().get());
-            }
-            for (size_t k = 0; k < sourcePages.size(); ++k) {
-                import.CopyAnnotations(sourcePages[k].get(), newPages[k].get(), int(pages[k]));
-            }
-        } catch (...) {
-            // Leave the target's page list as it was.
-            for (size_t k = newPages.size(); k-- > 0;) {
-                const int place = at + int(k);
-                try {
-                    guarded(ctx, [&] { pdf_delete_page(ctx, dst, place); });
-                } catch (const Orvane::Exception& e) {
-                    LOG(WARNING) << "cannot take back imported page " << place + 1 << ": " << e.what();
-                }
-            }
-            try {
-                into.RefreshPageCount();
-            } catch (const Orvane::Exception& e) {
-                LOG(WARNING) << "cannot read the page count after a failed import: " << e.what();
-            }
-            throw;
+        for (size_t k = 0; k < sourcePages.size(); ++k) {
+            newPages.push_back(import.CopyPage(sourcePages[k].get()));
+            import.MapPage(sourcePages[k].get(), newPages.back().get());
         }
+        for (size_t k = 0; k < sourcePages.size(); ++k) {
+            import.CopyAnnotations(sourcePages[k].get(), newPages[k].get(), int(pages[k]));
+        }
+        std::vector<pdf_obj*> inserted;
+        inserted.reserve(newPages.size());
+        for (const PdfObjHandle& page : newPages) inserted.push_back(page.get());
+        InsertPages(ctx, dst, at, inserted);
         into.RefreshPageCount();
     }
 

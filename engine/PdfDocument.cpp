@@ -14,6 +14,7 @@
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -22,6 +23,7 @@
 #include "engine/FontLoader.h"
 #include "engine/Guarded.h"
 #include "engine/Handles.h"
+#include "engine/PageTree.h"
 #include "orvane/Exception.h"
 
 namespace Orvane::PDF::Pdfium {
@@ -394,10 +396,12 @@ void PdfDocument::FixupDocument() const {
     const RequestBudget budget;
     fz_context* ctx = core_->ctx;
     pdf_document* doc = core_->doc;
+    const PageTree tree = ReadPageTree(ctx, doc);
     const int count = guarded(ctx, [&] { return pdf_count_pages(ctx, doc); });
     for (int i = 0; i < count; ++i) {
         try {
-            guarded(ctx, [&] { pdf_flatten_inheritable_page_items(ctx, pdf_lookup_page_obj(ctx, doc, i)); });
+            pdf_obj* page = PageObject(ctx, doc, tree, i);
+            guarded(ctx, [&] { pdf_flatten_inheritable_page_items(ctx, page); });
         } catch (const Orvane::Exception& e) {
             LOG(WARNING) << "cannot complete the attributes of page " << i + 1 << ": " << e.what();
         }
@@ -525,16 +529,32 @@ void PdfDocument::RefreshPageCount() {
     fz_context* ctx = core_->ctx;
     pdf_document* doc = core_->doc;
     // MuPDF finds an open page by its number; after pages moved, the numbers
-    // it keeps would hand out the wrong page.
-    for (fz_page* page = doc->super.open; page != nullptr; page = page->next) {
-        pdf_obj* obj = reinterpret_cast<pdf_page*>(page)->obj;
-        int number = -1;
-        try {
-            number = guarded(ctx, [&] { return pdf_lookup_page_number(ctx, doc, obj); });
-        } catch (const Orvane::Exception& e) {
-            VLOG(1) << "an open page is no longer in the page tree: " << e.what();
+    // it keeps would hand out the wrong page. One walk of the tree answers
+    // for every open page.
+    if (doc->super.open != nullptr) {
+        const PageTree tree = ReadPageTree(ctx, doc);
+        std::unordered_map<pdf_obj*, int> numbers;
+        if (tree.consistent) {
+            for (size_t i = 0; i < tree.leaves.size(); ++i) {
+                pdf_obj* leaf = tree.leaves[i].page;
+                numbers.emplace(guarded(ctx, [&] { return pdf_resolve_indirect(ctx, leaf); }), int(i));
+            }
         }
-        page->number = number;
+        for (fz_page* page = doc->super.open; page != nullptr; page = page->next) {
+            pdf_obj* obj = reinterpret_cast<pdf_page*>(page)->obj;
+            int number = -1;
+            try {
+                if (tree.consistent) {
+                    const auto found = numbers.find(guarded(ctx, [&] { return pdf_resolve_indirect(ctx, obj); }));
+                    if (found != numbers.end()) number = found->second;
+                } else {
+                    number = guarded(ctx, [&] { return pdf_lookup_page_number(ctx, doc, obj); });
+                }
+            } catch (const Orvane::Exception& e) {
+                VLOG(1) << "an open page is no longer in the page tree: " << e.what();
+            }
+            page->number = number;
+        }
     }
     const int count = guarded(ctx, [&] { return pdf_count_pages(ctx, doc); });
     std::lock_guard<std::mutex> lock(metaMutex_);
@@ -559,7 +579,7 @@ std::shared_ptr<IPage> PdfDocument::CreatePage(unsigned index, double width, dou
     const fz_rect box = fz_make_rect(0, 0, float(width), float(height));
     PdfObjHandle page(ctx,
                       guarded(ctx, [&] { return pdf_add_page(ctx, doc, box, 0, resources.get(), contents.get()); }));
-    guarded(ctx, [&] { pdf_insert_page(ctx, doc, at, page.get()); });
+    InsertPages(ctx, doc, at, {page.get()});
     RefreshPageCount();
     return MakePage(core_, unsigned(at));
 }
@@ -600,7 +620,7 @@ std::shared_ptr<IPage> PdfDocument::CreatePageFromImage(unsigned index, const st
     const fz_rect box = fz_make_rect(0, 0, float(width), float(height));
     PdfObjHandle page(ctx,
                       guarded(ctx, [&] { return pdf_add_page(ctx, doc, box, 0, resources.get(), contents.get()); }));
-    guarded(ctx, [&] { pdf_insert_page(ctx, doc, at, page.get()); });
+    InsertPages(ctx, doc, at, {page.get()});
     RefreshPageCount();
     return MakePage(core_, unsigned(at));
 }
@@ -614,7 +634,7 @@ void PdfDocument::DeletePage(unsigned index) {
         throw std::out_of_range("no page " + std::to_string(index) + " in a document of " + std::to_string(count) +
                                 " pages");
     }
-    guarded(ctx, [&] { pdf_delete_page(ctx, doc, int(index)); });
+    RemovePage(ctx, doc, int(index));
     RefreshPageCount();
 }
 
@@ -622,11 +642,12 @@ void PdfDocument::RemoveHiddenObjects() {
     const RequestBudget budget;
     fz_context* ctx = core_->ctx;
     pdf_document* doc = core_->doc;
+    const PageTree tree = ReadPageTree(ctx, doc);
     const int count = guarded(ctx, [&] { return pdf_count_pages(ctx, doc); });
     for (int i = 0; i < count; ++i) {
         try {
-            const int removed =
-                guarded(ctx, [&] { return dropHiddenAnnotations(ctx, pdf_lookup_page_obj(ctx, doc, i)); });
+            pdf_obj* page = PageObject(ctx, doc, tree, i);
+            const int removed = guarded(ctx, [&] { return dropHiddenAnnotations(ctx, page); });
             VLOG_IF(1, removed > 0) << "removed " << removed << " hidden annotation(s) from page " << i + 1;
         } catch (const Orvane::Exception& e) {
             LOG(WARNING) << "cannot look for hidden annotations on page " << i + 1 << ": " << e.what();

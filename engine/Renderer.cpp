@@ -10,6 +10,7 @@
 #include "engine/FontLoader.h"
 #include "engine/Guarded.h"
 #include "engine/Handles.h"
+#include "engine/ImageLimit.h"
 #include "engine/PdfPage.h"
 #include "engine/Watchdog.h"
 #include "orvane/Exception.h"
@@ -60,6 +61,7 @@ public:
                                                                stride, pixels);
                             }));
         DeviceHandle device(ctx, guarded(ctx, [&] { return fz_new_draw_device(ctx, fz_identity, pixmap.get()); }));
+        LimitImageDecoding(device.get());
         const char* usage = flag ? "Print" : "View";
         // With a cookie MuPDF counts a failing operator and stops the page
         // there instead of throwing: a damaged page shows what it can. The

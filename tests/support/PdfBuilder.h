@@ -122,6 +122,13 @@ private:
     std::optional<Encryption> encryption_;
 };
 
+// A file of the given objects' bodies, numbered from 1 (object 1 is the
+// catalog), with a correct cross-reference table: for structures the builder
+// would never make. RawStream gives a stream object's body (dict entries
+// without the brackets, /Length added).
+std::string RawPdf(const std::vector<std::string>& objects);
+std::string RawStream(const std::string& entries, const std::string& data);
+
 // Writes bytes to a file.
 void WriteFile(const std::filesystem::path& path, const std::string& bytes);
 std::string ReadFile(const std::filesystem::path& path);

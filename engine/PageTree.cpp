@@ -1,0 +1,226 @@
+#include "engine/PageTree.h"
+
+#include <stdexcept>
+#include <string>
+#include <unordered_set>
+
+#include "engine/Guarded.h"
+#include "orvane/Exception.h"
+
+namespace Orvane::PDF::Pdfium {
+namespace {
+
+// ---- plain C helpers (they run inside guarded()) ----
+
+struct NodeInfo {
+    pdf_obj* kids;
+    int kidCount;
+    int claimed;  // the node's /Count
+};
+
+NodeInfo readNode(fz_context* ctx, pdf_obj* node) {
+    NodeInfo info;
+    info.kids = pdf_dict_get(ctx, node, PDF_NAME(Kids));
+    info.kidCount = pdf_array_len(ctx, info.kids);
+    info.claimed = pdf_dict_get_int(ctx, node, PDF_NAME(Count));
+    return info;
+}
+
+struct KidInfo {
+    pdf_obj* kid;
+    pdf_obj* resolved;
+    int isNode;
+};
+
+// A kid is a node the way MuPDF's own page lookup decides it: /Type /Pages,
+// or without /Type a /Kids array and no /MediaBox. Anything else is a page.
+KidInfo readKid(fz_context* ctx, pdf_obj* kids, int i) {
+    KidInfo info;
+    info.kid = pdf_array_get(ctx, kids, i);
+    info.resolved = pdf_resolve_indirect(ctx, info.kid);
+    pdf_obj* type = pdf_dict_get(ctx, info.kid, PDF_NAME(Type));
+    info.isNode = type != NULL ? pdf_name_eq(ctx, type, PDF_NAME(Pages))
+                               : pdf_is_array(ctx, pdf_dict_get(ctx, info.kid, PDF_NAME(Kids))) &&
+                                     pdf_dict_get(ctx, info.kid, PDF_NAME(MediaBox)) == NULL;
+    return info;
+}
+
+// Adds delta to the /Count of every node in chain.
+void adjustCounts(fz_context* ctx, pdf_obj* const* chain, size_t length, int delta) {
+    for (size_t i = 0; i < length; ++i) {
+        pdf_dict_put_int(ctx, chain[i], PDF_NAME(Count), pdf_dict_get_int(ctx, chain[i], PDF_NAME(Count)) + delta);
+    }
+}
+
+void insertKids(fz_context* ctx, pdf_document* doc, pdf_obj* parent, int index, pdf_obj* const* pages, size_t n) {
+    pdf_obj* kids = pdf_dict_get(ctx, parent, PDF_NAME(Kids));
+    if (!pdf_is_array(ctx, kids)) kids = pdf_dict_put_array(ctx, parent, PDF_NAME(Kids), 1);
+    if (n == 1) {
+        pdf_array_insert(ctx, kids, pages[0], index);
+        pdf_dict_put(ctx, pages[0], PDF_NAME(Parent), parent);
+        return;
+    }
+    pdf_obj* node = pdf_add_new_dict(ctx, doc, 4);
+    fz_try(ctx) {
+        pdf_dict_put(ctx, node, PDF_NAME(Type), PDF_NAME(Pages));
+        pdf_dict_put_int(ctx, node, PDF_NAME(Count), (int64_t)n);
+        pdf_dict_put(ctx, node, PDF_NAME(Parent), parent);
+        pdf_obj* nodeKids = pdf_dict_put_array(ctx, node, PDF_NAME(Kids), (int)n);
+        for (size_t i = 0; i < n; ++i) {
+            pdf_array_push(ctx, nodeKids, pages[i]);
+            pdf_dict_put(ctx, pages[i], PDF_NAME(Parent), node);
+        }
+        pdf_array_insert(ctx, kids, node, index);
+    }
+    fz_always(ctx) {
+        pdf_drop_obj(ctx, node);
+    }
+    fz_catch(ctx) {
+        fz_rethrow(ctx);
+    }
+}
+
+// ---- checks ----
+
+pdf_obj* rootNode(fz_context* ctx, pdf_document* doc) {
+    return guarded(ctx, [&] { return pdf_dict_getp(ctx, pdf_trailer(ctx, doc), "Root/Pages"); });
+}
+
+// The nodes from parent up to the root along /Parent, parent first. Throws
+// when the links loop, run too long or end anywhere but at the root.
+std::vector<pdf_obj*> parentChain(fz_context* ctx, pdf_document* doc, pdf_obj* parent) {
+    pdf_obj* root = guarded(ctx, [&] { return pdf_resolve_indirect(ctx, rootNode(ctx, doc)); });
+    std::vector<pdf_obj*> chain;
+    std::unordered_set<pdf_obj*> seen;
+    for (pdf_obj* node = parent; node != nullptr;) {
+        pdf_obj* resolved = guarded(ctx, [&] { return pdf_resolve_indirect(ctx, node); });
+        if (!seen.insert(resolved).second) throw Orvane::Exception("the page tree's /Parent links loop");
+        if (chain.size() > size_t(kMaxPageTreeDepth)) {
+            throw Orvane::Exception("the page tree's /Parent links run deeper than the tree may be");
+        }
+        chain.push_back(node);
+        if (resolved == root) return chain;
+        node = guarded(ctx, [&] { return pdf_dict_get(ctx, node, PDF_NAME(Parent)); });
+    }
+    throw Orvane::Exception("a page tree node's /Parent links do not lead to the root");
+}
+
+struct Place {
+    pdf_obj* parent;
+    int index;
+};
+
+}  // namespace
+
+PageTree ReadPageTree(fz_context* ctx, pdf_document* doc) {
+    struct Start {
+        pdf_obj* root;
+        int count;
+        int objects;
+    };
+    const Start start = guarded(ctx, [&] {
+        Start s;
+        s.root = pdf_dict_getp(ctx, pdf_trailer(ctx, doc), "Root/Pages");
+        s.count = pdf_count_pages(ctx, doc);
+        s.objects = pdf_xref_len(ctx, doc);
+        return s;
+    });
+    PageTree tree;
+    if (start.root == nullptr) {
+        tree.consistent = start.count == 0;
+        return tree;
+    }
+
+    struct Frame {
+        pdf_obj* node;
+        pdf_obj* resolved;
+        NodeInfo info;
+        int next;
+        size_t firstLeaf;
+    };
+    std::vector<Frame> path;
+    std::unordered_set<pdf_obj*> onPath;
+    auto enter = [&](pdf_obj* node, pdf_obj* resolved) {
+        if (!onPath.insert(resolved).second) throw Orvane::Exception("the page tree loops");
+        if (path.size() >= size_t(kMaxPageTreeDepth)) {
+            throw Orvane::Exception("the page tree is nested deeper than " + std::to_string(kMaxPageTreeDepth) +
+                                    " levels");
+        }
+        path.push_back({node, resolved, guarded(ctx, [&] { return readNode(ctx, node); }), 0, tree.leaves.size()});
+    };
+    enter(start.root, guarded(ctx, [&] { return pdf_resolve_indirect(ctx, start.root); }));
+    while (!path.empty()) {
+        Frame& frame = path.back();
+        if (frame.next == frame.info.kidCount) {
+            if (tree.leaves.size() - frame.firstLeaf != size_t(std::max(frame.info.claimed, 0))) {
+                tree.consistent = false;
+            }
+            onPath.erase(frame.resolved);
+            path.pop_back();
+            continue;
+        }
+        const int i = frame.next++;
+        pdf_obj* const kids = frame.info.kids;
+        pdf_obj* const parent = frame.node;
+        const KidInfo kid = guarded(ctx, [&] { return readKid(ctx, kids, i); });
+        if (kid.isNode) {
+            enter(kid.kid, kid.resolved);
+            continue;
+        }
+        tree.leaves.push_back({kid.kid, parent, i});
+        // Nodes shared between branches could multiply the pages without end.
+        if (tree.leaves.size() > size_t(std::max(start.objects, 0))) {
+            throw Orvane::Exception("the page tree holds more pages than the file has objects");
+        }
+    }
+    if (tree.leaves.size() != size_t(std::max(start.count, 0))) tree.consistent = false;
+    return tree;
+}
+
+pdf_obj* PageObject(fz_context* ctx, pdf_document* doc, const PageTree& tree, int i) {
+    if (tree.consistent) return tree.leaves.at(size_t(i)).page;
+    return guarded(ctx, [&] { return pdf_lookup_page_obj(ctx, doc, i); });
+}
+
+void InsertPages(fz_context* ctx, pdf_document* doc, int at, const std::vector<pdf_obj*>& pages) {
+    if (pages.empty()) return;
+    const PageTree tree = ReadPageTree(ctx, doc);
+    if (!tree.consistent) {
+        throw Orvane::Exception("cannot insert pages: the page tree's /Count entries do not match its pages");
+    }
+    const int count = int(tree.leaves.size());
+    Place place;
+    if (count == 0) {
+        place.parent = rootNode(ctx, doc);
+        if (place.parent == nullptr) throw Orvane::Exception("cannot insert pages: the document has no page tree");
+        place.index = guarded(ctx, [&] { return pdf_array_len(ctx, pdf_dict_get(ctx, place.parent, PDF_NAME(Kids))); });
+    } else if (at >= 0 && at < count) {
+        place = {tree.leaves[size_t(at)].parent, tree.leaves[size_t(at)].index};
+    } else {
+        place = {tree.leaves.back().parent, tree.leaves.back().index + 1};
+    }
+    const std::vector<pdf_obj*> chain = parentChain(ctx, doc, place.parent);
+    guarded(ctx, [&] {
+        insertKids(ctx, doc, place.parent, place.index, pages.data(), pages.size());
+        adjustCounts(ctx, chain.data(), chain.size(), int(pages.size()));
+    });
+}
+
+void RemovePage(fz_context* ctx, pdf_document* doc, int index) {
+    const PageTree tree = ReadPageTree(ctx, doc);
+    if (index < 0 || size_t(index) >= tree.leaves.size()) {
+        throw std::out_of_range("no page " + std::to_string(index) + " in a document of " +
+                                std::to_string(tree.leaves.size()) + " pages");
+    }
+    if (!tree.consistent) {
+        throw Orvane::Exception("cannot delete a page: the page tree's /Count entries do not match its pages");
+    }
+    const PageTree::Leaf& leaf = tree.leaves[size_t(index)];
+    const std::vector<pdf_obj*> chain = parentChain(ctx, doc, leaf.parent);
+    guarded(ctx, [&] {
+        pdf_array_delete(ctx, pdf_dict_get(ctx, leaf.parent, PDF_NAME(Kids)), leaf.index);
+        adjustCounts(ctx, chain.data(), chain.size(), -1);
+    });
+}
+
+}  // namespace Orvane::PDF::Pdfium

@@ -1,0 +1,180 @@
+// Small hand-made files that once hung, crashed or held the engine: each must
+// now end in a value or an Orvane::Exception, and leave its document usable.
+
+#include <zlib.h>
+
+#include <QImage>
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include "engine/Context.h"
+#include "engine/Engine.h"
+#include "engine/PdfDocument.h"
+#include "orvane/Exception.h"
+#include "orvane/pdf/EngineLimits.h"
+#include "tests/support/EngineTest.h"
+
+namespace QuirelleTest {
+namespace {
+
+using namespace Orvane::PDF;
+
+const std::string kCatalog = "<< /Type /Catalog /Pages 2 0 R >>";
+
+std::string Ref(size_t number) {
+    return std::to_string(number) + " 0 R";
+}
+
+// One 200 x 200 page (object 3) with the given resources and content; extra
+// objects follow from number 5.
+std::vector<std::string> OnePage(const std::string& resources, const std::string& content) {
+    return {kCatalog, "<< /Type /Pages /Kids [3 0 R] /Count 1 >>",
+            "<< /Type /Page /Parent 2 0 R /MediaBox [0 0 200 200] /Resources " + resources + " /Contents 4 0 R >>",
+            RawStream("", content)};
+}
+
+// The zlib stream of `size` zero bytes, written directly: the same block
+// repeated (each ends in a full flush), so even gigabytes take milliseconds.
+std::string DeflatedZeros(size_t size) {
+    constexpr size_t kChunk = 1 << 20;
+    z_stream z{};
+    deflateInit2(&z, 9, Z_DEFLATED, -15, 9, Z_DEFAULT_STRATEGY);
+    std::string zeros(kChunk, '\0');
+    std::string block(kChunk, '\0');
+    z.next_in = reinterpret_cast<Bytef*>(zeros.data());
+    z.avail_in = kChunk;
+    z.next_out = reinterpret_cast<Bytef*>(block.data());
+    z.avail_out = kChunk;
+    deflate(&z, Z_FULL_FLUSH);
+    block.resize(kChunk - z.avail_out);
+    deflateEnd(&z);
+    std::string out = "\x78\xda";
+    for (size_t i = 0; i < size / kChunk; ++i) out += block;
+    out += std::string("\x03\x00", 2);  // an empty final block
+    const uint32_t adler = uint32_t((size / kChunk * kChunk) % 65521) << 16 | 1u;
+    for (int shift = 24; shift >= 0; shift -= 8) out += char((adler >> shift) & 0xFF);
+    return out;
+}
+
+std::string Deflated(const std::string& data) {
+    uLongf size = compressBound(data.size());
+    std::string out(size, '\0');
+    compress2(reinterpret_cast<Bytef*>(out.data()), &size, reinterpret_cast<const Bytef*>(data.data()), data.size(), 9);
+    out.resize(size);
+    return out;
+}
+
+class HostileFiles : public EngineTest {
+protected:
+    void TearDown() override {
+        SetEngineLimits(saved);
+        EngineTest::TearDown();
+    }
+    std::shared_ptr<Pdfium::PdfDocument> Open(const std::vector<std::string>& objects) {
+        const auto path = temp.File("hostile" + std::to_string(files++) + ".pdf");
+        WriteFile(path, RawPdf(objects));
+        return std::make_shared<Pdfium::PdfDocument>(nullptr, path.string(), "");
+    }
+    void SetTimeBudget(std::chrono::milliseconds budget) {
+        EngineLimits limits = saved;
+        limits.timeBudget = budget;
+        SetEngineLimits(limits);
+    }
+    // Renders page 0 at 100 x 100; false when the renderer threw.
+    bool Render(const std::shared_ptr<Pdfium::PdfDocument>& document) {
+        QImage picture(100, 100, QImage::Format_RGB32);
+        picture.fill(Qt::white);
+        std::shared_ptr<IBitmap> bitmap =
+            Pdfium::CreateBitmap(100, 100, IBitmap::Bgrx, picture.bits(), int(picture.bytesPerLine()));
+        try {
+            Pdfium::CreatePageRenderer()->Render(document->GetPage(0), bitmap, false);
+            return true;
+        } catch (const Orvane::Exception&) {
+            return false;
+        }
+    }
+
+    const EngineLimits saved = GetEngineLimits();
+    int files = 0;
+};
+
+TEST_F(HostileFiles, PageTreeWhoseParentsLoopIsEditedOrRefusedInsteadOfHanging) {
+    // The page carries everything it could inherit, so it opens and renders.
+    const std::string page =
+        "<< /Type /Page /Parent 5 0 R /MediaBox [0 0 200 200] /CropBox [0 0 200 200] /Rotate 0 /Resources << >> "
+        "/Contents 4 0 R >>";
+    const std::string content = RawStream("", "0 0 1 rg 10 10 50 50 re f");
+    // The root's /Parent leads to a node whose /Parent is the root again:
+    // the edits stop at the root and work.
+    auto document = Open({kCatalog, "<< /Type /Pages /Kids [5 0 R] /Count 1 /Parent 6 0 R >>", page, content,
+                          "<< /Type /Pages /Kids [3 0 R] /Count 1 /Parent 2 0 R >>",
+                          "<< /Type /Pages /Kids [] /Count 0 /Parent 2 0 R >>"});
+    document->CreatePage(1, 100, 100);
+    document->DeletePage(0);
+    EXPECT_EQ(document->GetPageCount(), 1u);
+    // Below the root two nodes name each other as /Parent: refused.
+    document = Open({kCatalog, "<< /Type /Pages /Kids [5 0 R] /Count 1 >>", page, content,
+                     "<< /Type /Pages /Kids [3 0 R] /Count 1 /Parent 6 0 R >>",
+                     "<< /Type /Pages /Kids [] /Count 0 /Parent 5 0 R >>"});
+    EXPECT_THROW(document->CreatePage(1, 100, 100), Orvane::Exception);
+    EXPECT_THROW(document->DeletePage(0), Orvane::Exception);
+    EXPECT_EQ(document->GetPageCount(), 1u);
+    EXPECT_TRUE(Render(document));
+}
+
+TEST_F(HostileFiles, ResourcesNestedTooDeepAreRefusedByImportAndLeaveTheSourceWorking) {
+    constexpr size_t kDepth = 60000;
+    std::vector<std::string> objects = OnePage("<< /Properties << /P 5 0 R >> >>", "0 0 1 rg 10 10 50 50 re f");
+    for (size_t i = 0; i < kDepth; ++i) objects.push_back("[" + Ref(objects.size() + 2) + "]");
+    objects.push_back("[]");
+    auto source = Open(objects);
+    auto importer = Pdfium::CreatePageImporter();
+    auto exported = std::make_shared<Pdfium::PdfDocument>(nullptr);
+    EXPECT_THROW(importer->ImportPages(source, {0}, exported, 0), Orvane::Exception);
+    EXPECT_THROW(importer->ImportAllPages(source, exported, 0), Orvane::Exception);
+    EXPECT_EQ(exported->GetPageCount(), 0u);
+    source->CreatePage(1, 100, 100);
+    EXPECT_EQ(source->GetPageCount(), 2u);
+    EXPECT_TRUE(Render(source));
+}
+
+TEST_F(HostileFiles, ExponentiallyNestedFormsEndWithinTheBudget) {
+    // Form i draws form i + 1 twice: 2^30 draws of the last one.
+    std::vector<std::string> objects = OnePage("<< /XObject << /F 5 0 R >> >>", "/F Do");
+    for (int i = 0; i < 30; ++i) {
+        const std::string next = Ref(objects.size() + 2);
+        objects.push_back(RawStream("/Type /XObject /Subtype /Form /BBox [0 0 200 200] /Resources << /XObject << /F " +
+                                        next + " >> >>",
+                                    "/F Do /F Do"));
+    }
+    objects.push_back(RawStream("/Type /XObject /Subtype /Form /BBox [0 0 200 200]", "0 0 1 1 re f"));
+    auto document = Open(objects);
+    SetTimeBudget(std::chrono::milliseconds(200));
+    EXPECT_FALSE(Render(document));
+    EXPECT_THROW(document->GetPage(0)->GetTextObject(), Orvane::Exception);
+    EXPECT_THROW(document->GetPage(0)->GetObjectCount(), Orvane::Exception);
+    SetEngineLimits(saved);
+    EXPECT_EQ(document->GetPage(0)->GetSize().width, 200);
+}
+
+TEST_F(HostileFiles, DecompressionBombsEndQuicklyWithinTheMemoryCap) {
+    // 1.6 GB in a few kilobytes, flate over flate: as an image (left out of
+    // the picture) and as the page's content (refused past the block limit).
+    const std::string bomb = Deflated(DeflatedZeros(size_t(40000) * 40000));
+    EXPECT_LT(bomb.size(), 200u * 1024);
+    std::vector<std::string> objects = OnePage("<< /XObject << /I 5 0 R >> >>", "q 200 0 0 200 0 0 cm /I Do Q");
+    objects.push_back(RawStream("/Type /XObject /Subtype /Image /Width 40000 /Height 40000 /ColorSpace /DeviceGray "
+                                "/BitsPerComponent 8 /Filter [/FlateDecode /FlateDecode]",
+                                bomb));
+    EXPECT_TRUE(Render(Open(objects)));
+    objects.resize(3);
+    objects.push_back(RawStream("/Filter [/FlateDecode /FlateDecode]", bomb));
+    auto content = Open(objects);
+    Render(content);
+    EXPECT_THROW(content->GetPage(0)->GetTextObject(), Orvane::Exception);
+    EXPECT_LT(Pdfium::MemoryInUse(), Pdfium::kDefaultBlockLimit);
+}
+
+}  // namespace
+}  // namespace QuirelleTest
