@@ -653,6 +653,7 @@ void PdfPage::SetRotation(Rotation rotation) {
 
 const std::vector<PageObjectInfo>& PdfPage::Objects() {
     if (objects_) return *objects_;
+    const RequestBudget budget;
     fz_context* ctx = Context();
     pdf_page* page = Native();
     pdf_document* doc = core_->doc;
@@ -731,6 +732,7 @@ std::optional<Rect> PdfPage::GetObjectBoundsAt(double x, double y, int kind) {
 }
 
 std::shared_ptr<ITextObject> PdfPage::GetTextObject() {
+    const RequestBudget budget;
     ScopedFontProvider fonts(core_->fonts.get());
     return ExtractText(Context(), Native());
 }
