@@ -156,7 +156,7 @@ void logError(void*, const char* message) {
 
 std::mutex baseMutex;
 fz_context* baseContext = nullptr;  // guarded by baseMutex
-int baseUsers = 0;                  // threads holding a clone; guarded by baseMutex
+int baseUsers = 0;                  // threads holding a clone and documents; guarded by baseMutex
 
 struct ThreadContext {
     fz_context* ctx = nullptr;
@@ -214,6 +214,26 @@ void PdfiumInitializer::Uninitialize() {
     fz_drop_context(std::exchange(threadContext.ctx, nullptr));
     std::lock_guard<std::mutex> lock(baseMutex);
     if (--baseUsers == 0) fz_drop_context(std::exchange(baseContext, nullptr));
+}
+
+EngineReference::EngineReference() {
+    std::lock_guard<std::mutex> lock(baseMutex);
+    if (baseContext == nullptr) throw std::logic_error("the PDF engine is not initialised");
+    ++baseUsers;
+}
+
+EngineReference::~EngineReference() {
+    std::lock_guard<std::mutex> lock(baseMutex);
+    if (--baseUsers == 0) fz_drop_context(std::exchange(baseContext, nullptr));
+}
+
+ScopedContext::ScopedContext() {
+    PdfiumInitializer::Instance().InitLibrary();
+    ctx_ = threadContext.ctx;
+}
+
+ScopedContext::~ScopedContext() {
+    PdfiumInitializer::Instance().Uninitialize();
 }
 
 fz_context* CurrentContext() {

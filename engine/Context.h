@@ -35,6 +35,32 @@ private:
 // not called InitLibrary().
 fz_context* CurrentContext();
 
+// Held by every document: the engine stays initialised while one exists,
+// even after the thread that opened it has let go of the engine.
+class EngineReference {
+public:
+    EngineReference();
+    ~EngineReference();
+    EngineReference(const EngineReference&) = delete;
+    EngineReference& operator=(const EngineReference&) = delete;
+};
+
+// A context for the calling thread for the scope: its own when it has one,
+// else a clone made for the scope. For releasing what another thread made
+// (an application may let go of a document long after its service is gone).
+// The engine must be initialised somewhere (an EngineReference is held).
+class ScopedContext {
+public:
+    ScopedContext();
+    ~ScopedContext();
+    ScopedContext(const ScopedContext&) = delete;
+    ScopedContext& operator=(const ScopedContext&) = delete;
+    fz_context* get() const { return ctx_; }
+
+private:
+    fz_context* ctx_;
+};
+
 // The engine's side of Orvane::PDF::EngineLimits (see orvane/pdf/EngineLimits.h).
 // Upper bound on the memory all of MuPDF's allocations may hold at once in
 // this process; past it allocations fail and the engine call that made them

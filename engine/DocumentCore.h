@@ -10,16 +10,23 @@
 #include <functional>
 #include <memory>
 
+#include "engine/Context.h"
 #include "orvane/pdf/Document.h"
 
 namespace Orvane::PDF::Pdfium {
 
 struct DocumentCore {
     DocumentCore(fz_context* context, pdf_document* document) : ctx(context), doc(document) {}
-    ~DocumentCore() { pdf_drop_document(ctx, doc); }
+    // On any thread: the last holder may be the application, after the
+    // thread that opened the document has gone.
+    ~DocumentCore() {
+        const ScopedContext scoped;
+        pdf_drop_document(scoped.get(), doc);
+    }
     DocumentCore(const DocumentCore&) = delete;
     DocumentCore& operator=(const DocumentCore&) = delete;
 
+    const EngineReference engine;  // first: outlives the document
     fz_context* const ctx;
     pdf_document* const doc;
     // Called after the page list or a page's rotation changed (keeps the

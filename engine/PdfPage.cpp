@@ -227,6 +227,10 @@ class LinkAnnotation : public Annotation, public ILinkAnnotation {
 public:
     LinkAnnotation(Rect rect, std::shared_ptr<DocumentCore> core, PdfObjHandle annot, int pageNumber)
         : Annotation(IAnnotation::Link, rect), core_(std::move(core)), annot_(std::move(annot)), page_(pageNumber) {}
+    ~LinkAnnotation() override {
+        const ScopedContext scoped;
+        pdf_drop_obj(scoped.get(), annot_.release());
+    }
 
     int GetLinkType() override { return Resolved().type; }
     LinkDestination GetDestination() override { return Resolved().destination; }
@@ -614,6 +618,11 @@ bool isPageAt(fz_context* ctx, pdf_document* doc, const PageHandle& page, int in
 
 PdfPage::PdfPage(std::shared_ptr<DocumentCore> core, PageHandle page) : core_(std::move(core)), page_(std::move(page)) {
     if (!core_ || !page_) throw std::invalid_argument("PdfPage needs a document and a page");
+}
+
+PdfPage::~PdfPage() {
+    const ScopedContext scoped;
+    fz_drop_page(scoped.get(), page_.release());
 }
 
 PdfPage::Geometry PdfPage::ReadGeometry() const {

@@ -23,7 +23,8 @@ struct PageObjectInfo {
 class PdfPage : public IPage {
 public:
     PdfPage(std::shared_ptr<DocumentCore> core, PageHandle page);
-    ~PdfPage() override = default;
+    // On any thread, as the document (DocumentCore).
+    ~PdfPage() override;
     PdfPage(const PdfPage&) = delete;
     PdfPage& operator=(const PdfPage&) = delete;
 

@@ -100,12 +100,13 @@ bool Quirelle::Impl::SaveDocument(const SaveDocumentTask& task) {
 std::future<void> Quirelle::Impl::EnqueueClose(const int64_t& id) {
     std::packaged_task<void(const int64_t&)> work([this](const int64_t& doc) { CloseDocument(doc); });
     std::future<void> future = work.get_future();
+    std::list<SearchRequest> stopped;  // destroyed after the lock is released
     {
         std::lock_guard<std::mutex> lock(queueMutex);
         // Stops the search whose search id equals the document id (the two
         // counters are separate, so not necessarily a search of this
         // document); the document's own searches end at their next step.
-        StopSearchLocked(id);
+        StopSearchLocked(id, stopped);
         closeQueue.push_back({id, std::move(work)});
     }
     Wake();

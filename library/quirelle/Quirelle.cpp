@@ -87,6 +87,8 @@ std::future<void> Quirelle::RotatePage(const int64& id, unsigned page, PageRotat
 }
 
 void Quirelle::ExecuteWithDocument(const int64& id, std::packaged_task<void(std::shared_ptr<IDocument>&)>&& task) {
+    // An empty task could only fail on the worker.
+    if (!task.valid()) throw std::future_error(std::future_errc::no_state);
     impl->EnqueueCallerWork(id, std::move(task));
 }
 

@@ -168,7 +168,9 @@ public:
 
     int64_t AddSearch(const int64_t& id, unsigned startPage, const std::wstring& text, const SearchCallback& callback);
     void StopSearch(const int64_t& searchId);
-    void StopSearchLocked(const int64_t& searchId);  // queueMutex held
+    // queueMutex held; the stopped search moves to stopped, to be destroyed
+    // unlocked (its callback's captured state may call the service).
+    void StopSearchLocked(const int64_t& searchId, std::list<SearchRequest>& stopped);
     std::future<void> EnqueueClose(const int64_t& id);
 
     // ---- the worker ----

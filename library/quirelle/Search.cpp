@@ -24,17 +24,18 @@ int64_t Quirelle::Impl::AddSearch(const int64_t& id, unsigned startPage, const s
 }
 
 void Quirelle::Impl::StopSearch(const int64_t& searchId) {
+    std::list<SearchRequest> stopped;
     {
         std::lock_guard<std::mutex> lock(queueMutex);
-        StopSearchLocked(searchId);
+        StopSearchLocked(searchId, stopped);
     }
     Wake();
 }
 
-void Quirelle::Impl::StopSearchLocked(const int64_t& searchId) {
+void Quirelle::Impl::StopSearchLocked(const int64_t& searchId, std::list<SearchRequest>& stopped) {
     auto found = std::find_if(searches.begin(), searches.end(),
                               [searchId](const SearchRequest& request) { return request.searchId == searchId; });
-    if (found != searches.end()) searches.erase(found);
+    if (found != searches.end()) stopped.splice(stopped.end(), searches, found);
     stoppedSearches.insert(searchId);
 }
 
@@ -77,11 +78,12 @@ void Quirelle::Impl::SearchStep(SearchRequest& request) {
 }
 
 void Quirelle::Impl::PurgeStoppedSearches() {
+    std::list<SearchRequest> stopped;  // destroyed after the lock is released
     std::lock_guard<std::mutex> lock(queueMutex);
     for (int64_t searchId : stoppedSearches) {
         auto found = std::find_if(searches.begin(), searches.end(),
                                   [searchId](const SearchRequest& request) { return request.searchId == searchId; });
-        if (found != searches.end()) searches.erase(found);
+        if (found != searches.end()) stopped.splice(stopped.end(), searches, found);
     }
     stoppedSearches.clear();
 }

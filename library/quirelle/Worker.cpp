@@ -123,7 +123,12 @@ void Quirelle::Impl::ServeCallerWork() {
     lock.unlock();
     std::shared_ptr<IDocument> document = FindDocument(item.id);
     const Pdfium::RequestBudget budget;
-    item.work(document);
+    try {
+        item.work(document);
+    } catch (const std::future_error& e) {
+        // A task the caller had already run: nothing to answer.
+        QUIRELLE_LOG(ERROR) << "ExecuteWithDocument: the task cannot run: " << e.what();
+    }
 }
 
 void Quirelle::Impl::ShutDown() {
