@@ -292,6 +292,18 @@ void checkPageSize(double width, double height) {
     }
 }
 
+// A number as PDF writes it: fixed notation (an exponent is not PDF syntax),
+// without trailing zeros.
+std::string pdfNumber(double value) {
+    const int length = std::snprintf(nullptr, 0, "%.12f", value);
+    std::string text(size_t(length) + 1, '\0');
+    std::snprintf(text.data(), text.size(), "%.12f", value);
+    text.resize(size_t(length));
+    text.erase(text.find_last_not_of('0') + 1);
+    if (text.back() == '.') text.pop_back();
+    return text;
+}
+
 // Where an insertion at index lands: before that page, or at the end.
 int insertionPoint(unsigned index, int count) {
     return index <= unsigned(count) ? int(index) : count;
@@ -609,11 +621,10 @@ std::shared_ptr<IPage> PdfDocument::CreatePageFromImage(unsigned index, const st
         pdf_obj* xobjects = pdf_dict_put_dict(ctx, resources.get(), PDF_NAME(XObject), 1);
         pdf_dict_puts(ctx, xobjects, "Im0", imageObj.get());
     });
-    char drawing[128];
-    const int length = std::snprintf(drawing, sizeof drawing, "q %.6g 0 0 %.6g 0 0 cm /Im0 Do Q\n", width, height);
+    const std::string drawing = "q " + pdfNumber(width) + " 0 0 " + pdfNumber(height) + " 0 0 cm /Im0 Do Q\n";
     BufferHandle contents(ctx, guarded(ctx, [&] {
                               return fz_new_buffer_from_copied_data(
-                                  ctx, reinterpret_cast<const unsigned char*>(drawing), size_t(length));
+                                  ctx, reinterpret_cast<const unsigned char*>(drawing.data()), drawing.size());
                           }));
 
     const int at = insertionPoint(index, guarded(ctx, [&] { return pdf_count_pages(ctx, doc); }));

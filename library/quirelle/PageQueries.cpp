@@ -3,6 +3,7 @@
 // its document up without the lock.
 
 #include <algorithm>
+#include <cmath>
 
 #include "QuirelleImpl.h"
 #include "engine/Engine.h"
@@ -61,9 +62,14 @@ QImage Quirelle::Impl::RenderPageImage(const std::shared_ptr<IDocument>& documen
         int width = request.width;
         int height = request.height;
         if (width == -1 || height == -1) {
+            // A page may claim any size up to 3.4e38 points: beyond a
+            // million pixels a side there is no picture to make.
+            const auto pixels = [](double points) {
+                return std::isfinite(points) && points > 0 && points < 1e6 ? static_cast<int>(points) : 0;
+            };
             const Size size = page->GetSize();
-            if (width == -1) width = static_cast<int>(size.width);
-            if (height == -1) height = static_cast<int>(size.height);
+            if (width == -1) width = pixels(size.width);
+            if (height == -1) height = pixels(size.height);
         }
         PageRaster raster(std::move(page), QSize(width, height), request.viewType == IPageInfoObserver::PrintView);
         return raster.Picture();

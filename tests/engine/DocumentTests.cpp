@@ -275,6 +275,16 @@ TEST_F(DocumentTest, ImagePagesKeepTheirAlphaThroughSaving) {
     EXPECT_NEAR(int(half & 0xFF), 0x87, 3);
 }
 
+TEST_F(DocumentTest, ImagePagesOfExtremeSizesDrawThePictureOverThePage) {
+    QImage picture(2, 2, QImage::Format_RGB32);
+    picture.fill(Qt::red);
+    auto doc = std::make_shared<Pdfium::PdfDocument>(nullptr);
+    for (double side : {2e6, 5e-5}) {
+        doc->CreatePageFromImage(0, Util::CreateBitmapFromQImage(picture), side, side);
+        EXPECT_NEAR(doc->GetPage(0)->GetObject(0)->GetBounds().right, side, side * 1e-6);
+    }
+}
+
 TEST_F(DocumentTest, MetadataIsReadableWhileTheDocumentChanges) {
     auto doc = std::make_shared<Pdfium::PdfDocument>(nullptr);
     std::atomic<bool> done{false};
