@@ -36,6 +36,11 @@ struct DocumentCore {
     std::shared_ptr<IFontProvider> fonts;
 };
 
+// A named destination (name or string), looked up in the catalog's /Dests
+// and, when not there, in the /Names tree, with bounded work. C only: call
+// inside guarded().
+pdf_obj* LookupNamedDestination(fz_context* ctx, pdf_document* doc, pdf_obj* name);
+
 // The page at index (std::out_of_range when there is none).
 std::shared_ptr<IPage> MakePage(const std::shared_ptr<DocumentCore>& core, unsigned index);
 

@@ -56,7 +56,7 @@ struct NestingFrame {
 
 // State of the nesting check, kept over one import so that every source
 // object is walked once. heights[num]: 0 not seen, -1 on the current path,
-// else the object's height in indirect levels.
+// kRefused, else the object's height in indirect levels.
 struct NestingCheck {
     int* heights;
     int objects;
@@ -73,6 +73,18 @@ void pushNesting(fz_context* ctx, NestingCheck* check, int* top, pdf_obj* contai
     frame->length = frame->isDict ? pdf_dict_len(ctx, container) : pdf_array_len(ctx, container);
     frame->num = num;
     frame->best = 0;
+}
+
+// heights[num] of an object that must not be copied: it leads to the
+// source's pages, or too deep.
+constexpr int kRefused = -2;
+
+// Marks every object on the walk's path as refused and throws.
+[[noreturn]] void refuseNesting(fz_context* ctx, NestingCheck* check, int top, const char* why) {
+    for (int i = 0; i < top; ++i) {
+        if (check->frames[i].num > 0) check->heights[check->frames[i].num] = kRefused;
+    }
+    fz_throw(ctx, FZ_ERROR_GENERIC, "objects not copied: %s", why);
 }
 
 // Walks value the way a graft would, without recursion, and throws when it
@@ -102,18 +114,23 @@ void checkNesting(fz_context* ctx, NestingCheck* check, pdf_obj* value) {
         }
         if (pdf_is_indirect(ctx, child)) {
             const int num = pdf_to_num(ctx, child);
-            if (num <= 0 || num >= check->objects || check->heights[num] < 0) continue;
+            if (num <= 0 || num >= check->objects || check->heights[num] == -1) continue;
+            if (check->heights[num] == kRefused) refuseNesting(ctx, check, top, "refers to the source's pages");
             if (check->heights[num] > 0) {
-                if (depth + check->heights[num] > kMaxGraftDepth)
-                    fz_throw(ctx, FZ_ERROR_GENERIC, "objects nested deeper than %d levels", kMaxGraftDepth);
+                if (depth + check->heights[num] > kMaxGraftDepth) refuseNesting(ctx, check, top, "nested too deep");
                 if (top > 0 && check->frames[top - 1].best < check->heights[num])
                     check->frames[top - 1].best = check->heights[num];
                 continue;
             }
-            if (++depth > kMaxGraftDepth)
-                fz_throw(ctx, FZ_ERROR_GENERIC, "objects nested deeper than %d levels", kMaxGraftDepth);
+            if (++depth > kMaxGraftDepth) refuseNesting(ctx, check, top, "nested too deep");
             check->heights[num] = -1;
-            pushNesting(ctx, check, &top, pdf_resolve_indirect(ctx, child), num);
+            pdf_obj* resolved = pdf_resolve_indirect(ctx, child);
+            pushNesting(ctx, check, &top, resolved, num);
+            // A page or a page-tree node would bring the source's pages
+            // along (its /Parent leads to all of them): a disclosure.
+            pdf_obj* type = pdf_dict_get(ctx, resolved, PDF_NAME(Type));
+            if (pdf_name_eq(ctx, type, PDF_NAME(Page)) || pdf_name_eq(ctx, type, PDF_NAME(Pages)))
+                refuseNesting(ctx, check, top, "refers to the source's pages");
         } else if (pdf_is_array(ctx, child) || pdf_is_dict(ctx, child)) {
             pushNesting(ctx, check, &top, child, 0);
         }
@@ -380,7 +397,7 @@ private:
         if (graft_.map == nullptr) return PdfObjHandle(ctx_, guarded(ctx_, [&] { return transfer(ctx_, &graft_, dest); }));
         pdf_obj* explicitDest = guarded(ctx_, [&] {
             pdf_obj* d = dest;
-            if (pdf_is_name(ctx_, d) || pdf_is_string(ctx_, d)) d = pdf_lookup_dest(ctx_, source_, d);
+            if (pdf_is_name(ctx_, d) || pdf_is_string(ctx_, d)) d = LookupNamedDestination(ctx_, source_, d);
             if (pdf_is_dict(ctx_, d)) d = pdf_dict_get(ctx_, d, PDF_NAME(D));
             return pdf_is_array(ctx_, d) ? d : NULL;
         });

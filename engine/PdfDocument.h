@@ -86,7 +86,9 @@ public:
     // Removes from every page's /Annots the annotations that can never show
     // or print: those flagged Hidden, and those flagged NoView without Print
     // or ToggleNoView. Widgets (form scripts may show them) and popups
-    // (opened from their parent) are kept. Page content, optional content and
+    // (opened from their parent) are kept, and so is every hidden annotation
+    // of a document with a Hide action or a script anywhere (they could show
+    // it). Page content, optional content and
     // everything else are left alone, so no page changes what it shows or
     // prints. A page that cannot be read is logged and skipped.
     void RemoveHiddenObjects() override;

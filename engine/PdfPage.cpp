@@ -822,6 +822,10 @@ std::vector<std::shared_ptr<IAnnotation>> PdfPage::GetAllAnnotations() {
     return ReadAnnotations(-1);
 }
 
+pdf_obj* LookupNamedDestination(fz_context* ctx, pdf_document* doc, pdf_obj* name) {
+    return lookupNamedDestination(ctx, doc, name);
+}
+
 // ---- MakePage ----
 
 std::shared_ptr<IPage> MakePage(const std::shared_ptr<DocumentCore>& core, unsigned index) {

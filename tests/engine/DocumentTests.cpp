@@ -248,6 +248,17 @@ TEST_F(DocumentTest, RemoveHiddenObjectsDropsOnlyNeverVisibleAnnotations) {
     for (const auto& annotation : doc->GetPage(0)->GetAllAnnotations()) kept.push_back(annotation->GetType());
     EXPECT_EQ(kept, (std::vector<int>{IAnnotation::Line, IAnnotation::Polygon, IAnnotation::Ink, IAnnotation::Widget,
                                       IAnnotation::Stamp}));
+    // A Hide action or a script could show a hidden one: nothing goes.
+    for (const std::string& shower : {"<< /S /Hide /T 4 0 R /H false >>", "<< /S /JavaScript /JS (show()) >>"}) {
+        const auto path = temp.File("shows.pdf");
+        WriteFile(path, RawPdf({"<< /Type /Catalog /Pages 2 0 R >>", "<< /Type /Pages /Kids [3 0 R] /Count 1 >>",
+                                "<< /Type /Page /Parent 2 0 R /MediaBox [0 0 200 200] /Annots [4 0 R 5 0 R] >>",
+                                "<< /Type /Annot /Subtype /Square /Rect [10 10 50 50] /F 2 >>",
+                                "<< /Type /Annot /Subtype /Link /Rect [60 60 90 90] /A " + shower + " >>"}));
+        auto shows = OpenFile(path);
+        shows->RemoveHiddenObjects();
+        EXPECT_EQ(shows->GetPage(0)->GetAllAnnotations().size(), 2u) << shower;
+    }
 }
 
 TEST_F(DocumentTest, ImagePagesKeepTheirAlphaThroughSaving) {

@@ -85,5 +85,41 @@ TEST_F(ImportTest, SharedResourcesArriveOncePerCall) {
     EXPECT_EQ(CountObjects(path, "Page"), 20);
 }
 
+TEST_F(ImportTest, AnnotationsNeverBringOtherPagesAlongAndNamedLinksResolveThroughTheNamesTree) {
+    // Page 0's annotations act on page 1 through /AA and a /Next chain:
+    // a copy of page 0 alone must not carry page 1.
+    const std::string action = "<< /S /GoTo /D [6 0 R /Fit] >>";
+    const std::string annot = "<< /Type /Annot /Subtype /Square /Rect [10 10 50 50] ";
+    const auto path = temp.File("actions.pdf");
+    WriteFile(path, RawPdf({"<< /Type /Catalog /Pages 2 0 R >>", "<< /Type /Pages /Kids [3 0 R 6 0 R] /Count 2 >>",
+                            "<< /Type /Page /Parent 2 0 R /MediaBox [0 0 200 200] /Annots [7 0 R 8 0 R 9 0 R] >>",
+                            "", RawStream("", "1 0 0 rg 0 0 200 200 re f"),
+                            "<< /Type /Page /Parent 2 0 R /MediaBox [0 0 200 200] /Contents 5 0 R >>",
+                            annot + "/AA << /E " + action + " >> >>", annot + "/AA << /X " + action + " >> >>",
+                            annot + "/A << /S /URI /URI (x) /Next " + action + " >> >>"}));
+    auto exported = std::make_shared<Pdfium::PdfDocument>(nullptr);
+    CreatePageImporter()->ImportPages(OpenFile(path), {0}, exported, 0);
+    const auto saved = temp.File("exported.pdf");
+    exported->Save(saved, 0);
+    EXPECT_EQ(CountObjects(saved, "Page"), 1);
+
+    // A file may have /Dests and a /Names tree; the link's name is in the tree.
+    LinkLayout link;
+    link.rect = {10, 50, 50, 10};
+    link.namedDestination = "there";
+    PageLayout first;
+    first.links.push_back(link);
+    auto source = Open(PdfBuilder()
+                           .AddPage(first)
+                           .AddNumberedPages(1)
+                           .AddNamedDestination("there", 1, 0, 0, true)
+                           .AddNamedDestination("elsewhere", 0, 0, 0, false));
+    auto target = std::make_shared<Pdfium::PdfDocument>(nullptr);
+    CreatePageImporter()->ImportAllPages(source, target, 0);
+    const auto links = target->GetPage(0)->GetAnnotations(IAnnotation::Link);
+    ASSERT_EQ(links.size(), 1u);
+    EXPECT_EQ(dynamic_cast<ILinkAnnotation&>(*links[0]).GetDestination().pageIndex, 1);
+}
+
 }  // namespace
 }  // namespace QuirelleTest
