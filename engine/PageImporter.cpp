@@ -29,6 +29,7 @@
 #include "engine/Engine.h"
 #include "engine/Guarded.h"
 #include "engine/Handles.h"
+#include "engine/Nesting.h"
 #include "engine/PageTree.h"
 #include "engine/PdfDocument.h"
 #include "orvane/Exception.h"
@@ -38,104 +39,11 @@ namespace {
 
 // ---- plain C helpers (they run inside guarded()) ----
 
-// Refuses values nested deeper than this many indirect objects before they are
-// grafted: MuPDF copies them recursively, loading each object inside the
-// copy of its parent, and a long enough chain overflows its error stack, which
-// wrecks the source's cross-reference table.
+// Values reaching deeper than this many indirect objects are not copied:
+// MuPDF grafts recursively, loading each object inside the copy of its
+// parent, and a long enough chain overflows its error stack, which wrecks the
+// source's cross-reference table.
 constexpr int kMaxGraftDepth = 1000;
-
-// One frame of the walk below: a container and the next of its elements.
-struct NestingFrame {
-    pdf_obj* container;
-    int next;
-    int length;
-    int isDict;
-    int num;   // the indirect object this frame opened, 0 for a direct container
-    int best;  // the largest height among the elements seen so far
-};
-
-// State of the nesting check, kept over one import so that every source
-// object is walked once. heights[num]: 0 not seen, -1 on the current path,
-// kRefused, else the object's height in indirect levels.
-struct NestingCheck {
-    int* heights;
-    int objects;
-    NestingFrame* frames;
-    int capacity;
-};
-
-void pushNesting(fz_context* ctx, NestingCheck* check, int* top, pdf_obj* container, int num) {
-    if (*top == check->capacity) fz_throw(ctx, FZ_ERROR_GENERIC, "objects nested too deep to copy");
-    NestingFrame* frame = &check->frames[(*top)++];
-    frame->container = container;
-    frame->next = 0;
-    frame->isDict = pdf_is_dict(ctx, container);
-    frame->length = frame->isDict ? pdf_dict_len(ctx, container) : pdf_array_len(ctx, container);
-    frame->num = num;
-    frame->best = 0;
-}
-
-// heights[num] of an object that must not be copied: it leads to the
-// source's pages, or too deep.
-constexpr int kRefused = -2;
-
-// Marks every object on the walk's path as refused and throws.
-[[noreturn]] void refuseNesting(fz_context* ctx, NestingCheck* check, int top, const char* why) {
-    for (int i = 0; i < top; ++i) {
-        if (check->frames[i].num > 0) check->heights[check->frames[i].num] = kRefused;
-    }
-    fz_throw(ctx, FZ_ERROR_GENERIC, "objects not copied: %s", why);
-}
-
-// Walks value the way a graft would, without recursion, and throws when it
-// reaches deeper than kMaxGraftDepth indirect objects. Loads every object it
-// passes, so the graft that follows finds them all in memory.
-void checkNesting(fz_context* ctx, NestingCheck* check, pdf_obj* value) {
-    if (!pdf_is_indirect(ctx, value) && !pdf_is_array(ctx, value) && !pdf_is_dict(ctx, value)) return;
-    int top = 0;
-    int depth = 0;
-    pdf_obj* first = value;
-    while (first != NULL || top > 0) {
-        pdf_obj* child = first;
-        first = NULL;
-        if (child == NULL) {
-            NestingFrame* frame = &check->frames[top - 1];
-            if (frame->next == frame->length) {
-                const int height = frame->best + (frame->num > 0);
-                if (frame->num > 0) {
-                    check->heights[frame->num] = height;
-                    --depth;
-                }
-                if (--top > 0 && check->frames[top - 1].best < height) check->frames[top - 1].best = height;
-                continue;
-            }
-            const int i = frame->next++;
-            child = frame->isDict ? pdf_dict_get_val(ctx, frame->container, i) : pdf_array_get(ctx, frame->container, i);
-        }
-        if (pdf_is_indirect(ctx, child)) {
-            const int num = pdf_to_num(ctx, child);
-            if (num <= 0 || num >= check->objects || check->heights[num] == -1) continue;
-            if (check->heights[num] == kRefused) refuseNesting(ctx, check, top, "refers to the source's pages");
-            if (check->heights[num] > 0) {
-                if (depth + check->heights[num] > kMaxGraftDepth) refuseNesting(ctx, check, top, "nested too deep");
-                if (top > 0 && check->frames[top - 1].best < check->heights[num])
-                    check->frames[top - 1].best = check->heights[num];
-                continue;
-            }
-            if (++depth > kMaxGraftDepth) refuseNesting(ctx, check, top, "nested too deep");
-            check->heights[num] = -1;
-            pdf_obj* resolved = pdf_resolve_indirect(ctx, child);
-            pushNesting(ctx, check, &top, resolved, num);
-            // A page or a page-tree node would bring the source's pages
-            // along (its /Parent leads to all of them): a disclosure.
-            pdf_obj* type = pdf_dict_get(ctx, resolved, PDF_NAME(Type));
-            if (pdf_name_eq(ctx, type, PDF_NAME(Page)) || pdf_name_eq(ctx, type, PDF_NAME(Pages)))
-                refuseNesting(ctx, check, top, "refers to the source's pages");
-        } else if (pdf_is_array(ctx, child) || pdf_is_dict(ctx, child)) {
-            pushNesting(ctx, check, &top, child, 0);
-        }
-    }
-}
 
 // What a copy into the target needs: the graft map (NULL within one
 // document) and the nesting check of the source's objects.
@@ -149,7 +57,7 @@ struct Graft {
 // direct object has two parents.
 pdf_obj* transfer(fz_context* ctx, const Graft* graft, pdf_obj* value) {
     if (graft->map != NULL) {
-        checkNesting(ctx, graft->check, value);
+        CheckNesting(ctx, graft->check, value);
         return pdf_graft_mapped_object(ctx, graft->map, value);
     }
     if (pdf_is_indirect(ctx, value)) return pdf_keep_obj(ctx, value);
@@ -240,10 +148,8 @@ public:
     Import(fz_context* ctx, pdf_document* source, pdf_document* target) : ctx_(ctx), source_(source), target_(target) {
         if (source != target) {
             map_ = PdfGraftMapHandle(ctx, guarded(ctx, [&] { return pdf_new_graft_map(ctx, target); }));
-            heights_.assign(size_t(std::max(guarded(ctx, [&] { return pdf_xref_len(ctx, source); }), 1)), 0);
-            frames_.resize(4 * kMaxGraftDepth);
-            check_ = NestingCheck{heights_.data(), int(heights_.size()), frames_.data(), int(frames_.size())};
-            graft_ = Graft{map_.get(), &check_};
+            nesting_ = std::make_unique<Nesting>(ctx, source, kMaxGraftDepth, true);
+            graft_ = Graft{map_.get(), nesting_->State()};
         }
     }
 
@@ -431,9 +337,7 @@ private:
     pdf_document* source_;
     pdf_document* target_;
     PdfGraftMapHandle map_;  // empty within one document
-    std::vector<int> heights_;
-    std::vector<NestingFrame> frames_;
-    NestingCheck check_{};
+    std::unique_ptr<Nesting> nesting_;  // empty within one document
     Graft graft_{nullptr, nullptr};
     // Source page object number -> its copy in the target.
     std::unordered_map<int, pdf_obj*> pages_;

@@ -23,6 +23,7 @@
 #include "engine/FontLoader.h"
 #include "engine/Guarded.h"
 #include "engine/Handles.h"
+#include "engine/Nesting.h"
 #include "engine/PageTree.h"
 #include "orvane/Exception.h"
 
@@ -177,6 +178,10 @@ mode_t modeFor(const fs::path& target) {
     }
     return 0666 & ~mask;
 }
+
+// References nested deeper than this are not saved (MuPDF's writer follows
+// them recursively; about 80,000 levels overflow an 8 MiB stack).
+constexpr int kMaxSaveDepth = 20000;
 
 // ---- pages ----
 
@@ -490,6 +495,13 @@ void PdfDocument::SaveAs(const Orvane::ioPath& path, int version) const {
     pdf_document* doc = core_->doc;
     ScopedFontProvider fontScope(core_->fonts.get());
     const RequestBudget budget;
+
+    // Writing marks what the document reaches recursively: refuse chains
+    // of references long enough to overflow the stack before it starts.
+    {
+        Nesting nesting(ctx, doc, kMaxSaveDepth, false);
+        guarded(ctx, [&] { CheckNesting(ctx, nesting.State(), pdf_trailer(ctx, doc)); });
+    }
 
     TempFile temp(target);
     if (::fchmod(temp.fd(), modeFor(target)) != 0) {

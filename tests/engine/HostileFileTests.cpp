@@ -123,8 +123,8 @@ TEST_F(HostileFiles, PageTreeWhoseParentsLoopIsEditedOrRefusedInsteadOfHanging) 
     EXPECT_TRUE(Render(document));
 }
 
-TEST_F(HostileFiles, ResourcesNestedTooDeepAreRefusedByImportAndLeaveTheSourceWorking) {
-    constexpr size_t kDepth = 60000;
+TEST_F(HostileFiles, ReferencesNestedTooDeepAreRefusedByImportAndSaveAndLeaveTheSourceWorking) {
+    constexpr size_t kDepth = 100000;
     std::vector<std::string> objects = OnePage("<< /Properties << /P 5 0 R >> >>", "0 0 1 rg 10 10 50 50 re f");
     for (size_t i = 0; i < kDepth; ++i) objects.push_back("[" + Ref(objects.size() + 2) + "]");
     objects.push_back("[]");
@@ -134,6 +134,7 @@ TEST_F(HostileFiles, ResourcesNestedTooDeepAreRefusedByImportAndLeaveTheSourceWo
     EXPECT_THROW(importer->ImportPages(source, {0}, exported, 0), Orvane::Exception);
     EXPECT_THROW(importer->ImportAllPages(source, exported, 0), Orvane::Exception);
     EXPECT_EQ(exported->GetPageCount(), 0u);
+    EXPECT_THROW(source->Save(temp.File("deep.pdf").string(), 0), Orvane::Exception);
     source->CreatePage(1, 100, 100);
     EXPECT_EQ(source->GetPageCount(), 2u);
     EXPECT_TRUE(Render(source));
