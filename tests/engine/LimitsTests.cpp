@@ -65,6 +65,12 @@ TEST_F(Limits, PageRunsPastTheirBudgetAreAbortedWithAnException) {
     EXPECT_THROW(renderer->Render(document->GetPage(0), bitmap, false), Orvane::Exception);
     EXPECT_THROW(document->GetPage(0)->GetTextObject(), Orvane::Exception);
     EXPECT_THROW(document->GetPage(0)->GetObjectIndices(), Orvane::Exception);
+    try {
+        document->CreatePage(0, 100, 100);
+        ADD_FAILURE() << "edited past the budget";
+    } catch (const Orvane::Exception& e) {
+        EXPECT_NE(std::string(e.what()).find("time budget"), std::string::npos) << e.what();
+    }
     SetEngineLimits(saved);
     EXPECT_NO_THROW(renderer->Render(document->GetPage(0), bitmap, false));
 }
