@@ -7,6 +7,11 @@
 #include "engine/Guarded.h"
 #include "orvane/Exception.h"
 
+// MuPDF's own page lookup with the node it found the page in; exported by
+// its library, declared only in its private headers.
+extern "C" pdf_obj* pdf_lookup_page_loc(fz_context* ctx, pdf_document* doc, int needle, pdf_obj** parentp,
+                                        int* indexp);
+
 namespace Orvane::PDF::Pdfium {
 namespace {
 
@@ -110,6 +115,16 @@ struct Place {
     int index;
 };
 
+// The node holding page i and its place in that node's /Kids, found the
+// way MuPDF finds a page (its lookup stops at loops in /Kids).
+Place locate(fz_context* ctx, pdf_document* doc, int i) {
+    return guarded(ctx, [&] {
+        Place place{NULL, 0};
+        pdf_lookup_page_loc(ctx, doc, i, &place.parent, &place.index);
+        return place;
+    });
+}
+
 }  // namespace
 
 PageTree ReadPageTree(fz_context* ctx, pdf_document* doc) {
@@ -184,20 +199,17 @@ pdf_obj* PageObject(fz_context* ctx, pdf_document* doc, const PageTree& tree, in
 
 void InsertPages(fz_context* ctx, pdf_document* doc, int at, const std::vector<pdf_obj*>& pages) {
     if (pages.empty()) return;
-    const PageTree tree = ReadPageTree(ctx, doc);
-    if (!tree.consistent) {
-        throw Orvane::Exception("cannot insert pages: the page tree's /Count entries do not match its pages");
-    }
-    const int count = int(tree.leaves.size());
+    const int count = guarded(ctx, [&] { return pdf_count_pages(ctx, doc); });
     Place place;
-    if (count == 0) {
+    if (count <= 0) {
         place.parent = rootNode(ctx, doc);
         if (place.parent == nullptr) throw Orvane::Exception("cannot insert pages: the document has no page tree");
         place.index = guarded(ctx, [&] { return pdf_array_len(ctx, pdf_dict_get(ctx, place.parent, PDF_NAME(Kids))); });
     } else if (at >= 0 && at < count) {
-        place = {tree.leaves[size_t(at)].parent, tree.leaves[size_t(at)].index};
+        place = locate(ctx, doc, at);
     } else {
-        place = {tree.leaves.back().parent, tree.leaves.back().index + 1};
+        place = locate(ctx, doc, count - 1);
+        ++place.index;
     }
     const std::vector<pdf_obj*> chain = parentChain(ctx, doc, place.parent);
     guarded(ctx, [&] {
@@ -207,18 +219,15 @@ void InsertPages(fz_context* ctx, pdf_document* doc, int at, const std::vector<p
 }
 
 void RemovePage(fz_context* ctx, pdf_document* doc, int index) {
-    const PageTree tree = ReadPageTree(ctx, doc);
-    if (index < 0 || size_t(index) >= tree.leaves.size()) {
-        throw std::out_of_range("no page " + std::to_string(index) + " in a document of " +
-                                std::to_string(tree.leaves.size()) + " pages");
+    const int count = guarded(ctx, [&] { return pdf_count_pages(ctx, doc); });
+    if (index < 0 || index >= count) {
+        throw std::out_of_range("no page " + std::to_string(index) + " in a document of " + std::to_string(count) +
+                                " pages");
     }
-    if (!tree.consistent) {
-        throw Orvane::Exception("cannot delete a page: the page tree's /Count entries do not match its pages");
-    }
-    const PageTree::Leaf& leaf = tree.leaves[size_t(index)];
-    const std::vector<pdf_obj*> chain = parentChain(ctx, doc, leaf.parent);
+    const Place place = locate(ctx, doc, index);
+    const std::vector<pdf_obj*> chain = parentChain(ctx, doc, place.parent);
     guarded(ctx, [&] {
-        pdf_array_delete(ctx, pdf_dict_get(ctx, leaf.parent, PDF_NAME(Kids)), leaf.index);
+        pdf_array_delete(ctx, pdf_dict_get(ctx, place.parent, PDF_NAME(Kids)), place.index);
         adjustCounts(ctx, chain.data(), chain.size(), -1);
     });
 }

@@ -38,10 +38,12 @@ pdf_obj* PageObject(fz_context* ctx, pdf_document* doc, const PageTree& tree, in
 
 // Inserts pages (indirect page dictionaries not yet in the tree, in order)
 // before page `at`, or after the last page when at is the page count. More
-// than one page go in as one new node under the insertion point's node.
+// than one page go in as one new node under the insertion point's node. The
+// /Parent links above it are checked first (no loop, and they reach the root).
 void InsertPages(fz_context* ctx, pdf_document* doc, int at, const std::vector<pdf_obj*>& pages);
 
-// Removes page `index` from the tree (std::out_of_range past the last page).
+// Removes page `index` from the tree (std::out_of_range past the last page),
+// with the same check.
 void RemovePage(fz_context* ctx, pdf_document* doc, int index);
 
 }  // namespace Orvane::PDF::Pdfium

@@ -495,6 +495,9 @@ void PdfDocument::SaveAs(const Orvane::ioPath& path, int version) const {
     pdf_document* doc = core_->doc;
     ScopedFontProvider fontScope(core_->fonts.get());
     const RequestBudget budget;
+    // Writing copies streams as the file holds them: a large attachment is
+    // no decompression bomb, only the memory cap applies.
+    RequestBudget::AllowBlocksOf(MemoryLimit());
 
     // Writing marks what the document reaches recursively: refuse chains
     // of references long enough to overflow the stack before it starts.
