@@ -9,6 +9,7 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static const bool ready = [] {
+        QuirelleFuzz::QuietLogs();
         Orvane::PDF::Pdfium::PdfiumInitializer::Instance().InitLibrary();
         return true;
     }();

@@ -100,9 +100,6 @@ std::vector<std::string> FixtureDocuments() {
 }
 
 const fs::path& ScratchDir() {
-    // Millions of inputs: only errors are worth a line.
-    static const bool quiet = (FLAGS_minloglevel = google::GLOG_ERROR, true);
-    (void)quiet;
     static Scratch scratch;
     return scratch.Path();
 }
@@ -314,7 +311,13 @@ std::string ServiceProgram(const std::string& first, const std::string& second, 
     return out + second + requests;
 }
 
+void QuietLogs() {
+    FLAGS_minloglevel = google::GLOG_ERROR;
+}
+
 Quirelle& SharedService() {
+    static const bool quiet = (QuietLogs(), true);
+    (void)quiet;
     ScratchDir();  // made first, so that it outlives the service
     static Quirelle service(nullptr);
     return service;

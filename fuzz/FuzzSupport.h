@@ -43,7 +43,10 @@ void ExerciseService(Orvane::PDF::Quirelle& service, int64_t id);
 void RunServiceProgram(Orvane::PDF::Quirelle& service, const uint8_t* data, size_t size);
 std::string ServiceProgram(const std::string& first, const std::string& second, const std::string& requests);
 
-// A Quirelle for the whole process (the fuzz targets run many inputs).
+// Logs errors only: the fuzz targets run millions of inputs.
+void QuietLogs();
+// A Quirelle for the whole process (the fuzz targets run many inputs); also
+// quiets the logs.
 Orvane::PDF::Quirelle& SharedService();
 
 // Seed inputs of each target.
