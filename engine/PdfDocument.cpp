@@ -6,6 +6,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <cerrno>
 #include <cmath>
 #include <cstdint>
@@ -110,15 +112,46 @@ int64_t sinkTell(fz_context*, void* state) {
     return static_cast<FileSink*>(state)->written;
 }
 
-// The temporary file beside the target; removed unless committed.
-class TempFile {
+// The directory a file at target lives in.
+fs::path directoryOf(const fs::path& target) {
+    return target.has_parent_path() ? target.parent_path() : fs::path(".");
+}
+
+// A name for a file beside the target that no other file has yet: hidden,
+// after the target's name (cut short enough for any file name the target
+// itself may have), with six random letters and digits.
+std::string hiddenName(const fs::path& target) {
+    static const char letters[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
+    static std::atomic<uint64_t> counter{0};
+    uint64_t seed = uint64_t(std::chrono::steady_clock::now().time_since_epoch().count()) ^
+                    (uint64_t(::getpid()) << 32) ^ (counter.fetch_add(1) * 0x9E3779B97F4A7C15ull);
+    std::string base = target.filename().string();
+    if (base.size() > 200) base.resize(200);
+    std::string name = "." + base + ".";
+    for (int i = 0; i < 6; ++i) {
+        seed = seed * 6364136223846793005ull + 1442695040888963407ull;
+        name += letters[(seed >> 33) % (sizeof letters - 1)];
+    }
+    return (directoryOf(target) / name).string();
+}
+
+// The new file, written in the target's directory. It has no name while it
+// is written (O_TMPFILE), so a process that dies while saving leaves nothing
+// behind; a filesystem that cannot make unnamed files gets a hidden named
+// file instead, removed unless committed.
+class NewFile {
 public:
-    explicit TempFile(const fs::path& target) {
-        const fs::path dir = target.has_parent_path() ? target.parent_path() : fs::path(".");
-        // Short enough for any file name the target itself may have.
-        std::string base = target.filename().string();
-        if (base.size() > 200) base.resize(200);
-        std::string pattern = (dir / ("." + base + ".XXXXXX")).string();
+    explicit NewFile(const fs::path& target) : target_(target) {
+        const fs::path dir = directoryOf(target);
+#ifdef O_TMPFILE
+        // Linking the file into place goes through its /proc/self/fd entry.
+        if (::access("/proc/self/fd", X_OK) == 0) {
+            fd_ = ::open(dir.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0600);
+            if (fd_ >= 0) return;
+        }
+#endif
+        std::string pattern = hiddenName(target);
+        pattern.replace(pattern.size() - 6, 6, "XXXXXX");
         std::vector<char> name(pattern.begin(), pattern.end());
         name.push_back('\0');
         fd_ = ::mkstemp(name.data());
@@ -127,28 +160,32 @@ public:
         }
         path_ = name.data();
     }
-    ~TempFile() {
+    ~NewFile() {
         if (fd_ >= 0) ::close(fd_);
-        if (!committed_ && ::unlink(path_.c_str()) != 0 && errno != ENOENT) {
+        if (!path_.empty() && !committed_ && ::unlink(path_.c_str()) != 0 && errno != ENOENT) {
             LOG(WARNING) << "cannot remove the temporary file " << path_ << ": " << errorText(errno);
         }
     }
-    TempFile(const TempFile&) = delete;
-    TempFile& operator=(const TempFile&) = delete;
+    NewFile(const NewFile&) = delete;
+    NewFile& operator=(const NewFile&) = delete;
 
     int fd() const { return fd_; }
 
-    // Flushes the data to the disk and renames the file over target.
-    void commit(const fs::path& target) {
-        if (::fsync(fd_) != 0) throw Orvane::Exception("cannot write " + path_ + ": " + errorText(errno));
-        const int closed = ::close(std::exchange(fd_, -1));
-        if (closed != 0) throw Orvane::Exception("cannot write " + path_ + ": " + errorText(errno));
-        if (::rename(path_.c_str(), target.c_str()) != 0) {
-            throw Orvane::Exception("cannot replace " + target.string() + ": " + errorText(errno));
+    // Flushes the data to the disk and puts the file in the target's place.
+    void commit() {
+        if (::fsync(fd_) != 0) throw Orvane::Exception("cannot write " + target_.string() + ": " + errorText(errno));
+        if (path_.empty()) {
+            linkIntoPlace();
+        } else {
+            if (::close(std::exchange(fd_, -1)) != 0) {
+                throw Orvane::Exception("cannot write " + path_ + ": " + errorText(errno));
+            }
+            replaceTarget(path_);
         }
         committed_ = true;
-        // The rename is durable once the directory is.
-        const fs::path dir = target.has_parent_path() ? target.parent_path() : fs::path(".");
+        if (fd_ >= 0) ::close(std::exchange(fd_, -1));
+        // The new name is durable once the directory is.
+        const fs::path dir = directoryOf(target_);
         const int dirFd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
         if (dirFd < 0 || ::fsync(dirFd) != 0) {
             LOG(WARNING) << "cannot flush the directory " << dir.string() << ": " << errorText(errno);
@@ -157,8 +194,41 @@ public:
     }
 
 private:
+    // Gives the unnamed file the target's name. linkat cannot replace a file,
+    // so over an existing target the file is linked under a hidden name and
+    // renamed at once: that name exists only between the two calls.
+    void linkIntoPlace() {
+        const std::string self = "/proc/self/fd/" + std::to_string(fd_);
+        if (::linkat(AT_FDCWD, self.c_str(), AT_FDCWD, target_.c_str(), AT_SYMLINK_FOLLOW) == 0) return;
+        if (errno != EEXIST) {
+            throw Orvane::Exception("cannot write " + target_.string() + ": " + errorText(errno));
+        }
+        for (int attempt = 0;; ++attempt) {
+            const std::string hidden = hiddenName(target_);
+            if (::linkat(AT_FDCWD, self.c_str(), AT_FDCWD, hidden.c_str(), AT_SYMLINK_FOLLOW) == 0) {
+                try {
+                    replaceTarget(hidden);
+                } catch (...) {
+                    ::unlink(hidden.c_str());
+                    throw;
+                }
+                return;
+            }
+            if (errno != EEXIST || attempt == 100) {
+                throw Orvane::Exception("cannot write " + target_.string() + ": " + errorText(errno));
+            }
+        }
+    }
+
+    void replaceTarget(const std::string& from) {
+        if (::rename(from.c_str(), target_.c_str()) != 0) {
+            throw Orvane::Exception("cannot replace " + target_.string() + ": " + errorText(errno));
+        }
+    }
+
+    fs::path target_;
     int fd_ = -1;
-    std::string path_;
+    std::string path_;  // empty for an unnamed file
     bool committed_ = false;
 };
 
@@ -506,7 +576,7 @@ void PdfDocument::SaveAs(const Orvane::ioPath& path, int version) const {
         guarded(ctx, [&] { CheckNesting(ctx, nesting.State(), pdf_trailer(ctx, doc)); });
     }
 
-    TempFile temp(target);
+    NewFile temp(target);
     if (::fchmod(temp.fd(), modeFor(target)) != 0) {
         LOG(WARNING) << "cannot set the permissions of the new " << target.string() << ": " << errorText(errno);
     }
@@ -538,7 +608,7 @@ void PdfDocument::SaveAs(const Orvane::ioPath& path, int version) const {
     }
     doc->version = ownVersion;
     out.reset();
-    temp.commit(target);
+    temp.commit();
 }
 
 // ---- metadata ----

@@ -47,10 +47,13 @@ public:
     // cannot be reached is logged and skipped.
     void FixupDocument() const override;
     // Writes the whole document (unreferenced objects dropped, streams
-    // compressed, encryption kept as opened) to a temporary file beside path,
-    // then renames it over path. A symbolic link at path is followed. On any
-    // failure the temporary file is removed, path is left as it was, and
-    // Orvane::Exception is thrown (also for an empty path). flags is ignored.
+    // compressed, encryption kept as opened) to a new file in path's
+    // directory, flushed to the disk, then puts it in path's place: an
+    // unnamed file (O_TMPFILE) linked into place where the filesystem has
+    // them, else a hidden temporary file renamed over path. A symbolic link
+    // at path is followed. On any failure nothing is left behind, path is
+    // left as it was, and Orvane::Exception is thrown (also for an empty
+    // path). flags is ignored.
     // Saving to the file the document was opened from is fine.
     void Save(const Orvane::ioPath& path, unsigned long flags) const override;
     // As Save, with the header's version 10 * major + minor (10 to 20);
@@ -118,7 +121,7 @@ private:
     Permissions ReadPermissions(bool ownerAccess) const;
     // One flag of the metadata copy, under metaMutex_.
     bool Permission(bool Permissions::*flag) const;
-    // Writes the document to path through a temporary file; version 0 keeps
+    // Writes the document to path through a new file; version 0 keeps
     // the document's own header version.
     void SaveAs(const Orvane::ioPath& path, int version) const;
     // Takes ownership of the opened or created document (dropped on failure).

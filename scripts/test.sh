@@ -3,7 +3,8 @@
 #   1. the whole build and its tests (core, engine, service, exported symbols);
 #   2. an application built against the installed package, run on the sample;
 #   3. core, engine and service tests under AddressSanitizer and UBSan;
-#   4. core and service tests under ThreadSanitizer.
+#   4. core and service tests under ThreadSanitizer;
+#   5. each fuzz target for 60 s (clang, ASan + UBSan + libFuzzer).
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 jobs=$(nproc)
@@ -36,5 +37,9 @@ sanitized() {
 
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
-sanitized asan address,undefined "core_tests engine_tests service_tests"
+sanitized asan address,undefined \
+  "core_tests engine_tests service_tests fuzz_engine_regressions fuzz_image_regressions fuzz_service_regressions"
 sanitized tsan thread "core_tests service_tests"
+
+step "fuzz targets"
+bash "$root/fuzz/run.sh" 60

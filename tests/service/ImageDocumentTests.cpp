@@ -96,7 +96,10 @@ TEST_F(ImageDocuments, TransparencyShowsThePageAndOnlyListedExtensionsAreImages)
     std::filesystem::copy_file(png, jpe);
     const auto bmp = temp.File("document.bmp");
     PdfBuilder().AddNumberedPages(1).Save(bmp);
-    for (const auto& path : {jpe, bmp}) {
+    // A 107-byte bitmap that claims 16777223 x 5 pixels is refused unread.
+    const auto huge = temp.File("huge.bmp");
+    WriteFile(huge, ReadFile(SamplesDir() / "../tests/regressions/image/bmp-16777223x5-pixels").substr(1));
+    for (const auto& path : {jpe, bmp, huge}) {
         const auto failed = Await(service->OpenDocument(path.string(), ""));
         EXPECT_EQ(failed.id, -1) << path;
         EXPECT_FALSE(failed.passwordError) << path;
