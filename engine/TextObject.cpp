@@ -3,7 +3,6 @@
 #include <glog/logging.h>
 #include <mupdf/fitz.h>
 #include <mupdf/pdf.h>
-
 #include <unicode/normalizer2.h>
 #include <unicode/uchar.h>
 #include <unicode/unistr.h>
@@ -66,7 +65,8 @@ const icu::Normalizer2& normaliser(bool compatibility) {
         UErrorCode status = U_ZERO_ERROR;
         const icu::Normalizer2* nfd = icu::Normalizer2::getNFDInstance(status);
         const icu::Normalizer2* nfkd = icu::Normalizer2::getNFKDInstance(status);
-        if (U_FAILURE(status)) throw Orvane::Exception(std::string("Unicode normalisation unavailable: ") + u_errorName(status));
+        if (U_FAILURE(status))
+            throw Orvane::Exception(std::string("Unicode normalisation unavailable: ") + u_errorName(status));
         return std::make_pair(nfd, nfkd);
     }();
     return compatibility ? *instances.second : *instances.first;
@@ -112,7 +112,8 @@ private:
             s.foldCase();
             UErrorCode status = U_ZERO_ERROR;
             s = nfd.normalize(s, status);  // folding may compose again
-            if (U_FAILURE(status)) throw Orvane::Exception(std::string("Unicode normalisation: ") + u_errorName(status));
+            if (U_FAILURE(status))
+                throw Orvane::Exception(std::string("Unicode normalisation: ") + u_errorName(status));
         }
         std::u32string units;
         for (int32_t i = 0; i < s.length(); i = s.moveIndex32(i, 1)) {

@@ -81,22 +81,22 @@ TEST_F(TextTest, FindTextMatchingRules) {
 // covers exactly the page characters (which GetText shows unchanged) and
 // their boxes.
 TEST_F(TextTest, FindTextAsTyped) {
-    auto text = Lines({"Stra\xC3\x9F" "e STRASSE \xEF\xAC\x81nd caf\xC3\xA9 e-",
-                       "mail to the infor\xC2\xADmation desk infor\xC2\xAD", "mation"});
+    auto text = Lines(
+        {"Stra\u00DFe STRASSE \uFB01nd caf\u00E9 e-", "mail to the infor\u00ADmation desk infor\u00AD", "mation"});
     ASSERT_EQ(text->GetText().substr(0, 12), L"Stra\u00DFe STRAS");
     ASSERT_NE(text->GetText().find(L"infor\u00ADmation"), std::wstring::npos);
-    const std::wstring straße = L"Stra\u00DFe", shy = L"infor\u00ADmation", shyBreak = L"infor\u00AD\nmation";
+    const std::wstring sharpS = L"Stra\u00DFe", shy = L"infor\u00ADmation", shyBreak = L"infor\u00AD\nmation";
     struct Case {
         std::wstring needle;
         int flags;
         std::vector<std::wstring> covered;  // by each hit in turn
     } cases[] = {
-        {L"STRASSE", 0, {straße, L"STRASSE"}},  // "ß" folds to "ss"
-        {L"stra\u00DFe", 0, {straße, L"STRASSE"}},
+        {L"STRASSE", 0, {sharpS, L"STRASSE"}},  // "ß" folds to "ss"
+        {L"stra\u00DFe", 0, {sharpS, L"STRASSE"}},
         {L"Stra\u00DF", 0, {L"Stra\u00DF", L"STRASS"}},
         {L"strasse", ITextObject::MatchCase, {}},
         {L"strase", 0, {}},
-        {L"stras", 0, {L"STRAS"}},  // but not half of "ß"
+        {L"stras", 0, {L"STRAS"}},                      // but not half of "ß"
         {L"FIND", ITextObject::WholeWords, {L"find"}},  // the ligature U+FB01 on the page
         {L"\uFB01nd", 0, {L"find"}},
         {L"cafe\u0301", 0, {L"caf\u00E9"}},  // a combining mark in the needle

@@ -291,18 +291,29 @@ std::string PdfBuilder::Build() const {
     ObjectWriter w;
     const int catalog = w.Reserve();
     const int pagesRoot = w.Reserve();
-    // Byte 0xAD is a soft hyphen (WinAnsi alone reads it as a hyphen), 0x81 the
-    // "fi" ligature.
-    const int toUnicode = w.AddStream("",
-                                      "/CIDInit /ProcSet findresource begin 12 dict begin begincmap\n"
-                                      "/CMapName /Adobe-Identity-UCS def /CMapType 2 def\n"
-                                      "1 begincodespacerange <00> <FF> endcodespacerange\n"
-                                      "2 beginbfchar <81> <FB01> <AD> <00AD> endbfchar\n"
-                                      "endcmap CMapName currentdict /CMap defineresource pop end end\n");
-    const int font = w.Add(
-        "<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica /Encoding << /BaseEncoding /WinAnsiEncoding "
-        "/Differences [129 /fi] >> /ToUnicode " +
-        Ref(toUnicode) + " >>");
+    // Files that use them read byte 0xAD back as a soft hyphen (WinAnsi alone
+    // reads it as a hyphen) and byte 0x81 as the "fi" ligature; other files
+    // keep the plain font.
+    bool special = false;
+    for (const PageLayout& page : pages_) {
+        for (const TextRun& run : page.text) {
+            special = special || run.text.find("\xC2\xAD") != std::string::npos ||
+                      run.text.find("\xEF\xAC\x81") != std::string::npos;
+        }
+    }
+    std::string fontDict = "<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica /Encoding ";
+    if (special) {
+        const int toUnicode = w.AddStream("",
+                                          "/CIDInit /ProcSet findresource begin 12 dict begin begincmap\n"
+                                          "/CMapName /Adobe-Identity-UCS def /CMapType 2 def\n"
+                                          "1 begincodespacerange <00> <FF> endcodespacerange\n"
+                                          "2 beginbfchar <81> <FB01> <AD> <00AD> endbfchar\n"
+                                          "endcmap CMapName currentdict /CMap defineresource pop end end\n");
+        fontDict += "<< /BaseEncoding /WinAnsiEncoding /Differences [129 /fi] >> /ToUnicode " + Ref(toUnicode) + " >>";
+    } else {
+        fontDict += "/WinAnsiEncoding >>";
+    }
+    const int font = w.Add(fontDict);
 
     std::vector<int> pageRefs;
     for (size_t i = 0; i < pages_.size(); ++i) pageRefs.push_back(w.Reserve());
