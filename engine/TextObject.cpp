@@ -34,6 +34,14 @@ void unite(Rect& into, bool& any, const Rect& r) {
     Unite(into, r);
 }
 
+// A page's or a needle's character as the matcher takes it: an invalid code
+// point is U+FFFD, a control character other than a tab a space.
+wchar_t sanitise(int c) {
+    if (c < 0 || c > 0x10FFFF || (c >= 0xD800 && c <= 0xDFFF)) return static_cast<wchar_t>(0xFFFD);
+    if (c < 0x20 && c != '\t') return L' ';
+    return static_cast<wchar_t>(c);
+}
+
 // ---- the form in which page text and needle are compared ----
 //
 // Both sides are brought into one form before they are compared: soft hyphens
@@ -133,12 +141,13 @@ private:
 class Matcher {
 public:
     Matcher(const std::wstring& text, const std::wstring& needle, int flags) : text_(text), normaliser_(flags) {
-        for (wchar_t c : needle) {
-            if (isSpaceUnit(static_cast<char32_t>(c))) {
+        for (wchar_t raw : needle) {
+            const auto c = static_cast<char32_t>(sanitise(static_cast<int>(raw)));
+            if (isSpaceUnit(c)) {
                 if (tokens_.empty() || !tokens_.back().space) tokens_.push_back({true, 0});
                 continue;
             }
-            normaliser_.Units(static_cast<char32_t>(c), [&](char32_t unit) { tokens_.push_back({false, unit}); });
+            normaliser_.Units(c, [&](char32_t unit) { tokens_.push_back({false, unit}); });
         }
         units_.reserve(text.size());
         origins_.reserve(text.size());
@@ -237,12 +246,6 @@ private:
 
 Rect toRect(fz_rect r) {
     return Rect{r.x0, r.y1, r.x1, r.y0};
-}
-
-wchar_t sanitise(int c) {
-    if (c < 0 || c > 0x10FFFF || (c >= 0xD800 && c <= 0xDFFF)) return static_cast<wchar_t>(0xFFFD);
-    if (c < 0x20 && c != '\t') return L' ';
-    return static_cast<wchar_t>(c);
 }
 
 }  // namespace

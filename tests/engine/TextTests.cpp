@@ -109,6 +109,7 @@ TEST_F(TextTest, FindTextAsTyped) {
         {L"infor\u00ADmation desk", ITextObject::WholeWords, {shy + L" desk"}},
         {L"formation", ITextObject::WholeWords, {}},
         {L"\u00AD", 0, {}},
+        {std::wstring{L'S', wchar_t(0x110000), wchar_t(-1)}, 0, {}},  // not characters
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(std::string(c.needle.begin(), c.needle.end()) + " flags " + std::to_string(c.flags));
