@@ -2,6 +2,7 @@
 find_package(Qt5 REQUIRED COMPONENTS Core Gui)
 find_package(glog REQUIRED)
 find_package(Boost REQUIRED)
+find_package(ICU REQUIRED COMPONENTS uc)
 find_package(PkgConfig REQUIRED)
 pkg_check_modules(FREETYPE2 REQUIRED IMPORTED_TARGET freetype2)
 pkg_check_modules(HARFBUZZ REQUIRED IMPORTED_TARGET harfbuzz)

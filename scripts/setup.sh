@@ -7,7 +7,7 @@ packages=(
   build-essential cmake pkg-config git ca-certificates
   libmupdf-dev libmujs-dev libgumbo-dev libopenjp2-7-dev libjbig2dec0-dev
   libjpeg-dev zlib1g-dev libfreetype-dev libharfbuzz-dev
-  libfontconfig-dev fonts-dejavu-core fonts-dejavu-extra
+  libfontconfig-dev fonts-dejavu-core fonts-dejavu-extra libicu-dev
   qtbase5-dev qt5-image-formats-plugins
   libgoogle-glog-dev libgflags-dev libboost-dev
   libgtest-dev libgmock-dev libbenchmark-dev

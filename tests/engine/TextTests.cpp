@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <thread>
+#include <tuple>
 
 #include "tests/engine/DocumentTestSupport.h"
 
@@ -72,6 +73,61 @@ TEST_F(TextTest, FindTextMatchingRules) {
             EXPECT_EQ(Covered(*text, hit), c.covered);
         }
         EXPECT_EQ(starts, c.starts);
+    }
+}
+
+// Text as people type it: folding, ligatures, soft hyphens, combining marks
+// and a typed hyphen at a line end, on the page and in the needle. Every hit
+// covers exactly the page characters (which GetText shows unchanged) and
+// their boxes.
+TEST_F(TextTest, FindTextAsTyped) {
+    auto text = Lines(
+        {"Stra\u00DFe STRASSE \uFB01nd caf\u00E9 e-", "mail to the infor\u00ADmation desk infor\u00AD", "mation"});
+    ASSERT_EQ(text->GetText().substr(0, 12), L"Stra\u00DFe STRAS");
+    ASSERT_NE(text->GetText().find(L"infor\u00ADmation"), std::wstring::npos);
+    const std::wstring sharpS = L"Stra\u00DFe", shy = L"infor\u00ADmation", shyBreak = L"infor\u00AD\nmation";
+    struct Case {
+        std::wstring needle;
+        int flags;
+        std::vector<std::wstring> covered;  // by each hit in turn
+    } cases[] = {
+        {L"STRASSE", 0, {sharpS, L"STRASSE"}},  // "ß" folds to "ss"
+        {L"stra\u00DFe", 0, {sharpS, L"STRASSE"}},
+        {L"Stra\u00DF", 0, {L"Stra\u00DF", L"STRASS"}},
+        {L"strasse", ITextObject::MatchCase, {}},
+        {L"strase", 0, {}},
+        {L"stras", 0, {L"STRAS"}},                      // but not half of "ß"
+        {L"FIND", ITextObject::WholeWords, {L"find"}},  // the ligature U+FB01 on the page
+        {L"\uFB01nd", 0, {L"find"}},
+        {L"cafe\u0301", 0, {L"caf\u00E9"}},  // a combining mark in the needle
+        {L"CAFE\u0301", ITextObject::IgnoreDiacritics, {L"caf\u00E9"}},
+        {L"cafe", 0, {}},
+        {L"email", 0, {L"e-\nmail"}},
+        {L"e-mail", ITextObject::WholeWords, {L"e-\nmail"}},  // the hyphen typed
+        {L"e mail", ITextObject::WholeWords, {}},
+        {L"information", 0, {shy, shyBreak}},  // soft hyphens are invisible
+        {L"infor\u00ADmation desk", ITextObject::WholeWords, {shy + L" desk"}},
+        {L"formation", ITextObject::WholeWords, {}},
+        {L"\u00AD", 0, {}},
+        {std::wstring{L'S', wchar_t(0x110000), wchar_t(-1)}, 0, {}},  // not characters
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(std::string(c.needle.begin(), c.needle.end()) + " flags " + std::to_string(c.flags));
+        std::vector<std::wstring> covered;
+        for (const SearchResultInfo& hit : text->FindText(c.needle, c.flags)) {
+            covered.push_back(Covered(*text, hit));
+            // The highlight rectangles, line by line, make up the bounds.
+            const std::vector<Rect> lines = text->GetTextRects(hit.charIndex, hit.charCount);
+            ASSERT_FALSE(lines.empty());
+            Rect around = lines[0];
+            for (const Rect& r : lines) {
+                around = {std::min(around.left, r.left), std::max(around.top, r.top), std::max(around.right, r.right),
+                          std::min(around.bottom, r.bottom)};
+            }
+            EXPECT_EQ(std::tie(hit.bounds.left, hit.bounds.top, hit.bounds.right, hit.bounds.bottom),
+                      std::tie(around.left, around.top, around.right, around.bottom));
+        }
+        EXPECT_EQ(covered, c.covered);
     }
 }
 

@@ -98,7 +98,8 @@ std::string Name(const std::string& name) {
     return out;
 }
 
-// UTF-8 to the single bytes of WinAnsiEncoding (equal to Latin-1 above 0x9F).
+// UTF-8 to the single bytes of the text font: WinAnsiEncoding (equal to
+// Latin-1 above 0x9F), and byte 0x81 for the ligature U+FB01.
 std::string ToLatin1(const std::string& utf8) {
     std::string out;
     for (size_t i = 0; i < utf8.size();) {
@@ -110,6 +111,10 @@ std::string ToLatin1(const std::string& utf8) {
         } else if ((c & 0xE0) == 0xC0 && i + 1 < utf8.size() && (utf8[i + 1] & 0xC0) == 0x80) {
             cp = ((c & 0x1Fu) << 6) | (utf8[i + 1] & 0x3Fu);
             i += 2;
+        } else if (utf8.compare(i, 3, "\xEF\xAC\x81") == 0) {
+            out += '\x81';
+            i += 3;
+            continue;
         } else {
             throw std::runtime_error("PdfBuilder: text outside Latin-1: " + utf8);
         }
@@ -286,7 +291,29 @@ std::string PdfBuilder::Build() const {
     ObjectWriter w;
     const int catalog = w.Reserve();
     const int pagesRoot = w.Reserve();
-    const int font = w.Add("<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica /Encoding /WinAnsiEncoding >>");
+    // Files that use them read byte 0xAD back as a soft hyphen (WinAnsi alone
+    // reads it as a hyphen) and byte 0x81 as the "fi" ligature; other files
+    // keep the plain font.
+    bool special = false;
+    for (const PageLayout& page : pages_) {
+        for (const TextRun& run : page.text) {
+            special = special || run.text.find("\xC2\xAD") != std::string::npos ||
+                      run.text.find("\xEF\xAC\x81") != std::string::npos;
+        }
+    }
+    std::string fontDict = "<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica /Encoding ";
+    if (special) {
+        const int toUnicode = w.AddStream("",
+                                          "/CIDInit /ProcSet findresource begin 12 dict begin begincmap\n"
+                                          "/CMapName /Adobe-Identity-UCS def /CMapType 2 def\n"
+                                          "1 begincodespacerange <00> <FF> endcodespacerange\n"
+                                          "2 beginbfchar <81> <FB01> <AD> <00AD> endbfchar\n"
+                                          "endcmap CMapName currentdict /CMap defineresource pop end end\n");
+        fontDict += "<< /BaseEncoding /WinAnsiEncoding /Differences [129 /fi] >> /ToUnicode " + Ref(toUnicode) + " >>";
+    } else {
+        fontDict += "/WinAnsiEncoding >>";
+    }
+    const int font = w.Add(fontDict);
 
     std::vector<int> pageRefs;
     for (size_t i = 0; i < pages_.size(); ++i) pageRefs.push_back(w.Reserve());

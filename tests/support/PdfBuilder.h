@@ -17,8 +17,8 @@ namespace QuirelleTest {
 using Orvane::PDF::Rect;
 
 // Text drawn with the standard Helvetica font (not embedded), WinAnsi
-// encoding. text is UTF-8 limited to Latin-1; "\n" is not allowed (use one
-// run per line).
+// encoding. text is UTF-8 limited to Latin-1 and the ligature U+FB01; U+00AD
+// reads back as a soft hyphen. "\n" is not allowed (use one run per line).
 struct TextRun {
     double x = 72;  // baseline start
     double y = 720;
