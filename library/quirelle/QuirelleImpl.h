@@ -30,6 +30,7 @@
 
 #include "Quirelle"
 #include "core/EventHandlerList.h"
+#include "engine/PicturePool.h"
 
 namespace Orvane::PDF {
 
@@ -206,7 +207,7 @@ public:
     void PurgeQueuedWork(const int64_t& id, std::vector<std::shared_ptr<void>>& discarded);  // queueMutex held
 
     PageInfo PageInfoOf(int64_t id, unsigned page) const;
-    static QImage RenderPageImage(const std::shared_ptr<IDocument>& document, const PageImageTask& request);
+    QImage RenderPageImage(const std::shared_ptr<IDocument>& document, const PageImageTask& request) const;
     DestinationLinkInfo HandleLink(const PagePositionTask& task) const;
     bool IsInsideLinkArea(const PagePositionTask& task) const;
     Rect GetPageObjectBounds(const PagePositionTask& task) const;
@@ -260,6 +261,11 @@ public:
     std::atomic<uint64_t> wakeups{0};  // counts Wake() calls; the worker spins on it before it sleeps
 
     Orvane::Core::EventHandlerList<IPageInfoObserver, Orvane::Core::SyncExecutePolicy> observers;
+
+    // Memory of the pictures handed out, reused once callers drop them; at
+    // most kIdlePictureBytes of it waits unused, none once no document is open.
+    static constexpr size_t kIdlePictureBytes = size_t(64) << 20;
+    const std::shared_ptr<Pdfium::PicturePool> pictures = Pdfium::PicturePool::Create(kIdlePictureBytes);
 
     std::shared_ptr<IFontProviderFactory> fontProviderFactory;
     std::shared_ptr<IFontProvider> fontProvider;  // worker only, from start to shutdown
