@@ -115,7 +115,6 @@ std::future<void> Quirelle::Impl::EnqueueClose(const int64_t& id) {
 void Quirelle::Impl::CloseDocument(const int64_t& id) {
     std::vector<std::shared_ptr<void>> discarded;
     std::shared_ptr<IDocument> closing;
-    bool lastClosed = false;
     {
         std::lock_guard<std::mutex> lock(queueMutex);
         PurgeQueuedWork(id, discarded);
@@ -124,13 +123,11 @@ void Quirelle::Impl::CloseDocument(const int64_t& id) {
             closing = std::move(found->second);
             documents.erase(found);
         }
-        lastClosed = documents.empty();
     }
     // Unlocked: purged tasks break their promises, and the document goes
     // here unless a task elsewhere still holds it.
     discarded.clear();
     closing.reset();
-    if (lastClosed) pictures->Trim();
 }
 
 void Quirelle::Impl::PurgeQueuedWork(const int64_t& id, std::vector<std::shared_ptr<void>>& discarded) {

@@ -262,8 +262,8 @@ public:
 
     Orvane::Core::EventHandlerList<IPageInfoObserver, Orvane::Core::SyncExecutePolicy> observers;
 
-    // Memory of the pictures handed out, reused once callers drop them; at
-    // most kIdlePictureBytes of it waits unused, none once no document is open.
+    // Memory of the pictures handed out, reused once callers drop them (also
+    // by the next document); at most kIdlePictureBytes of it waits unused.
     static constexpr size_t kIdlePictureBytes = size_t(64) << 20;
     const std::shared_ptr<Pdfium::PicturePool> pictures = Pdfium::PicturePool::Create(kIdlePictureBytes);
 
