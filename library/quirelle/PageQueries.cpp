@@ -52,8 +52,7 @@ IPDFProvider::PageInfo Quirelle::Impl::PageInfoOf(int64_t id, unsigned page) con
     return info;
 }
 
-QImage Quirelle::Impl::RenderPageImage(const std::shared_ptr<IDocument>& document,
-                                       const PageImageTask& request) const {
+QImage Quirelle::Impl::RenderPageImage(const std::shared_ptr<IDocument>& document, const PageImageTask& request) const {
     if (!document) return QImage();
     try {
         std::shared_ptr<IPage> page = document->GetPage(request.page);

@@ -28,7 +28,7 @@ TEST(PicturePool, MemoryComesBackWhenTheLastCopyGoesAndFitsOnlySimilarSizes) {
     copy = QImage();
     EXPECT_EQ(pool->IdleBytes(), kPicture);
 
-    EXPECT_NE(pool->Take(10, 10).constBits(), memory);  // far too large for it
+    EXPECT_NE(pool->Take(10, 10).constBits(), memory);    // far too large for it
     EXPECT_NE(pool->Take(100, 101).constBits(), memory);  // too small
     EXPECT_EQ(pool->Take(80, 100).constBits(), memory);
     EXPECT_TRUE(pool->Take(0, 10).isNull());
@@ -44,7 +44,7 @@ TEST(PicturePool, KeepsNoMoreThanItsLimitAndNothingAfterATrim) {
     EXPECT_EQ(pool->IdleBuffers(), 3u);
     EXPECT_EQ(pool->IdleBytes(), 3 * kPicture);
     EXPECT_EQ(pool->Take(100, 100).constBits(), newest);  // the oldest went first
-    pool->Take(400, 400);                                   // larger than the limit: freed at once
+    pool->Take(400, 400);                                 // larger than the limit: freed at once
     EXPECT_EQ(pool->IdleBuffers(), 3u);
     pool->Trim();
     EXPECT_EQ(pool->IdleBytes(), 0u);
