@@ -80,31 +80,46 @@ struct PatternDeleter {
 };
 using Pattern = std::unique_ptr<FcPattern, PatternDeleter>;
 
+// The families of the standard 14 fonts. MuPDF's own fonts for them have
+// exactly their metrics, so the system is not asked (a look-alike it offers
+// would be refused anyway).
+bool isStandardFamily(const std::string& key) {
+    for (std::string_view family : {"times", "helvetica", "courier", "symbol", "zapfdingbats"}) {
+        if (key == family) return true;
+    }
+    return false;
+}
+
 // Finds fonts through fontconfig. A match counts only when one of its family
 // names (or its PostScript name) is the requested family: fontconfig always
 // answers with something, and a look-alike substitute would be worse than
 // MuPDF's own metric-compatible fonts.
-class SystemFontProvider : public IFontProvider {
+//
+// One catalog serves the whole process: its configuration is loaded on the
+// first look-up (several milliseconds) and every answer is kept, so no
+// document, page or service pays for a look-up made before.
+class FontCatalog {
 public:
-    SystemFontProvider() = default;
-    ~SystemFontProvider() override {
+    static std::shared_ptr<FontCatalog> Shared() {
+        // Providers hold it too, so it outlives this variable at exit.
+        static const std::shared_ptr<FontCatalog> catalog = std::make_shared<FontCatalog>();
+        return catalog;
+    }
+
+    FontCatalog() = default;
+    ~FontCatalog() {
         if (config_ != nullptr) FcConfigDestroy(config_);
     }
-    SystemFontProvider(const SystemFontProvider&) = delete;
-    SystemFontProvider& operator=(const SystemFontProvider&) = delete;
+    FontCatalog(const FontCatalog&) = delete;
+    FontCatalog& operator=(const FontCatalog&) = delete;
 
-    std::string FindFontFile(const std::string& family, bool bold, bool italic) const override {
-        const FontName name = parseFontName(family);
-        if (name.key.empty()) return {};
-        bold = bold || name.bold;
-        italic = italic || name.italic;
-
+    std::string Find(const std::string& family, const FontName& name, bool bold, bool italic) {
         std::lock_guard<std::mutex> lock(mutex_);
         const auto key = std::make_tuple(name.key, bold, italic);
         const auto cached = cache_.find(key);
         if (cached != cache_.end()) return cached->second;
-        // A configuration of its own, loaded on first use: fontconfig's
-        // process-wide default is never released.
+        // A configuration of its own: fontconfig's process-wide default is
+        // never released.
         if (config_ == nullptr && !configFailed_) {
             config_ = FcInitLoadConfigAndFonts();
             configFailed_ = config_ == nullptr;
@@ -148,10 +163,22 @@ private:
         return reinterpret_cast<const char*>(value);
     }
 
-    mutable std::mutex mutex_;
-    mutable FcConfig* config_ = nullptr;                                        // guarded by mutex_
-    mutable bool configFailed_ = false;                                         // guarded by mutex_
-    mutable std::map<std::tuple<std::string, bool, bool>, std::string> cache_;  // guarded by mutex_
+    std::mutex mutex_;
+    FcConfig* config_ = nullptr;                                        // guarded by mutex_
+    bool configFailed_ = false;                                         // guarded by mutex_
+    std::map<std::tuple<std::string, bool, bool>, std::string> cache_;  // guarded by mutex_
+};
+
+class SystemFontProvider : public IFontProvider {
+public:
+    std::string FindFontFile(const std::string& family, bool bold, bool italic) const override {
+        const FontName name = parseFontName(family);
+        if (name.key.empty() || isStandardFamily(name.key)) return {};
+        return catalog_->Find(family, name, bold || name.bold, italic || name.italic);
+    }
+
+private:
+    const std::shared_ptr<FontCatalog> catalog_ = FontCatalog::Shared();
 };
 
 }  // namespace

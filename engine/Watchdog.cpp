@@ -26,13 +26,17 @@ public:
     std::mutex mutex;
     std::multimap<std::chrono::steady_clock::time_point, std::pair<fz_cookie*, bool*>> deadlines;  // guarded by mutex
 
+    // Wakes the thread only for a deadline before the time it sleeps until:
+    // one render after another would otherwise wake it for every page.
     void Add(std::chrono::steady_clock::time_point when, fz_cookie* cookie, bool* expired) {
+        bool sooner = false;
         {
             std::lock_guard<std::mutex> lock(mutex);
             deadlines.emplace(when, std::make_pair(cookie, expired));
             if (!thread_.joinable()) thread_ = std::thread([this] { Run(); });
+            sooner = when < wakeAt_;
         }
-        changed_.notify_all();
+        if (sooner) changed_.notify_all();
     }
 
     void Remove(std::chrono::steady_clock::time_point when, fz_cookie* cookie) {
@@ -66,12 +70,14 @@ private:
                 *expired = true;
                 deadlines.erase(deadlines.begin());
             }
+            // Entries removed meanwhile leave the time as it is: waking then
+            // finds nothing due and sleeps on.
             if (deadlines.empty()) {
+                wakeAt_ = std::chrono::steady_clock::time_point::max();
                 changed_.wait(lock);
             } else {
-                // A copy: the entry may be removed while the thread waits.
-                const auto next = deadlines.begin()->first;
-                changed_.wait_until(lock, next);
+                wakeAt_ = deadlines.begin()->first;
+                changed_.wait_until(lock, wakeAt_);
             }
         }
     }
@@ -79,6 +85,8 @@ private:
     std::condition_variable changed_;
     std::thread thread_;     // guarded by mutex
     bool stopping_ = false;  // guarded by mutex
+    // When the thread wakes next; never after the earliest deadline. Guarded by mutex.
+    std::chrono::steady_clock::time_point wakeAt_ = std::chrono::steady_clock::time_point::max();
 };
 
 }  // namespace

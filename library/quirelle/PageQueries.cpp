@@ -11,13 +11,13 @@
 namespace Orvane::PDF {
 namespace {
 
-// One picture: a QImage, an engine bitmap over the QImage's own memory (the
+// One picture: a QImage, an engine bitmap over the QImage's memory (the
 // engine draws straight into it) and the renderer. The picture outlives the
 // bitmap: members are destroyed renderer first, picture last but one.
 class PageRaster {
 public:
-    PageRaster(std::shared_ptr<IPage> page, const QSize& size, bool flag)
-        : page_(std::move(page)), picture_(size, QImage::Format_RGB32), flag_(flag) {
+    PageRaster(std::shared_ptr<IPage> page, QImage picture, bool flag)
+        : page_(std::move(page)), picture_(std::move(picture)), flag_(flag) {
         if (picture_.isNull()) return;  // the pixels could not be allocated
         bitmap_ = Pdfium::CreateBitmap(picture_.width(), picture_.height(), IBitmap::Bgrx, picture_.bits(),
                                        static_cast<int>(picture_.bytesPerLine()));
@@ -54,7 +54,7 @@ IPDFProvider::PageInfo Quirelle::Impl::PageInfoOf(int64_t id, unsigned page) con
     return info;
 }
 
-QImage Quirelle::Impl::RenderPageImage(const std::shared_ptr<IDocument>& document, const PageImageTask& request) {
+QImage Quirelle::Impl::RenderPageImage(const std::shared_ptr<IDocument>& document, const PageImageTask& request) const {
     if (!document) return QImage();
     const Pdfium::RequestBudget budget;
     try {
@@ -71,7 +71,8 @@ QImage Quirelle::Impl::RenderPageImage(const std::shared_ptr<IDocument>& documen
             if (width == -1) width = pixels(size.width);
             if (height == -1) height = pixels(size.height);
         }
-        PageRaster raster(std::move(page), QSize(width, height), request.viewType == IPageInfoObserver::PrintView);
+        PageRaster raster(std::move(page), pictures->Take(width, height),
+                          request.viewType == IPageInfoObserver::PrintView);
         return raster.Picture();
     } catch (...) {
         // Any failure of one picture is answered with a null image.

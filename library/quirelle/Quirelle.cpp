@@ -61,7 +61,7 @@ std::future<QImage> Quirelle::GeneratePageImage(const int64& id, unsigned page, 
                                                 IPageInfoObserver::ViewType viewType) {
     return impl->Enqueue(impl->pageImageQueue, Impl::PageImageTask{id, page, viewType, width, height},
                          [i = impl.get()](const Impl::PageImageTask& task) {
-                             return Impl::RenderPageImage(i->FindDocument(task.id), task);
+                             return i->RenderPageImage(i->FindDocument(task.id), task);
                          });
 }
 

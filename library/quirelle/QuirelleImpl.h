@@ -31,6 +31,7 @@
 #include "Quirelle"
 #include "core/EventHandlerList.h"
 #include "engine/Context.h"
+#include "engine/PicturePool.h"
 
 namespace Orvane::PDF {
 
@@ -209,7 +210,7 @@ public:
     void PurgeQueuedWork(const int64_t& id, std::vector<std::shared_ptr<void>>& discarded);  // queueMutex held
 
     PageInfo PageInfoOf(int64_t id, unsigned page) const;
-    static QImage RenderPageImage(const std::shared_ptr<IDocument>& document, const PageImageTask& request);
+    QImage RenderPageImage(const std::shared_ptr<IDocument>& document, const PageImageTask& request) const;
     DestinationLinkInfo HandleLink(const PagePositionTask& task) const;
     bool IsInsideLinkArea(const PagePositionTask& task) const;
     Rect GetPageObjectBounds(const PagePositionTask& task) const;
@@ -263,6 +264,11 @@ public:
     std::atomic<uint64_t> wakeups{0};  // counts Wake() calls; the worker spins on it before it sleeps
 
     Orvane::Core::EventHandlerList<IPageInfoObserver, Orvane::Core::SyncExecutePolicy> observers;
+
+    // Memory of the pictures handed out, reused once callers drop them (also
+    // by the next document); at most kIdlePictureBytes of it waits unused.
+    static constexpr size_t kIdlePictureBytes = size_t(64) << 20;
+    const std::shared_ptr<Pdfium::PicturePool> pictures = Pdfium::PicturePool::Create(kIdlePictureBytes);
 
     std::shared_ptr<IFontProviderFactory> fontProviderFactory;
     std::shared_ptr<IFontProvider> fontProvider;  // worker only, from start to shutdown

@@ -74,6 +74,16 @@ TEST_F(PageQueries, PicturesHaveTheAskedSizeAndAWhiteBackground) {
     }
 }
 
+TEST_F(PageQueries, PictureMemoryIsReusedAndPicturesOutliveTheService) {
+    QImage picture = Await(service->GeneratePageImage(doc, 0, 300, 424));
+    const uchar* memory = picture.constBits();
+    picture = QImage();
+    picture = Await(service->GeneratePageImage(doc, 0, 300, 424));
+    EXPECT_EQ(picture.constBits(), memory);
+    service.reset();
+    EXPECT_EQ(Pixel(picture, 150, 650), qRgb(0, 0, 255));
+}
+
 TEST_F(PageQueries, ThePrintViewDrawsWhatPrintsAndTheShortFormIsTheDefaultView) {
     const QImage screen = Await(service->GeneratePageImage(doc, 0, 300, 424, IPageInfoObserver::DefaultView));
     const QImage shortForm = Await(service->GeneratePageImage(doc, 0, 300, 424));
