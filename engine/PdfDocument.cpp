@@ -392,6 +392,7 @@ PdfDocument::Permissions PdfDocument::ReadPermissions(bool ownerAccess) const {
 void PdfDocument::FixupDocument() const {
     fz_context* ctx = core_->ctx;
     pdf_document* doc = core_->doc;
+    core_->Changed();
     const int count = guarded(ctx, [&] { return pdf_count_pages(ctx, doc); });
     for (int i = 0; i < count; ++i) {
         try {
@@ -521,6 +522,7 @@ void PdfDocument::SetFormOnChangeHandler(std::function<void()> handler) {
 void PdfDocument::RefreshPageCount() {
     fz_context* ctx = core_->ctx;
     pdf_document* doc = core_->doc;
+    core_->Changed();
     // MuPDF finds an open page by its number; after pages moved, the numbers
     // it keeps would hand out the wrong page.
     for (fz_page* page = doc->super.open; page != nullptr; page = page->next) {
@@ -615,6 +617,7 @@ void PdfDocument::DeletePage(unsigned index) {
 void PdfDocument::RemoveHiddenObjects() {
     fz_context* ctx = core_->ctx;
     pdf_document* doc = core_->doc;
+    core_->Changed();
     const int count = guarded(ctx, [&] { return pdf_count_pages(ctx, doc); });
     for (int i = 0; i < count; ++i) {
         try {
