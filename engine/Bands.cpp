@@ -216,6 +216,14 @@ std::vector<int> ChooseSeams(const std::vector<SeamGuard>& guards, float top, fl
 
 // ---- the helper threads ----
 
+namespace {
+std::atomic<size_t> picturesSharedOut{0};
+}  // namespace
+
+size_t PicturesSharedOut() {
+    return picturesSharedOut.load();
+}
+
 struct BandPool::Batch {
     const std::function<void(int, fz_context*)>* draw = nullptr;
     int count = 0;
@@ -289,6 +297,7 @@ void BandPool::Run(fz_context* ctx, int count, const std::function<void(int, fz_
         try {
             std::lock_guard<std::mutex> lock(mutex_);
             queue_.push_back(&batch);
+            ++picturesSharedOut;
         } catch (...) {
             shared = false;  // drawn alone
         }

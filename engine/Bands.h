@@ -34,6 +34,9 @@ std::vector<SeamGuard> FindSeamGuards(fz_context* ctx, fz_display_list* list);
 std::vector<int> ChooseSeams(const std::vector<SeamGuard>& guards, float top, float scaleY, float textScale,
                              int height, int bands);
 
+// How many pictures were drawn by more than one thread so far.
+size_t PicturesSharedOut();
+
 // The helper threads, one per core beyond the first, started on first use.
 class BandPool {
 public:
