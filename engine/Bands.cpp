@@ -218,7 +218,15 @@ std::vector<int> ChooseSeams(const std::vector<SeamGuard>& guards, float top, fl
 
 namespace {
 std::atomic<size_t> picturesSharedOut{0};
+std::atomic<bool> bandDrawing{true};
 }  // namespace
+
+void SetBandDrawing(bool on) {
+    bandDrawing = on;
+}
+bool BandDrawing() {
+    return bandDrawing.load();
+}
 
 size_t PicturesSharedOut() {
     return picturesSharedOut.load();

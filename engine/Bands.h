@@ -36,6 +36,9 @@ std::vector<int> ChooseSeams(const std::vector<SeamGuard>& guards, float top, fl
 
 // How many pictures were drawn by more than one thread so far.
 size_t PicturesSharedOut();
+// Band drawing on or off (on by default), for comparisons.
+void SetBandDrawing(bool on);
+bool BandDrawing();
 
 // The helper threads, one per core beyond the first, started on first use.
 class BandPool {

@@ -129,8 +129,8 @@ public:
         const fz_matrix ctm = fz_concat(fz_translate(-bounds.x0, -bounds.y0), fz_scale(scaleX, scaleY));
 
         const bool cached = PageCacheLimit() > 0;
-        const bool banded =
-            long(target.width) * target.height >= kBandPixels && BandPool::Instance().Helpers() > 0;
+        const bool banded = long(target.width) * target.height >= kBandPixels && BandDrawing() &&
+                            BandPool::Instance().Helpers() > 0;
         if (!cached && !banded) return DrawDirect(ctm, target);
 
         const PageKey key{pdfPage->Core()->serial, pdfPage->Core()->generation, pdf_to_num(ctx_, page_->obj), flag};
