@@ -16,7 +16,7 @@
 // (pages_identical / pages_differing, and differing_share_max, the largest
 // share of pixels that differ on one page), and on the corpus also with the
 // engine's own drawing in one piece from the same recording (band_mismatches,
-// which must be 0).
+// which must be 0). QUIRELLE_BANDS=0 turns band drawing off.
 
 #include <benchmark/benchmark.h>
 #include <malloc.h>
@@ -113,11 +113,17 @@ double DrawBoth(Tally& tally, QSize size, RawDraw&& raw, EngineDraw&& engine) {
     return Ms(t2 - t1);
 }
 
+// QUIRELLE_BANDS=0 draws every engine picture in one piece (recordings only).
+bool BandsWanted() {
+    const char* bands = std::getenv("QUIRELLE_BANDS");
+    return bands == nullptr || std::string(bands) != "0";
+}
+
 enum class Scenario { Dpi300, Zoom, Viewer };
 
 void GeneratedPage(benchmark::State& st, PageName name, Scenario scenario) {
     if (!Ready(st)) return;
-    if (std::getenv("NOBANDS")) Pdfium::SetBandDrawing(false);
+    Pdfium::SetBandDrawing(BandsWanted());
     const Orvane::PDF::IDocument& document = *Inputs()[name.input].engineDocument;
     const Orvane::PDF::Size points = document.GetPage(name.index)->GetSize();
     auto raw = [&](QImage& p) { Raw().Render(name.input, name.index, p); };
@@ -269,6 +275,7 @@ int ForCorpusPages(bool withRaw, bool withEngine, PageFn&& page) {
 
 void CorpusViewer(benchmark::State& st) {
     if (!Ready(st)) return;
+    Pdfium::SetBandDrawing(BandsWanted());
     Tally tally;
     int bandMismatches = 0;
     for (auto _ : st) {
@@ -286,7 +293,7 @@ void CorpusViewer(benchmark::State& st) {
             EngineRender(*engine, unsigned(index), banded);
             Pdfium::SetBandDrawing(false);
             EngineRender(*engine, unsigned(index), whole);
-            Pdfium::SetBandDrawing(true);
+            Pdfium::SetBandDrawing(BandsWanted());
             bandMismatches += DifferingShare(banded, whole) > 0;
         });
         st.counters["pages"] = pages;
@@ -314,6 +321,7 @@ void ResetPeakRss() {
 
 void CorpusMemory(benchmark::State& st) {
     if (!Ready(st)) return;
+    Pdfium::SetBandDrawing(BandsWanted());
     for (auto _ : st) {
         ResetPeakRss();
         ForCorpusPages(true, false, [&](RawFile* raw, Pdfium::PdfDocument*, int index, double w, double h) {
