@@ -82,7 +82,9 @@ TEST_F(RenderCache, RecordedAndBandedPicturesMatchTheDirectOnes) {
             }
         }
     }
-    if (Pdfium::BandPool::Instance().Helpers() > 0) EXPECT_GT(Pdfium::PicturesSharedOut(), sharedBefore);
+    if (Pdfium::BandPool::Instance().Helpers() > 0) {
+        EXPECT_GT(Pdfium::PicturesSharedOut(), sharedBefore);
+    }
 }
 
 TEST_F(RenderCache, AChangedPageIsRecordedAgain) {
