@@ -38,8 +38,10 @@ void DropRecordedPages(fz_context* ctx, uint64_t document) noexcept {
 }
 
 DisplayListCache& DisplayListCache::Instance() {
-    static DisplayListCache cache;
-    return cache;
+    // Never destroyed: documents held in static storage may be dropped after
+    // every function-local static is gone.
+    static auto* cache = new DisplayListCache;
+    return *cache;
 }
 
 std::optional<Recording> DisplayListCache::Find(fz_context* ctx, const PageKey& key) {
