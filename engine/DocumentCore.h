@@ -7,6 +7,8 @@
 #include <mupdf/fitz.h>
 #include <mupdf/pdf.h>
 
+#include <atomic>
+#include <cstdint>
 #include <functional>
 #include <memory>
 
@@ -15,12 +17,16 @@
 
 namespace Orvane::PDF::Pdfium {
 
+// Drops the pages of the document recorded for drawing (DisplayListCache.cpp).
+void DropRecordedPages(fz_context* ctx, uint64_t document) noexcept;
+
 struct DocumentCore {
     DocumentCore(fz_context* context, pdf_document* document) : ctx(context), doc(document) {}
     // On any thread: the last holder may be the application, after the
     // thread that opened the document has gone.
     ~DocumentCore() {
         const ScopedContext scoped;
+        DropRecordedPages(scoped.get(), serial);
         pdf_drop_document(scoped.get(), doc);
     }
     DocumentCore(const DocumentCore&) = delete;
@@ -34,6 +40,17 @@ struct DocumentCore {
     std::function<void()> onPagesChanged;
     // Font provider of the owning document, for ScopedFontProvider.
     std::shared_ptr<IFontProvider> fonts;
+
+    // Names the document in the cache of recorded pages, unique in the process.
+    const uint64_t serial = nextSerial++;
+    // Counts the document's changes: every change of what a page shows
+    // (content, annotations, rotation, the page list) calls Changed(), so a
+    // page recorded before it is never drawn again. Document thread only.
+    uint64_t generation = 0;
+    void Changed() { ++generation; }
+
+private:
+    static inline std::atomic<uint64_t> nextSerial{1};
 };
 
 // A named destination (name or string), looked up in the catalog's /Dests

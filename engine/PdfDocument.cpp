@@ -527,6 +527,7 @@ void PdfDocument::FixupDocument() const {
     const RequestBudget budget;
     fz_context* ctx = core_->ctx;
     pdf_document* doc = core_->doc;
+    core_->Changed();
     const PageTree tree = ReadPageTree(ctx, doc);
     const int count = guarded(ctx, [&] { return pdf_count_pages(ctx, doc); });
     for (int i = 0; i < count; ++i) {
@@ -669,6 +670,7 @@ void PdfDocument::SetFormOnChangeHandler(std::function<void()> handler) {
 void PdfDocument::RefreshPageCount() {
     fz_context* ctx = core_->ctx;
     pdf_document* doc = core_->doc;
+    core_->Changed();
     // MuPDF finds an open page by its number; after pages moved, the numbers
     // it keeps would hand out the wrong page. One walk of the tree answers
     // for every open page.
@@ -782,6 +784,7 @@ void PdfDocument::RemoveHiddenObjects() {
     const RequestBudget budget;
     fz_context* ctx = core_->ctx;
     pdf_document* doc = core_->doc;
+    core_->Changed();
     const PageTree tree = ReadPageTree(ctx, doc);
     const int count = guarded(ctx, [&] { return pdf_count_pages(ctx, doc); });
     // Two passes: most documents hide nothing, and only those that do are

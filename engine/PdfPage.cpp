@@ -657,6 +657,7 @@ void PdfPage::SetRotation(Rotation rotation) {
     fz_context* ctx = Context();
     pdf_obj* obj = Native()->obj;
     guarded(ctx, [&] { pdf_dict_put_int(ctx, obj, PDF_NAME(Rotate), 90 * static_cast<int>(rotation)); });
+    core_->Changed();
     if (core_->onPagesChanged) core_->onPagesChanged();
 }
 

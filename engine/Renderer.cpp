@@ -2,10 +2,17 @@
 #include <mupdf/fitz.h>
 #include <mupdf/pdf.h>
 
+#include <algorithm>
+#include <chrono>
+#include <exception>
+#include <functional>
+#include <optional>
 #include <stdexcept>
 #include <string>
 
+#include "engine/Bands.h"
 #include "engine/Context.h"
+#include "engine/DisplayListCache.h"
 #include "engine/Engine.h"
 #include "engine/FontLoader.h"
 #include "engine/Guarded.h"
@@ -18,70 +25,218 @@
 namespace Orvane::PDF::Pdfium {
 namespace {
 
+using Clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
+
+// Pictures from this many pixels on are cut into bands; a thumbnail is drawn
+// faster than helper threads could be woken.
+constexpr long kBandPixels = 300'000;
+// The least a recording counts for, whatever the allocator saw.
+constexpr size_t kLeastRecordingBytes = 4096;
+
+// The caller's memory: B G R and an alpha byte that the caller's opaque
+// background keeps at 0xFF.
+struct Target {
+    int width;
+    int height;
+    int stride;
+    unsigned char* pixels;
+};
+
+// How one run over the page (or over a band of it) ended.
+struct RunResult {
+    bool expired = false;
+    int errors = 0;
+    std::exception_ptr failure;
+};
+
+[[noreturn]] void throwOverBudget(int page) {
+    throw Orvane::Exception("page " + std::to_string(page) + ": rendering took longer than " +
+                            std::to_string(PageTimeBudget().count()) + " ms");
+}
+
+// Runs body(cookie) under a deadline of budget; with a cookie MuPDF counts a
+// failing operator and goes on instead of throwing, so a damaged page shows
+// what it can, and the watchdog aborts a page that would run without end.
+template <class Body>
+RunResult runWithin(milliseconds budget, Body&& body) noexcept {
+    RunResult result;
+    fz_cookie cookie{};
+    std::optional<Deadline> deadline;
+    try {
+        deadline.emplace(cookie, budget);
+        body(cookie);
+    } catch (...) {
+        result.failure = std::current_exception();
+    }
+    result.expired = deadline && deadline->Expired();
+    result.errors = cookie.errors;
+    return result;
+}
+
+// Draws rows [top, bottom) of the recording into the target, with a pixmap
+// that starts at row top, so that every pixel comes out as in a drawing of the
+// whole picture.
+RunResult drawRows(fz_context* ctx, fz_display_list* list, fz_matrix ctm, const Target& target, int top, int bottom,
+                   milliseconds budget) noexcept {
+    return runWithin(budget, [&](fz_cookie& cookie) {
+        PixmapHandle pixmap(ctx, guarded(ctx, [&] {
+                                return fz_new_pixmap_with_data(ctx, fz_device_bgr(ctx), target.width, bottom - top,
+                                                               nullptr, 1, target.stride,
+                                                               target.pixels + size_t(top) * size_t(target.stride));
+                            }));
+        pixmap.get()->y = top;
+        DeviceHandle device(ctx,
+                            guarded(ctx, [&] { return fz_new_draw_device(ctx, fz_identity, pixmap.get()); }));
+        LimitImageDecoding(device.get());
+        const fz_rect rows = fz_make_rect(0, float(top), float(target.width), float(bottom));
+        guarded(ctx, [&] {
+            fz_run_display_list(ctx, list, device.get(), ctm, rows, &cookie);
+            fz_close_device(ctx, device.get());
+        });
+    });
+}
+
 class PageRenderer : public IPageRenderer {
 public:
-    void Render(const std::shared_ptr<IPage>& page, const std::shared_ptr<IBitmap>& target, bool flag) override {
-        if (!page || !target) throw std::invalid_argument("Render: no page or no bitmap");
+    void Render(const std::shared_ptr<IPage>& page, const std::shared_ptr<IBitmap>& bitmap, bool flag) override {
+        if (!page || !bitmap) throw std::invalid_argument("Render: no page or no bitmap");
         auto* pdfPage = dynamic_cast<PdfPage*>(page.get());
         if (pdfPage == nullptr) throw std::invalid_argument("Render: the page is not one of this engine's");
-        const IBitmap::DibFormat format = target->GetFormat();
+        const IBitmap::DibFormat format = bitmap->GetFormat();
         if (format != IBitmap::Bgrx && format != IBitmap::Bgra) {
             throw std::invalid_argument("Render: the bitmap is not 32-bit BGR");
         }
-        const Size size = target->GetSize();
-        const int width = static_cast<int>(size.width);
-        const int height = static_cast<int>(size.height);
-        const int stride = target->GetStride();
-        unsigned char* pixels = target->GetBuffer();
-        if (width <= 0 || height <= 0 || pixels == nullptr || width > stride / 4) {
+        const Size size = bitmap->GetSize();
+        const Target target{static_cast<int>(size.width), static_cast<int>(size.height), bitmap->GetStride(),
+                            bitmap->GetBuffer()};
+        if (target.width <= 0 || target.height <= 0 || target.pixels == nullptr ||
+            target.width > target.stride / 4) {
             throw std::invalid_argument("Render: unusable bitmap");
         }
-
-        fz_context* ctx = pdfPage->Context();
-        pdf_page* native = pdfPage->Native();
+        start_ = Clock::now();
+        ctx_ = pdfPage->Context();
+        page_ = pdfPage->Native();
+        usage_ = flag ? "Print" : "View";
         ScopedFontProvider fonts(pdfPage->Core()->fonts.get());
         const RequestBudget budget;
         // A decoded image may be as large as a few times the bitmap (drawn
         // from a finer picture); one beyond that cannot show more detail.
-        RequestBudget::AllowBlocksOf(size_t(stride) * size_t(height) * 4);
+        RequestBudget::AllowBlocksOf(size_t(target.stride) * size_t(target.height) * 4);
 
         // The page as displayed (rotation applied), its crop box stretched
         // over the whole bitmap.
-        const fz_rect bounds = guarded(ctx, [&] { return pdf_bound_page(ctx, native); });
+        const fz_rect bounds = guarded(ctx_, [&] { return pdf_bound_page(ctx_, page_); });
         const float pageWidth = bounds.x1 - bounds.x0;
         const float pageHeight = bounds.y1 - bounds.y0;
         if (!(pageWidth > 0) || !(pageHeight > 0)) return;
-        const fz_matrix ctm =
-            fz_concat(fz_translate(-bounds.x0, -bounds.y0), fz_scale(width / pageWidth, height / pageHeight));
+        const float scaleX = target.width / pageWidth;
+        const float scaleY = target.height / pageHeight;
+        const fz_matrix ctm = fz_concat(fz_translate(-bounds.x0, -bounds.y0), fz_scale(scaleX, scaleY));
 
-        // Drawn straight into the caller's memory: B G R and an alpha byte
-        // that the caller's opaque background keeps at 0xFF.
-        PixmapHandle pixmap(ctx, guarded(ctx, [&] {
-                                return fz_new_pixmap_with_data(ctx, fz_device_bgr(ctx), width, height, nullptr, 1,
-                                                               stride, pixels);
-                            }));
-        DeviceHandle device(ctx, guarded(ctx, [&] { return fz_new_draw_device(ctx, fz_identity, pixmap.get()); }));
-        LimitImageDecoding(device.get());
-        const char* usage = flag ? "Print" : "View";
-        // With a cookie MuPDF counts a failing operator and stops the page
-        // there instead of throwing: a damaged page shows what it can. The
-        // deadline aborts a page that would run without end.
-        fz_cookie cookie{};
-        const Deadline deadline(cookie, PageTimeBudget());
-        guarded(ctx, [&] {
-            pdf_run_page_with_usage(ctx, native, device.get(), ctm, usage, &cookie);
-            fz_close_device(ctx, device.get());
-        });
-        if (deadline.Expired()) {
-            throw Orvane::Exception("page " + std::to_string(native->super.number) + ": rendering took longer than " +
-                                    std::to_string(PageTimeBudget().count()) + " ms");
+        const bool cached = PageCacheLimit() > 0;
+        const bool banded = long(target.width) * target.height >= kBandPixels && BandDrawing() &&
+                            BandPool::Instance().Helpers() > 0;
+        if (!cached && !banded) return DrawDirect(ctm, target);
+
+        const PageKey key{pdfPage->Core()->serial, pdfPage->Core()->generation, pdf_to_num(ctx_, page_->obj), flag};
+        DisplayListCache& cache = DisplayListCache::Instance();
+        const bool keep = cached && key.object > 0;
+        std::optional<Recording> recording;
+        if (keep) recording = cache.Find(ctx_, key);
+        size_t bytes = 0;
+        const bool fresh = !recording;
+        if (fresh) recording = Record(bounds, bytes);
+        if (!recording) return DrawDirect(ctm, target);
+        const DisplayListHandle list(ctx_, recording->list);
+        if (fresh && keep) cache.Store(ctx_, key, *recording, bytes);
+
+        std::vector<int> seams;
+        if (banded) {
+            const int bands = 2 * (BandPool::Instance().Helpers() + 1);
+            seams = ChooseSeams(*recording->guards, bounds.y0, scaleY, std::max(scaleX, scaleY), target.height, bands);
         }
-        if (cookie.errors > 0) {
-            // MuPDF recovered; a viewer renders the page again and again, so
-            // this stays out of the default log.
-            VLOG(1) << "page " << native->super.number << ": rendered with " << cookie.errors << " error(s)";
+        std::vector<RunResult> results(seams.size() + 1);
+        if (seams.empty()) {
+            results[0] = drawRows(ctx_, list.get(), ctm, target, 0, target.height, Remaining());
+        } else {
+            seams.insert(seams.begin(), 0);
+            seams.push_back(target.height);
+            const milliseconds budget = Remaining();
+            const std::function<void(int, fz_context*)> draw = [&](int band, fz_context* ctx) {
+                results[band] = drawRows(ctx, list.get(), ctm, target, seams[band], seams[band + 1], budget);
+            };
+            BandPool::Instance().Run(ctx_, static_cast<int>(results.size()), draw);
         }
+        int errors = 0;
+        for (const RunResult& result : results) {
+            if (result.expired) throwOverBudget(page_->super.number);
+            errors += result.errors;
+        }
+        for (const RunResult& result : results) {
+            if (result.failure) std::rethrow_exception(result.failure);
+        }
+        LogErrors(errors);
     }
+
+private:
+    milliseconds Remaining() const {
+        return PageTimeBudget() - std::chrono::duration_cast<milliseconds>(Clock::now() - start_);
+    }
+
+    void LogErrors(int errors) const {
+        // MuPDF recovered; a viewer renders the page again and again, so
+        // this stays out of the default log.
+        if (errors > 0) VLOG(1) << "page " << page_->super.number << ": rendered with " << errors << " error(s)";
+    }
+
+    // Runs the page's content straight into the target.
+    void DrawDirect(fz_matrix ctm, const Target& target) {
+        PixmapHandle pixmap(ctx_, guarded(ctx_, [&] {
+                                return fz_new_pixmap_with_data(ctx_, fz_device_bgr(ctx_), target.width,
+                                                               target.height, nullptr, 1, target.stride,
+                                                               target.pixels);
+                            }));
+        DeviceHandle device(ctx_, guarded(ctx_, [&] { return fz_new_draw_device(ctx_, fz_identity, pixmap.get()); }));
+        LimitImageDecoding(device.get());
+        const RunResult result = runWithin(Remaining(), [&](fz_cookie& cookie) {
+            guarded(ctx_, [&] {
+                pdf_run_page_with_usage(ctx_, page_, device.get(), ctm, usage_, &cookie);
+                fz_close_device(ctx_, device.get());
+            });
+        });
+        if (result.expired) throwOverBudget(page_->super.number);
+        if (result.failure) std::rethrow_exception(result.failure);
+        LogErrors(result.errors);
+    }
+
+    // Records the page's content, in page space as displayed, with what a
+    // band seam must not cross. Nothing when the content fails to record:
+    // a direct drawing then shows as much of it as can be drawn. bytes is what
+    // the recording holds (what the allocator gained while it was made).
+    std::optional<Recording> Record(fz_rect bounds, size_t& bytes) {
+        const size_t before = MemoryInUse();
+        DisplayListHandle list(ctx_, guarded(ctx_, [&] { return fz_new_display_list(ctx_, bounds); }));
+        DeviceHandle device(ctx_, guarded(ctx_, [&] { return fz_new_list_device(ctx_, list.get()); }));
+        const RunResult result = runWithin(Remaining(), [&](fz_cookie& cookie) {
+            guarded(ctx_, [&] {
+                pdf_run_page_with_usage(ctx_, page_, device.get(), fz_identity, usage_, &cookie);
+                fz_close_device(ctx_, device.get());
+            });
+        });
+        if (result.expired) throwOverBudget(page_->super.number);
+        if (result.failure) return std::nullopt;
+        auto guards = std::make_shared<const std::vector<SeamGuard>>(FindSeamGuards(ctx_, list.get()));
+        const size_t after = MemoryInUse();
+        bytes = std::max(after > before ? after - before : 0, kLeastRecordingBytes) +
+                guards->capacity() * sizeof(SeamGuard);
+        return Recording{list.release(), std::move(guards)};
+    }
+
+    Clock::time_point start_;
+    fz_context* ctx_ = nullptr;
+    pdf_page* page_ = nullptr;
+    const char* usage_ = "View";
 };
 
 }  // namespace

@@ -61,6 +61,7 @@ TEST_F(PageQueries, PicturesHaveTheAskedSizeAndAWhiteBackground) {
     EXPECT_EQ(natural.format(), QImage::Format_RGB32);
     EXPECT_EQ(natural.pixel(5, 5), qRgb(255, 255, 255));
     EXPECT_EQ(Pixel(natural, 150, 650), qRgb(0, 0, 255));
+    EXPECT_EQ(Await(service->GeneratePageImage(doc, 0, -1, -1)), natural);  // from the recording, in bands
     EXPECT_EQ(Await(service->GeneratePageImage(doc, 0, -1, 300)).size(), QSize(595, 300));
     // Far from the page's aspect ratio: the page is stretched, not letterboxed.
     const QImage wide = Await(service->GeneratePageImage(doc, 0, 1000, 50));
