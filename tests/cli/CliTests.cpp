@@ -21,6 +21,7 @@ namespace {
 
 using ::testing::HasSubstr;
 using json = nlohmann::json;
+namespace fs = std::filesystem;
 
 struct Result {
     int status = -1;
@@ -38,8 +39,8 @@ struct Row {
 // doc.pdf: pages 1-10 A4, 11 Letter landscape, 12 Letter landscape turned
 // 90 degrees; each says "Page N", page 3 also "Quirelle and quirelle", page
 // 11 "Quirellex"; page 2 links to page 5 and to a URI. edit.pdf is a copy for
-// edits in place. locked.pdf needs a password and forbids copying,
-// extracting and changing pages unless opened with the owner password.
+// edits in place. locked.pdf (and its copy locked-edit.pdf) needs a password and forbids
+// copying, extracting and changing pages unless opened with the owner password.
 class Cli : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
@@ -69,6 +70,7 @@ protected:
             .AddNumberedPages(2)
             .Encrypt({"secret", "owner", -4 & ~(1 << 4) & ~(1 << 10)})
             .Save(dir->File("locked.pdf"));
+        fs::copy_file(dir->File("locked.pdf"), dir->File("locked-edit.pdf"));
         WriteFile(dir->File("bad.pdf"), "this is not a PDF\n");
         WriteFile(dir->File("scan.tiff"), MultiFrameTiff(40, 30, {0xFF0000, 0x00FF00, 0x0000FF}));
     }
@@ -223,6 +225,12 @@ TEST_F(Cli, EditsWriteNewFilesOrInPlace) {
         {"rotate two.pdf 1 --by 45 --in-place", 2, "", "--by"},
         {"rotate two.pdf 1 --by 90 --in-place --out x.pdf", 2, "", "excludes"},
         {"rotate locked.pdf 1 --by 90 --password secret --out x.pdf", 1, "", "does not allow changing its pages"},
+        {"rotate locked.pdf 1 --by 90 --password owner --out plain.pdf", 0,
+         "plain.pdf: 1 page rotated by 90 degrees (written without encryption; --in-place keeps it)\n"},
+        {"info plain.pdf", 0, "encrypted:   no\n"},
+        {"rotate locked-edit.pdf 1 --by 90 --password owner --in-place", 0,
+         "locked-edit.pdf: 1 page rotated by 90 degrees\n"},
+        {"info locked-edit.pdf --password secret", 0, "page sizes:  1: Letter landscape, rotated 90\n"},
         {"delete doc.pdf 2-z --out one.pdf", 0, "one.pdf: 11 pages deleted, 1 page left\n"},
         {"delete one.pdf 1 --in-place", 2, "", "cannot delete every page"},
         {"move doc.pdf 11-12 --to 2 --out moved.pdf", 0, "moved.pdf: 2 pages moved to page 2\n"},

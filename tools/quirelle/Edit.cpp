@@ -32,6 +32,13 @@ std::string Where(const PageEditOptions& options) {
     return options.destination.inPlace ? options.file : options.destination.out;
 }
 
+// Saving under a new name writes a fresh copy, which leaves the encryption
+// behind; saving in place keeps it. Says so when it matters.
+std::string EncryptionNote(Session& session, int64 id, const PageEditOptions& options) {
+    if (options.destination.inPlace || !session.Service().IsProtected(id)) return "";
+    return " (written without encryption; --in-place keeps it)";
+}
+
 std::string Pages(size_t count) {
     return std::to_string(count) + (count == 1 ? " page" : " pages");
 }
@@ -112,7 +119,8 @@ int RunRotate(Session& session, const PageEditOptions& options, const std::strin
     for (unsigned page : pages) done.push_back(session.Service().RotatePage(id, page, turn));
     for (auto& future : done) future.get();
     session.Save(id, options.destination);
-    Report(Where(options), Pages(pages.size()) + " rotated by " + std::to_string(options.by) + " degrees");
+    Report(Where(options), Pages(pages.size()) + " rotated by " + std::to_string(options.by) + " degrees" +
+                               EncryptionNote(session, id, options));
     return 0;
 }
 
@@ -125,7 +133,8 @@ int RunDelete(Session& session, const PageEditOptions& options, const std::strin
     std::reverse(pages.begin(), pages.end());
     session.Service().DeletePages(id, pages).get();
     session.Save(id, options.destination);
-    Report(Where(options), Pages(pages.size()) + " deleted, " + Pages(pageCount - pages.size()) + " left");
+    Report(Where(options), Pages(pages.size()) + " deleted, " + Pages(pageCount - pages.size()) + " left" +
+                               EncryptionNote(session, id, options));
     return 0;
 }
 
@@ -147,7 +156,8 @@ int RunMove(Session& session, const PageEditOptions& options, const std::string&
     const unsigned destination = insertion + moved > pages.back() ? insertion + moved : insertion;
     session.Service().MovePages(id, pages, destination).get();
     session.Save(id, options.destination);
-    Report(Where(options), Pages(pages.size()) + " moved to page " + std::to_string(options.to));
+    Report(Where(options),
+           Pages(pages.size()) + " moved to page " + std::to_string(options.to) + EncryptionNote(session, id, options));
     return 0;
 }
 
@@ -171,7 +181,8 @@ int RunBlank(Session& session, const PageEditOptions& options, const std::string
     session.Service().AddBlankPage(id, options.at - 1, width, height).get();
     session.Save(id, options.destination);
     Report(Where(options), "blank page of " + std::to_string(width) + " x " + std::to_string(height) +
-                               " pt added as page " + std::to_string(options.at));
+                               " pt added as page " + std::to_string(options.at) +
+                               EncryptionNote(session, id, options));
     return 0;
 }
 
