@@ -15,6 +15,12 @@
 
 #include "Cli.h"
 
+// ENGINE LIMITS HOOK (see ApplyEngineLimits): on by itself once the library has the header.
+#if __has_include(<orvane/pdf/EngineLimits.h>)
+#include <orvane/pdf/EngineLimits.h>
+#define QUIRELLE_CLI_ENGINE_LIMITS 1
+#endif
+
 namespace QuirelleCli {
 
 namespace {
@@ -192,7 +198,7 @@ void Session::SaveAs(int64 id, const fs::path& out) {
 // it; until then the options are accepted and ignored with a warning.
 void ApplyEngineLimits(unsigned timeBudgetMs, unsigned memoryLimitMb) {
     if (timeBudgetMs == 0 && memoryLimitMb == 0) return;
-#if __has_include(<orvane/pdf/EngineLimits.h>)
+#ifdef QUIRELLE_CLI_ENGINE_LIMITS
     Orvane::PDF::EngineLimits limits = Orvane::PDF::GetEngineLimits();
     if (timeBudgetMs) limits.timeBudget = std::chrono::milliseconds(timeBudgetMs);
     if (memoryLimitMb) limits.memoryLimitBytes = static_cast<std::size_t>(memoryLimitMb) << 20;
