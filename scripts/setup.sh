@@ -13,6 +13,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   qpdf
   clang-14 libfuzzer-14-dev
+  libcli11-dev nlohmann-json3-dev doxygen
 )
 
 missing=()

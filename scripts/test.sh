@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds everything and runs every test:
 #   1. the whole build and its tests (core, engine, service, exported symbols);
-#   2. an application built against the installed package, run on the sample;
+#   2. an application built against the installed package (with CMake, and with
+#      pkg-config), run on the sample;
 #   3. core, engine and service tests under AddressSanitizer and UBSan;
 #   4. core and service tests under ThreadSanitizer;
 #   5. each fuzz target for 60 s (clang, ASan + UBSan + libFuzzer).
@@ -24,6 +25,15 @@ cmake -S "$root/examples/render-page" -B "$root/build/example" -DCMAKE_PREFIX_PA
 cmake --build "$root/build/example" -j"$jobs"
 LD_LIBRARY_PATH="$root/build/install/lib" "$root/build/example/render_page" "$root/samples/sample.pdf" \
   "$root/build/example/page-1.png"
+
+step "example application through pkg-config"
+export PKG_CONFIG_PATH="$root/build/install/lib/pkgconfig"
+# shellcheck disable=SC2046
+g++ -std=c++17 -o "$root/build/example/render_page_pc" "$root/examples/render-page/main.cpp" \
+  $(pkg-config --cflags --libs quirelle)
+LD_LIBRARY_PATH="$root/build/install/lib" "$root/build/example/render_page_pc" "$root/samples/sample.pdf" \
+  "$root/build/example/page-1-pc.png"
+unset PKG_CONFIG_PATH
 
 sanitized() {
   local name=$1 sanitize=$2 tests=$3

@@ -6,6 +6,7 @@
 #include <zlib.h>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -508,6 +509,52 @@ TempDir::~TempDir() {
 
 std::filesystem::path SamplesDir() {
     return QUIRELLE_SAMPLES_DIR;
+}
+
+// An uncompressed RGB TIFF with one directory per frame, each of one colour.
+std::string MultiFrameTiff(int width, int height, const std::vector<uint32_t>& colours) {
+    std::string out = std::string("II*\0", 4);
+    auto put16 = [&](uint16_t v) {
+        out.push_back(char(v & 0xFF));
+        out.push_back(char(v >> 8));
+    };
+    auto put32 = [&](uint32_t v) {
+        for (int i = 0; i < 4; ++i) out.push_back(char((v >> (8 * i)) & 0xFF));
+    };
+    auto patch32 = [&](size_t at, uint32_t v) {
+        for (int i = 0; i < 4; ++i) out[at + i] = char((v >> (8 * i)) & 0xFF);
+    };
+    size_t nextIfdField = out.size();
+    put32(0);
+    for (uint32_t colour : colours) {
+        const uint32_t pixels = static_cast<uint32_t>(out.size());
+        for (int i = 0; i < width * height; ++i) out += {char(colour >> 16), char(colour >> 8), char(colour)};
+        const uint32_t bits = static_cast<uint32_t>(out.size());
+        put16(8), put16(8), put16(8);
+        if (out.size() % 2) out.push_back('\0');
+        patch32(nextIfdField, static_cast<uint32_t>(out.size()));
+        const std::vector<std::array<uint32_t, 4>> entries = {{256, 4, 1, uint32_t(width)},
+                                                              {257, 4, 1, uint32_t(height)},
+                                                              {258, 3, 3, bits},
+                                                              {259, 3, 1, 1},
+                                                              {262, 3, 1, 2},
+                                                              {273, 4, 1, pixels},
+                                                              {277, 3, 1, 3},
+                                                              {278, 4, 1, uint32_t(height)},
+                                                              {279, 4, 1, uint32_t(width * height * 3)},
+                                                              {284, 3, 1, 1}};
+        put16(static_cast<uint16_t>(entries.size()));
+        for (const auto& [tag, type, count, value] : entries) {
+            put16(uint16_t(tag)), put16(uint16_t(type)), put32(count);
+            if (type == 3 && count == 1)
+                put16(uint16_t(value)), put16(0);
+            else
+                put32(value);
+        }
+        nextIfdField = out.size();
+        put32(0);
+    }
+    return out;
 }
 
 }  // namespace QuirelleTest

@@ -129,6 +129,10 @@ private:
 std::string RawPdf(const std::vector<std::string>& objects);
 std::string RawStream(const std::string& entries, const std::string& data);
 
+// An uncompressed RGB TIFF with one directory per frame, each frame of one
+// colour (0xRRGGBB).
+std::string MultiFrameTiff(int width, int height, const std::vector<uint32_t>& colours);
+
 // Writes bytes to a file.
 void WriteFile(const std::filesystem::path& path, const std::string& bytes);
 std::string ReadFile(const std::filesystem::path& path);

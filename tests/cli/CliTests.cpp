@@ -1,0 +1,255 @@
+// The quirelle command line run as people run it, on files built here: each
+// row of a table is one command with the exit status and output it must give.
+// Rows run in order in one directory, so a row may read what an earlier one
+// wrote. A failing command must say why in exactly one line on stderr; a
+// successful one must leave stderr empty (no progress bar when stderr is not
+// a terminal).
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <cstdlib>
+#include <functional>
+#include <nlohmann/json.hpp>
+#include <sstream>
+
+#include "tests/support/PdfBuilder.h"
+
+namespace QuirelleTest {
+namespace {
+
+using ::testing::HasSubstr;
+using json = nlohmann::json;
+namespace fs = std::filesystem;
+
+struct Result {
+    int status = -1;
+    std::string out, err;
+};
+
+struct Row {
+    std::string args;
+    int status = 0;
+    std::string out;  // a part of stdout
+    std::string err;  // a part of stderr
+    std::function<void(const Result&)> check = nullptr;
+};
+
+// doc.pdf: pages 1-10 A4, 11 Letter landscape, 12 Letter landscape turned
+// 90 degrees; each says "Page N", page 3 also "Quirelle and quirelle", page
+// 11 "Quirellex"; page 2 links to page 5 and to a URI. edit.pdf is a copy for
+// edits in place. locked.pdf (and its copy locked-edit.pdf) needs a password and forbids
+// copying, extracting and changing pages unless opened with the owner password.
+class Cli : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        dir = new TempDir;
+        PdfBuilder doc;
+        for (int n = 1; n <= 12; ++n) {
+            PageLayout page;
+            page.width = n > 10 ? 792 : 595;
+            page.height = n > 10 ? 612 : 842;
+            page.rotate = n == 12 ? 90 : 0;
+            page.text = {{72, 500, 12, "Page " + std::to_string(n)}};
+            if (n == 3) page.text.push_back({72, 400, 12, "Quirelle and quirelle"});
+            if (n == 11) page.text.push_back({72, 400, 12, "Quirellex"});
+            if (n == 2) {
+                LinkLayout toPage, toUri;
+                toPage.rect = {72, 700, 200, 680};
+                toPage.targetPage = 4;
+                toUri.rect = {72, 660, 200, 640};
+                toUri.uri = "https://example.org/";
+                page.links = {toPage, toUri};
+            }
+            doc.AddPage(page);
+        }
+        doc.Save(dir->File("doc.pdf"));
+        doc.Save(dir->File("edit.pdf"));
+        PdfBuilder()
+            .AddNumberedPages(2)
+            .Encrypt({"secret", "owner", -4 & ~(1 << 4) & ~(1 << 10)})
+            .Save(dir->File("locked.pdf"));
+        fs::copy_file(dir->File("locked.pdf"), dir->File("locked-edit.pdf"));
+        WriteFile(dir->File("bad.pdf"), "this is not a PDF\n");
+        WriteFile(dir->File("scan.tiff"), MultiFrameTiff(40, 30, {0xFF0000, 0x00FF00, 0x0000FF}));
+    }
+    static void TearDownTestSuite() { delete dir; }
+
+    static Result Run(const std::string& args) {
+        const std::string command =
+            "cd '" + dir->Path().string() + "' && '" QUIRELLE_CLI "' " + args + " >out.txt 2>err.txt";
+        const int raw = std::system(command.c_str());
+        return {WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, ReadFile(dir->File("out.txt")), ReadFile(dir->File("err.txt"))};
+    }
+
+    static void RunAll(const std::vector<Row>& rows) {
+        for (const Row& row : rows) {
+            SCOPED_TRACE("quirelle " + row.args);
+            const Result result = Run(row.args);
+            EXPECT_EQ(result.status, row.status) << result.err;
+            EXPECT_THAT(result.out, HasSubstr(row.out));
+            if (row.status == 0) {
+                EXPECT_EQ(result.err, "");
+            } else {
+                EXPECT_THAT(result.err, HasSubstr(row.err));
+                EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
+            }
+            if (row.check) row.check(result);
+        }
+    }
+
+    static TempDir* dir;
+};
+
+TempDir* Cli::dir = nullptr;
+
+// Width and height from a PNG file's header.
+std::pair<int, int> PngSize(const std::string& file) {
+    const std::string bytes = ReadFile(file);
+    auto number = [&](size_t at) {
+        return (uint8_t(bytes.at(at)) << 24) | (uint8_t(bytes[at + 1]) << 16) | (uint8_t(bytes[at + 2]) << 8) |
+               uint8_t(bytes[at + 3]);
+    };
+    return {number(16), number(20)};
+}
+
+TEST_F(Cli, InfoTextAndBadInput) {
+    RunAll({
+        {"info doc.pdf", 0,
+         "page sizes:  1-10: A4 portrait\n             11: Letter landscape\n"
+         "             12: Letter portrait, rotated 90\nencrypted:   no\n"
+         "permissions: everything allowed\n"},
+        {"info doc.pdf --links", 0,
+         "links:       2\n  page 2 [72.0 700.0 200.0 680.0] -> page 5 at (0, 0)\n"
+         "  page 2 [72.0 660.0 200.0 640.0] -> https://example.org/\n"},
+        {"info doc.pdf --json --links", 0, "", "",
+         [](const Result& r) {
+             const json info = json::parse(r.out);
+             EXPECT_EQ(info["pages"], 12);
+             EXPECT_EQ(info["pageSizes"].size(), 3u);
+             EXPECT_EQ(info["pageSizes"][0]["pages"], "1-10");
+             EXPECT_EQ(info["pageSizes"][2]["rotation"], 90);
+             EXPECT_EQ(info["links"][0]["target"]["page"], 5);
+             EXPECT_EQ(info["links"][1]["uri"], "https://example.org/");
+             EXPECT_EQ(info["permissions"]["extractPages"], true);
+         }},
+        {"info locked.pdf", 1, "", "locked.pdf: the document is encrypted: give its password with --password"},
+        {"info locked.pdf --password wrong", 1, "", "locked.pdf: wrong password (--password)"},
+        {"--password secret info locked.pdf", 0,
+         "encrypted:   yes\npermissions: allowed: print, edit content; not allowed: copy text and graphics, edit "
+         "pages, extract pages\n"},
+        {"info locked.pdf --password owner", 0, "permissions: everything allowed\n"},
+        {"info missing.pdf", 1, "", "quirelle: missing.pdf: no such file"},
+        {"info bad.pdf", 1, "", "bad.pdf: not a PDF or image file"},
+        {"info .", 1, "", ".: is a directory"},
+        {"info", 2, "", "FILE is required"},
+        {"frobnicate doc.pdf", 2, "", "unknown command \"frobnicate\""},
+        {"info --help", 0, "--links"},
+        {"--time-budget 0 info doc.pdf", 2, "", "--time-budget"},
+        {"text doc.pdf 3,1", 0, "Page 3\nQuirelle and quirelle\n\fPage 1\n"},
+        {"text doc.pdf z-11", 0, "Page 12\n\fPage 11\nQuirellex\n"},
+        {"text doc.pdf 2-", 2, "", "bad page range \"2-\": write pages like 1-3,7,10-z"},
+        {"text doc.pdf 0", 2, "", "page 0 is out of range: the document has 12 page(s)"},
+        {"text doc.pdf 1,13", 2, "", "page 13 is out of range"},
+    });
+}
+
+TEST_F(Cli, Search) {
+    RunAll({
+        {"search doc.pdf Quirelle", 0, "page 3: 2 hits\n  \"Quirelle\"  [72.0 ", "",
+         [](const Result& r) { EXPECT_THAT(r.out, HasSubstr("page 11: 1 hit\n")); }},
+        {"search doc.pdf Quirelle", 0, "3 hits on 2 of 12 page(s)\n"},
+        {"search doc.pdf quirelle --case", 0, "1 hit on 1 of 12 page(s)\n"},
+        {"search doc.pdf Quirelle --words", 0, "2 hits on 1 of 12 page(s)\n"},
+        {"search doc.pdf nowhere", 0, "0 hits on 0 of 12 page(s)\n"},
+        // The search wraps around from the start page, and prints as it goes.
+        {"search doc.pdf Quirelle --from 5", 0, "", "",
+         [](const Result& r) { EXPECT_LT(r.out.find("page 11:"), r.out.find("page 3:")); }},
+        {"search doc.pdf 'and quirelle' --json", 0, "", "",
+         [](const Result& r) {
+             std::istringstream lines(r.out);
+             std::string first, last;
+             std::getline(lines, first);
+             std::getline(lines, last);
+             const json page = json::parse(first);
+             EXPECT_EQ(page["page"], 3);
+             EXPECT_EQ(page["hits"][0]["text"], "and quirelle");
+             EXPECT_EQ(page["hits"][0]["rects"].size(), 1u);
+             EXPECT_GT(page["hits"][0]["rects"][0]["top"], page["hits"][0]["rects"][0]["bottom"]);
+             EXPECT_EQ(json::parse(last), json::parse(R"({"hits":1,"pagesWithHits":1,"pagesSearched":12})"));
+         }},
+        {"search doc.pdf Quirelle --from 13", 2, "", "--from 13 is out of range"},
+        {"search doc.pdf ''", 2, "", "the text to search for is empty"},
+        {"search locked.pdf Page", 1, "", "--password"},
+    });
+}
+
+TEST_F(Cli, Render) {
+    RunAll({
+        {"render doc.pdf 1,12,2 --dpi 36 --out pics", 0, "pics: 3 of 3 page(s) rendered (page-001.png to page-012.png)",
+         "",
+         [](const Result&) {
+             EXPECT_EQ(PngSize(dir->File("pics/page-001.png")), std::make_pair(298, 421));
+             EXPECT_EQ(PngSize(dir->File("pics/page-012.png")), std::make_pair(306, 396));  // as displayed
+         }},
+        {"render doc.pdf 11 --width 200 --out pics", 0, "(page-011.png)", "",
+         [](const Result&) { EXPECT_EQ(PngSize(dir->File("pics/page-011.png")), std::make_pair(200, 155)); }},
+        {"render doc.pdf 3 --height 100 --format jpg --out pics", 0, "(page-003.jpg)", "",
+         [](const Result&) { EXPECT_EQ(ReadFile(dir->File("pics/page-003.jpg")).substr(0, 2), "\xFF\xD8"); }},
+        {"render doc.pdf 13 --out pics", 2, "", "page 13 is out of range"},
+        {"render doc.pdf --dpi 72 --width 10 --out pics", 2, "", "--dpi excludes --width"},
+        {"render doc.pdf --out pics --format gif", 2, "", "--format"},
+        {"render doc.pdf --out doc.pdf", 1, "", "doc.pdf: cannot make the directory"},
+        {"render doc.pdf", 2, "", "--out is required"},
+    });
+}
+
+TEST_F(Cli, EditsWriteNewFilesOrInPlace) {
+    RunAll({
+        {"export doc.pdf 3,1 --out two.pdf", 0, "two.pdf: 2 pages exported from doc.pdf\n"},
+        {"text two.pdf", 0, "Page 3\nQuirelle and quirelle\n\fPage 1\n"},
+        {"export doc.pdf 1 --out nodir/x.pdf", 1, "", "nodir/x.pdf: cannot write the file: no directory nodir"},
+        {"export locked.pdf 1 --password secret --out x.pdf", 1, "", "does not allow extracting its pages"},
+        {"export locked.pdf 2,1 --password owner --out unlocked.pdf", 0, ""},
+        {"text unlocked.pdf", 0, "Page 2\n\fPage 1\n"},
+        {"merge all.pdf two.pdf doc.pdf:12-11 scan.tiff:2", 0, "all.pdf: 5 pages from 3 file(s)\n"},
+        {"info all.pdf", 0,
+         "1-2: A4 portrait\n             3: Letter portrait, rotated 90\n"
+         "             4: Letter landscape\n             5: 40 x 30 pt landscape\n"},
+        {"merge x.pdf two.pdf doc.pdf:40", 2, "", "doc.pdf: page 40 is out of range"},
+        {"merge x.pdf two.pdf missing.pdf", 1, "", "missing.pdf: no such file"},
+        {"rotate two.pdf 2 --by 180 --out turned.pdf", 0, "turned.pdf: 1 page rotated by 180 degrees\n"},
+        {"info turned.pdf", 0, "1: A4 portrait\n             2: A4 portrait, rotated 180\n"},
+        {"rotate two.pdf 1 --by 90", 2, "", "--out NEW.pdf or --in-place"},
+        {"rotate two.pdf 1 --by 45 --in-place", 2, "", "--by"},
+        {"rotate two.pdf 1 --by 90 --in-place --out x.pdf", 2, "", "excludes"},
+        {"rotate locked.pdf 1 --by 90 --password secret --out x.pdf", 1, "", "does not allow changing its pages"},
+        {"rotate locked.pdf 1 --by 90 --password owner --out plain.pdf", 0,
+         "plain.pdf: 1 page rotated by 90 degrees (written without encryption; --in-place keeps it)\n"},
+        {"info plain.pdf", 0, "encrypted:   no\n"},
+        {"rotate locked-edit.pdf 1 --by 90 --password owner --in-place", 0,
+         "locked-edit.pdf: 1 page rotated by 90 degrees\n"},
+        {"info locked-edit.pdf --password secret", 0, "page sizes:  1: Letter landscape, rotated 90\n"},
+        {"delete doc.pdf 2-z --out one.pdf", 0, "one.pdf: 11 pages deleted, 1 page left\n"},
+        {"delete one.pdf 1 --in-place", 2, "", "cannot delete every page"},
+        {"move doc.pdf 11-12 --to 2 --out moved.pdf", 0, "moved.pdf: 2 pages moved to page 2\n"},
+        {"text moved.pdf 1-4", 0, "Page 1\n\fPage 11\nQuirellex\n\fPage 12\n\fPage 2\n"},
+        {"move doc.pdf 1,3 --to 11 --out moved.pdf", 0, ""},
+        {"text moved.pdf 9-z", 0, "Page 11\nQuirellex\n\fPage 12\n\fPage 1\n\fPage 3\n"},
+        {"move doc.pdf 1 --to 13 --out x.pdf", 2, "", "--to 13 is out of range"},
+        {"blank edit.pdf --at 13 --size Letter --in-place", 0, "edit.pdf: blank page of 612 x 792 pt added as page 13"},
+        {"blank edit.pdf --at 1 --in-place", 0, "blank page of 595 x 842 pt added as page 1"},
+        {"info edit.pdf", 0, "pages:       14\npage sizes:  1-11: A4 portrait\n"},
+        {"text edit.pdf 2", 0, "Page 1\n"},
+        {"blank edit.pdf --at 16 --in-place", 2, "", "--at 16 is out of range: it can be from 1 to 15"},
+        {"blank edit.pdf --at 1 --size 0x5 --in-place", 2, "", "--size 0x5"},
+        {"images-to-pdf scans.pdf scan.tiff scan.tiff", 0, "scans.pdf: 6 pages from 2 image(s)\n"},
+        {"info scans.pdf", 0, "1-6: 40 x 30 pt landscape\n"},
+        {"images-to-pdf x.pdf doc.pdf", 2, "", "doc.pdf: not an image file name"},
+        {"images-to-pdf x.pdf missing.png", 1, "", "missing.png: no such file"},
+    });
+}
+
+}  // namespace
+}  // namespace QuirelleTest

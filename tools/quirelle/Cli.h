@@ -1,0 +1,184 @@
+#pragma once
+
+// The quirelle command line: shared pieces of its subcommands. Everything here
+// goes through the library's public interface only, as any application would.
+//
+// Errors are exceptions carrying the one line the user sees and the exit
+// status: UsageError (2) for what the command line itself got wrong, Failure
+// (1) for files and documents that let the command down.
+
+#include <Quirelle>
+#include <chrono>
+#include <deque>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace QuirelleCli {
+
+using Orvane::int64;
+using Orvane::PDF::Quirelle;
+namespace fs = std::filesystem;
+
+struct Failure : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+struct UsageError : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+// Pages as people write them: "1-3,7,10-z", counted from 1, z the last page;
+// a range may run backwards ("z-1"). Answers page indices (from 0) in the
+// order written, duplicates kept. Throws UsageError for bad syntax or a page
+// outside 1..pageCount.
+std::vector<unsigned> ParsePages(const std::string& text, unsigned pageCount);
+// The same, sorted and without duplicates.
+std::vector<unsigned> ParsePageSet(const std::string& text, unsigned pageCount);
+
+// A bar on stderr while long work goes on, only when stderr is a terminal.
+// Step may be called from any one thread at a time.
+class Progress {
+public:
+    Progress(std::string label, unsigned total);
+    ~Progress();
+    Progress(const Progress&) = delete;
+    Progress& operator=(const Progress&) = delete;
+    void Step(unsigned count = 1);
+    // Wipes the bar before something else is written to the terminal; the
+    // next Step draws it again.
+    void Clear();
+
+private:
+    void Draw();
+    std::string label_;
+    unsigned total_;
+    unsigned done_ = 0;
+    bool shown_;
+    std::chrono::steady_clock::time_point drawn_;
+};
+
+// Where an edited document goes: a new file, or back over the one it came from.
+struct Destination {
+    std::string out;
+    bool inPlace = false;
+    // Throws UsageError unless exactly one of the two was given.
+    void Check() const;
+};
+
+// The service with the documents a command opened.
+class Session {
+public:
+    Session();
+    // Opens a PDF or image file; Failure with a one-line reason otherwise.
+    int64 Open(const fs::path& path, const std::string& password);
+    unsigned PageCount(int64 id);
+    // Throws Failure when the document's permissions forbid the work.
+    void RequireEditPages(int64 id, const fs::path& path);
+    void RequireExtractPages(int64 id, const fs::path& path);
+    // Writes the document as the destination says, atomically.
+    void Save(int64 id, const Destination& destination);
+    // Writes a document to a new file, atomically.
+    void SaveAs(int64 id, const fs::path& out);
+    Quirelle& Service() { return *service_; }
+
+private:
+    std::unique_ptr<Quirelle> service_;
+};
+
+// Throws Failure unless a file could be created at path (its directory exists
+// and may be written), so that a long job fails before it starts.
+void CheckWritable(const fs::path& path);
+
+// Asks make(page) for up to depth pages ahead of use(page, future), so that
+// the worker keeps busy while the caller handles the page before.
+template <class Make, class Use>
+void Pipelined(const std::vector<unsigned>& pages, size_t depth, Make make, Use use) {
+    using Future = decltype(make(0u));
+    std::deque<std::pair<unsigned, Future>> queued;
+    size_t next = 0;
+    while (next < pages.size() || !queued.empty()) {
+        for (; next < pages.size() && queued.size() < depth; ++next)
+            queued.emplace_back(pages[next], make(pages[next]));
+        std::pair<unsigned, Future> front = std::move(queued.front());
+        queued.pop_front();
+        use(front.first, front.second);
+    }
+}
+
+// "[left top right bottom]" in points, one decimal.
+std::string FormatRect(const Orvane::PDF::Rect& rect);
+
+std::string ToUtf8(const std::wstring& text);
+std::wstring FromUtf8(const std::string& text);
+
+// The process-wide engine limits from --time-budget and --memory-limit (0
+// keeps the library's value).
+void ApplyEngineLimits(unsigned timeBudgetMs, unsigned memoryLimitMb);
+
+// Options of the subcommands, filled by the command line parser.
+struct InfoOptions {
+    std::string file;
+    bool links = false;
+    bool json = false;
+};
+struct RenderOptions {
+    std::string file;
+    std::string pages = "1-z";
+    double dpi = 0;
+    int width = 0;
+    int height = 0;
+    std::string out;
+    std::string format = "png";
+};
+struct TextOptions {
+    std::string file;
+    std::string pages = "1-z";
+};
+struct SearchOptions {
+    std::string file;
+    std::string text;
+    unsigned from = 1;
+    bool matchCase = false;
+    bool words = false;
+    bool json = false;
+};
+struct ExportOptions {
+    std::string file;
+    std::string pages;
+    std::string out;
+};
+struct MergeOptions {
+    std::string out;
+    std::vector<std::string> inputs;  // FILE or FILE:PAGES
+};
+struct PageEditOptions {  // rotate, delete, move, blank
+    std::string file;
+    std::string pages;
+    int by = 90;
+    unsigned to = 0;
+    unsigned at = 0;
+    std::string size;
+    Destination destination;
+};
+struct ImagesOptions {
+    std::string out;
+    std::vector<std::string> images;
+};
+
+int RunInfo(Session& session, const InfoOptions& options, const std::string& password);
+int RunRender(Session& session, const RenderOptions& options, const std::string& password);
+int RunText(Session& session, const TextOptions& options, const std::string& password);
+int RunSearch(Session& session, const SearchOptions& options, const std::string& password);
+int RunExport(Session& session, const ExportOptions& options, const std::string& password);
+int RunMerge(Session& session, const MergeOptions& options, const std::string& password);
+int RunRotate(Session& session, const PageEditOptions& options, const std::string& password);
+int RunDelete(Session& session, const PageEditOptions& options, const std::string& password);
+int RunMove(Session& session, const PageEditOptions& options, const std::string& password);
+int RunBlank(Session& session, const PageEditOptions& options, const std::string& password);
+int RunImagesToPdf(Session& session, const ImagesOptions& options);
+
+}  // namespace QuirelleCli

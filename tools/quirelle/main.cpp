@@ -1,0 +1,163 @@
+// quirelle: read, render, search and edit PDF files from the command line.
+// Exit status: 0 done, 1 a file or document let the command down, 2 the
+// command line was wrong. Errors are one line on stderr.
+
+#include <glog/logging.h>
+
+#include <CLI/CLI.hpp>
+#include <iostream>
+
+#include "Cli.h"
+
+using namespace QuirelleCli;
+
+namespace {
+
+constexpr const char* kPagesHelp = "pages such as 1-3,7,10-z (counted from 1, z is the last page)";
+
+void AddDestination(CLI::App* command, Destination& destination) {
+    auto* out = command->add_option("--out", destination.out, "write the result to this new file");
+    command->add_flag("--in-place", destination.inPlace, "replace the file (written safely: all or nothing)")
+        ->excludes(out);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    CLI::App app{"Reads, renders, searches and edits PDF files.", "quirelle"};
+    app.require_subcommand(1);
+    app.fallthrough();
+    std::string password;
+    unsigned timeBudget = 0, memoryLimit = 0;
+    bool verbose = false;
+    app.add_option("--password", password, "password of an encrypted input file");
+    app.add_option("--time-budget", timeBudget, "longest time in ms the engine may spend on one request")
+        ->check(CLI::Range(1u, 86'400'000u));
+    app.add_option("--memory-limit", memoryLimit, "most memory in MB the engine may allocate")
+        ->check(CLI::Range(16u, 1u << 20));
+    app.add_flag("--verbose", verbose, "show the library's log on stderr");
+
+    InfoOptions info;
+    auto* infoCommand = app.add_subcommand("info", "pages, page sizes, rotation, permissions, encryption, links");
+    infoCommand->add_option("FILE", info.file, "PDF or image file")->required();
+    infoCommand->add_flag("--links", info.links, "list the links of every page");
+    infoCommand->add_flag("--json", info.json, "print one JSON object");
+
+    RenderOptions render;
+    auto* renderCommand = app.add_subcommand("render", "render pages to image files page-001.png, page-002.png...");
+    renderCommand->add_option("FILE", render.file, "PDF or image file")->required();
+    renderCommand->add_option("PAGES", render.pages, kPagesHelp)->capture_default_str();
+    auto* dpi = renderCommand->add_option("--dpi", render.dpi, "resolution (the default is 96)")
+                    ->check(CLI::Range(1.0, 2400.0));
+    auto* width = renderCommand->add_option("--width", render.width, "picture width in pixels, height to scale")
+                      ->check(CLI::Range(1, 30000));
+    auto* height = renderCommand->add_option("--height", render.height, "picture height in pixels, width to scale")
+                       ->check(CLI::Range(1, 30000));
+    dpi->excludes(width)->excludes(height);
+    width->excludes(height);
+    renderCommand->add_option("--out", render.out, "directory for the pictures (made if missing)")->required();
+    renderCommand->add_option("--format", render.format, "png or jpg")
+        ->check(CLI::IsMember({"png", "jpg"}))
+        ->capture_default_str();
+
+    TextOptions text;
+    auto* textCommand = app.add_subcommand("text", "print the text of pages, separated by form feeds");
+    textCommand->add_option("FILE", text.file, "PDF file")->required();
+    textCommand->add_option("PAGES", text.pages, kPagesHelp)->capture_default_str();
+
+    SearchOptions search;
+    auto* searchCommand = app.add_subcommand("search", "find text, printing each page's hits as the search advances");
+    searchCommand->footer(
+        "Each hit comes with one rectangle per text line it covers: [left top right bottom] in points, origin at the "
+        "bottom-left of the page.");
+    searchCommand->add_option("FILE", search.file, "PDF file")->required();
+    searchCommand->add_option("TEXT", search.text, "text to find")->required();
+    searchCommand->add_option("--from", search.from, "page to start at; the search wraps around")
+        ->capture_default_str();
+    searchCommand->add_flag("--case", search.matchCase, "match case");
+    searchCommand->add_flag("--words", search.words, "whole words only");
+    searchCommand->add_flag("--json", search.json, "one JSON object per page with hits, then a summary object");
+
+    ExportOptions exported;
+    auto* exportCommand = app.add_subcommand("export", "write the pages, in the order given, to a new file");
+    exportCommand->add_option("FILE", exported.file, "PDF file")->required();
+    exportCommand->add_option("PAGES", exported.pages, kPagesHelp)->required();
+    exportCommand->add_option("--out", exported.out, "the new file")->required();
+
+    MergeOptions merge;
+    auto* mergeCommand = app.add_subcommand("merge", "join files, or some of their pages, into a new file");
+    mergeCommand->add_option("OUT", merge.out, "the new file")->required();
+    mergeCommand->add_option("INPUT", merge.inputs, "FILE or FILE:PAGES, for example a.pdf b.pdf:1-3,z")->required();
+
+    PageEditOptions edit;
+    auto* rotateCommand = app.add_subcommand("rotate", "turn pages clockwise");
+    rotateCommand->add_option("FILE", edit.file, "PDF file")->required();
+    rotateCommand->add_option("PAGES", edit.pages, kPagesHelp)->required();
+    rotateCommand->add_option("--by", edit.by, "90, 180 or 270 degrees")
+        ->check(CLI::IsMember({90, 180, 270}))
+        ->required();
+    AddDestination(rotateCommand, edit.destination);
+
+    auto* deleteCommand = app.add_subcommand("delete", "delete pages");
+    deleteCommand->add_option("FILE", edit.file, "PDF file")->required();
+    deleteCommand->add_option("PAGES", edit.pages, kPagesHelp)->required();
+    AddDestination(deleteCommand, edit.destination);
+
+    auto* moveCommand = app.add_subcommand("move", "move pages so that the first of them becomes page N");
+    moveCommand->add_option("FILE", edit.file, "PDF file")->required();
+    moveCommand->add_option("PAGES", edit.pages, kPagesHelp)->required();
+    moveCommand->add_option("--to", edit.to, "N, counted in the result")->required();
+    AddDestination(moveCommand, edit.destination);
+
+    auto* blankCommand = app.add_subcommand("blank", "insert a blank page so that it becomes page N");
+    blankCommand->add_option("FILE", edit.file, "PDF file")->required();
+    blankCommand->add_option("--at", edit.at, "N, from 1 to the page count + 1")->required();
+    blankCommand->add_option("--size", edit.size,
+                             "A4, A3, A5, Letter, Legal or WIDTHxHEIGHT in points; by default the size of the page "
+                             "it goes before");
+    AddDestination(blankCommand, edit.destination);
+
+    ImagesOptions images;
+    auto* imagesCommand = app.add_subcommand(
+        "images-to-pdf", "make a PDF of images, one page per image (per frame of a TIFF), one point per pixel");
+    imagesCommand->add_option("OUT", images.out, "the new file")->required();
+    imagesCommand->add_option("IMAGE", images.images, ".png .jpg .jpeg .bmp .tif .tiff")->required();
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& e) {
+        if (e.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) return app.exit(e);
+        if (app.get_subcommands().empty() && argc > 1 && argv[1][0] != '-') {
+            std::cerr << "quirelle: unknown command \"" << argv[1] << "\" (see --help)\n";
+            return 2;
+        }
+        std::cerr << "quirelle: " << e.what() << " (see --help)\n";
+        return 2;
+    }
+
+    google::InitGoogleLogging(argv[0]);
+    FLAGS_logtostderr = true;
+    FLAGS_minloglevel = verbose ? google::GLOG_INFO : google::GLOG_FATAL;
+    try {
+        ApplyEngineLimits(timeBudget, memoryLimit);
+        Session session;
+        if (*infoCommand) return RunInfo(session, info, password);
+        if (*renderCommand) return RunRender(session, render, password);
+        if (*textCommand) return RunText(session, text, password);
+        if (*searchCommand) return RunSearch(session, search, password);
+        if (*exportCommand) return RunExport(session, exported, password);
+        if (*mergeCommand) return RunMerge(session, merge, password);
+        if (*rotateCommand) return RunRotate(session, edit, password);
+        if (*deleteCommand) return RunDelete(session, edit, password);
+        if (*moveCommand) return RunMove(session, edit, password);
+        if (*blankCommand) return RunBlank(session, edit, password);
+        if (*imagesCommand) return RunImagesToPdf(session, images);
+    } catch (const UsageError& e) {
+        std::cerr << "quirelle: " << e.what() << "\n";
+        return 2;
+    } catch (const std::exception& e) {
+        std::cerr << "quirelle: " << e.what() << "\n";
+        return 1;
+    }
+    return 2;
+}
