@@ -84,7 +84,7 @@ public:
 private:
     std::vector<Handler*> handlers;  // guarded by handlersMutex
     mutable std::mutex handlersMutex;
-    std::mutex executeMutex;  // held for the whole of one notification
+    std::mutex executeMutex;                         // held for the whole of one notification
     std::atomic<std::thread::id> notifyingThread{};  // set while a notification runs
 };
 

@@ -12,6 +12,7 @@ packages=(
   libgoogle-glog-dev libgflags-dev libboost-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   qpdf
+  xvfb xauth
 )
 
 missing=()
