@@ -118,6 +118,11 @@ TEST_F(ViewerTest, OpensAFileAndDrawsItsFirstPage) {
     EXPECT_TRUE(Near(Pixel(window, blue), 0x1E88E5)) << Pixel(window, blue).name().toStdString();
     EXPECT_TRUE(Near(Pixel(window, margin), 0xFFFFFF));
     EXPECT_EQ(view.CurrentPage(), 0);
+
+    // "Go to page 2" is a link: a click there shows page 2.
+    QTest::mouseClick(view.viewport(), Qt::LeftButton, Qt::NoModifier, view.MapFromPage(0, {100, 644}).toPoint());
+    EXPECT_TRUE(QTest::qWaitFor([&] { return view.CurrentPage() == 1; }, kTimeout));
+    view.GoToPage(0);
 }
 
 TEST_F(ViewerTest, ScrollingToTheEndAsksOnlyForPagesInViewAndWithdrawsTheRest) {
