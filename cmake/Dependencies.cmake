@@ -1,5 +1,5 @@
 # Everything comes from Debian's packages (scripts/setup.sh installs them).
-find_package(Qt5 REQUIRED COMPONENTS Core Gui)
+find_package(Qt5 REQUIRED COMPONENTS Core Gui Widgets)
 find_package(glog REQUIRED)
 find_package(Boost REQUIRED)
 find_package(ICU REQUIRED COMPONENTS uc)

@@ -4,10 +4,18 @@
 // notification: Notify calls the handlers of a snapshot taken when it starts,
 // so a change takes effect from the next notification. Notifications never
 // interleave (executeMutex); the two mutexes are never held together.
+//
+// Unregistering from any other thread than the notifying one waits for a
+// notification in flight, so that a handler may be destroyed as soon as
+// UnregisterEventHandler returns. A handler that unregisters from inside its
+// own call does not wait (it may still be called once more in the same
+// notification if it stands later in the snapshot).
 
 #include <algorithm>
+#include <atomic>
 #include <functional>
 #include <mutex>
+#include <thread>
 #include <vector>
 
 #include "core/EventPublisher.h"
@@ -34,9 +42,15 @@ public:
 
     void UnregisterEventHandler(Handler* handler) override {
         if (handler == nullptr) return;
-        std::lock_guard<std::mutex> lock(handlersMutex);
-        auto it = std::find(handlers.begin(), handlers.end(), handler);
-        if (it != handlers.end()) handlers.erase(it);
+        {
+            std::lock_guard<std::mutex> lock(handlersMutex);
+            auto it = std::find(handlers.begin(), handlers.end(), handler);
+            if (it != handlers.end()) handlers.erase(it);
+        }
+        // A notification that took its snapshot before the removal may still
+        // call the handler: wait for it to end. Inside that notification
+        // (same thread) waiting would deadlock on the non-recursive mutex.
+        if (notifyingThread.load() != std::this_thread::get_id()) std::lock_guard<std::mutex> wait(executeMutex);
     }
 
     ~EventHandlerList() override = default;
@@ -52,6 +66,11 @@ public:
             snapshot = handlers;
         }
         std::lock_guard<std::mutex> lock(executeMutex);
+        struct NotifyingScope {
+            explicit NotifyingScope(std::atomic<std::thread::id>& id) : id(id) { id = std::this_thread::get_id(); }
+            ~NotifyingScope() { id = std::thread::id(); }
+            std::atomic<std::thread::id>& id;
+        } scope(notifyingThread);
         for (Handler* handler : snapshot) {
             ExecutePolicy::Execute(std::bind(member, handler, args...));
         }
@@ -65,7 +84,8 @@ public:
 private:
     std::vector<Handler*> handlers;  // guarded by handlersMutex
     mutable std::mutex handlersMutex;
-    std::mutex executeMutex;  // held for the whole of one notification
+    std::mutex executeMutex;                         // held for the whole of one notification
+    std::atomic<std::thread::id> notifyingThread{};  // set while a notification runs
 };
 
 }  // namespace Orvane::Core

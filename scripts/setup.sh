@@ -14,6 +14,7 @@ packages=(
   qpdf
   clang-14 libfuzzer-14-dev
   libcli11-dev nlohmann-json3-dev doxygen
+  xvfb xauth
 )
 
 missing=()

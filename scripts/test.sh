@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
 # Builds everything and runs every test:
-#   1. the whole build and its tests (core, engine, service, exported symbols);
+#   1. the whole build and its tests (core, engine, service, exported symbols;
+#      the viewer tests under a virtual X server, which their test command starts
+#      with xvfb-run, leaving screenshots in build/release/artifacts/viewer);
 #   2. an application built against the installed package (with CMake, and with
 #      pkg-config), run on the sample;
 #   3. core, engine and service tests under AddressSanitizer and UBSan;

@@ -1,7 +1,10 @@
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <future>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "core/EventHandlerList.h"
@@ -72,6 +75,25 @@ TEST_F(EventHandlerListTest, ChangesDuringANotificationTakeEffectFromTheNext) {
     list.Notify(&Listener::OnValue, 1);
     list.Notify(&Listener::OnValue, 2);
     EXPECT_EQ(log, (std::vector<std::string>{"a:1", "b:1", "a:2", "c:2"}));
+}
+
+// A viewer unregisters its observer on the GUI thread and destroys it at once,
+// while the worker may be calling it from an older snapshot.
+TEST_F(EventHandlerListTest, UnregisterFromAnotherThreadWaitsForTheNotificationInFlight) {
+    std::promise<void> entered, release;
+    list.RegisterEventHandler(&a);
+    a.onCall = [&] {
+        entered.set_value();
+        release.get_future().wait();
+    };
+    std::thread notifier([&] { list.Notify(&Listener::OnValue, 1); });
+    entered.get_future().wait();
+    auto unregistered = std::async(std::launch::async, [&] { list.UnregisterEventHandler(&a); });
+    EXPECT_EQ(unregistered.wait_for(std::chrono::milliseconds(200)), std::future_status::timeout);
+    release.set_value();
+    unregistered.get();
+    notifier.join();
+    EXPECT_EQ(list.Count(), 0u);
 }
 
 TEST_F(EventHandlerListTest, AHandlerThatThrowsEndsTheNotification) {

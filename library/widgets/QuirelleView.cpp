@@ -1,0 +1,424 @@
+// Layout: pages stacked top to bottom with a gap, centred horizontally, each
+// as large as its displayed size in points times the pixels per point. The
+// scroll bars move over that content; the view paints only what is visible,
+// and asks the page source for the visible pages and one screen below them.
+
+#include "QuirelleView.h"
+
+#include <QApplication>
+#include <QKeyEvent>
+#include <QPainter>
+#include <QScrollBar>
+#include <QWheelEvent>
+#include <algorithm>
+#include <array>
+#include <cmath>
+
+#include "GuiThread.h"
+#include "PageSource.h"
+
+namespace Orvane::PDF {
+
+namespace {
+
+constexpr int kGap = 10;  // between pages and around them
+constexpr double kMinZoom = 0.1;
+constexpr double kMaxZoom = 16.0;
+constexpr std::array<double, 13> kZoomSteps{0.25, 0.33, 0.5, 0.67, 0.75, 1.0, 1.25, 1.5, 2.0, 3.0, 4.0, 6.0, 8.0};
+const QColor kBackground(0x5a, 0x5a, 0x5a);
+const QColor kHighlight(255, 210, 0, 110);
+const QColor kCurrentHighlight(255, 120, 0, 150);
+
+// Page space (points, y up, crop box rect, turned by rotation) to the page as
+// displayed (points from its top-left corner, y down), and back.
+QPointF ToDisplayed(const PageSource::Page& page, const QPointF& point) {
+    const double w0 = page.rect.right - page.rect.left, h0 = page.rect.top - page.rect.bottom;
+    const double u = point.x() - page.rect.left, v = page.rect.top - point.y();
+    switch (page.rotation) {
+        case IPage::Rotate90:
+            return {h0 - v, u};
+        case IPage::Rotate180:
+            return {w0 - u, h0 - v};
+        case IPage::Rotate270:
+            return {v, w0 - u};
+        default:
+            return {u, v};
+    }
+}
+
+QPointF FromDisplayed(const PageSource::Page& page, const QPointF& shown) {
+    const double w0 = page.rect.right - page.rect.left, h0 = page.rect.top - page.rect.bottom;
+    double u = shown.x(), v = shown.y();
+    switch (page.rotation) {
+        case IPage::Rotate90:
+            u = shown.y(), v = h0 - shown.x();
+            break;
+        case IPage::Rotate180:
+            u = w0 - shown.x(), v = h0 - shown.y();
+            break;
+        case IPage::Rotate270:
+            u = w0 - shown.y(), v = shown.x();
+            break;
+        default:
+            break;
+    }
+    return {u + page.rect.left, page.rect.top - v};
+}
+
+}  // namespace
+
+QuirelleView::QuirelleView(IPDFProvider& service, QWidget* parent)
+    : QAbstractScrollArea(parent), source_(new PageSource(service, IPageInfoObserver::DefaultView, this)) {
+    setVerticalScrollBarPolicy(Qt::ScrollBarAlwaysOn);  // a fitted zoom must not change the viewport's width
+    setFocusPolicy(Qt::StrongFocus);
+    viewport()->setMouseTracking(true);
+    connect(source_, &PageSource::LayoutChanged, this, [this] { Relayout(true); });
+    connect(source_, &PageSource::ImageArrived, this, [this](int page) {
+        viewport()->update(PageRect(page));
+        emit ImageArrived(page);
+    });
+}
+
+QuirelleView::~QuirelleView() = default;
+
+void QuirelleView::SetDocument(int64_t id) {
+    highlights_.clear();
+    currentPage_ = -1;
+    source_->SetDocument(id);
+    verticalScrollBar()->setValue(0);
+    Relayout(false);
+}
+
+int64_t QuirelleView::Document() const {
+    return source_->Document();
+}
+int QuirelleView::PageCount() const {
+    return source_->Count();
+}
+QImage QuirelleView::PageImage(int page) const {
+    return page >= 0 && page < PageCount() ? source_->At(page).image : QImage();
+}
+
+void QuirelleView::Reload() {
+    highlights_.clear();
+    source_->Reload();
+}
+
+double QuirelleView::PixelsPerPoint() const {
+    return logicalDpiY() / 72.0 * zoom_;
+}
+
+QSizeF QuirelleView::DisplaySize(int page) const {
+    return source_->At(page).size * PixelsPerPoint();
+}
+
+void QuirelleView::Relayout(bool keepPosition) {
+    // Remember what is at the top of the view, as a page and a fraction of it.
+    int anchorPage = -1;
+    double anchorFraction = 0.0;
+    if (keepPosition && !tops_.empty()) {
+        const int y = verticalScrollBar()->value();
+        anchorPage = std::min(PageAtY(y), static_cast<int>(tops_.size()) - 1);
+        const double height = std::max(1.0, DisplaySize(std::min(anchorPage, PageCount() - 1)).height());
+        anchorFraction = (y - tops_[anchorPage]) / height;
+    }
+    if (mode_ != ZoomMode::Custom && PageCount() > 0) {
+        // Fit width: the widest page, so that no page needs a horizontal
+        // scroll bar. Fit page: all of the current page.
+        const double unit = logicalDpiY() / 72.0;
+        double fit = 0.0;
+        if (mode_ == ZoomMode::FitWidth) {
+            double widest = 1.0;
+            for (int page = 0; page < PageCount(); ++page) widest = std::max(widest, source_->At(page).size.width());
+            fit = (viewport()->width() - 2 * kGap) / (widest * unit);
+        } else {
+            const QSizeF points = source_->At(std::clamp(currentPage_, 0, PageCount() - 1)).size;
+            fit = std::min((viewport()->width() - 2 * kGap) / (points.width() * unit),
+                           (viewport()->height() - 2 * kGap) / (points.height() * unit));
+        }
+        fit = std::clamp(fit, kMinZoom, kMaxZoom);
+        if (std::abs(fit - zoom_) > 1e-6) {
+            zoom_ = fit;
+            emit ZoomChanged(zoom_);
+        }
+    }
+    tops_.assign(static_cast<size_t>(PageCount()), 0);
+    int y = kGap, width = 0;
+    for (int page = 0; page < PageCount(); ++page) {
+        tops_[static_cast<size_t>(page)] = y;
+        const QSizeF size = DisplaySize(page);
+        y += static_cast<int>(std::lround(size.height())) + kGap;
+        width = std::max(width, static_cast<int>(std::lround(size.width())));
+    }
+    contentHeight_ = y;
+    contentWidth_ = width + 2 * kGap;
+    verticalScrollBar()->setRange(0, std::max(0, contentHeight_ - viewport()->height()));
+    verticalScrollBar()->setPageStep(viewport()->height());
+    verticalScrollBar()->setSingleStep(20);
+    horizontalScrollBar()->setRange(0, std::max(0, contentWidth_ - viewport()->width()));
+    horizontalScrollBar()->setPageStep(viewport()->width());
+    horizontalScrollBar()->setSingleStep(20);
+    if (anchorPage >= 0 && anchorPage < PageCount()) {
+        verticalScrollBar()->setValue(tops_[static_cast<size_t>(anchorPage)] +
+                                      static_cast<int>(anchorFraction * DisplaySize(anchorPage).height()));
+    }
+    UpdateRequests();
+    UpdateCurrentPage();
+    viewport()->update();
+}
+
+int QuirelleView::PageAtY(int y) const {
+    // The last page whose top is at or above y.
+    auto it = std::upper_bound(tops_.begin(), tops_.end(), y);
+    return it == tops_.begin() ? 0 : static_cast<int>(it - tops_.begin()) - 1;
+}
+
+QRect QuirelleView::PageRect(int page) const {
+    if (page < 0 || page >= static_cast<int>(tops_.size())) return {};
+    const QSizeF size = DisplaySize(page);
+    const int width = static_cast<int>(std::lround(size.width()));
+    const int x = std::max(kGap, (std::max(contentWidth_, viewport()->width()) - width) / 2);
+    return QRect(x - horizontalScrollBar()->value(), tops_[static_cast<size_t>(page)] - verticalScrollBar()->value(),
+                 width, static_cast<int>(std::lround(size.height())));
+}
+
+void QuirelleView::UpdateRequests() {
+    if (PageCount() == 0) return source_->Want({}, 0, -1);
+    const int top = verticalScrollBar()->value(), screen = viewport()->height();
+    const qreal ratio = devicePixelRatioF();
+    std::map<int, QSize> wanted;
+    // The visible pages and one screen ahead.
+    for (int page = PageAtY(top); page < PageCount() && tops_[static_cast<size_t>(page)] < top + 2 * screen; ++page) {
+        const QSizeF size = DisplaySize(page) * ratio;
+        wanted[page] = QSize(static_cast<int>(std::lround(size.width())), static_cast<int>(std::lround(size.height())));
+    }
+    source_->Want(wanted, PageAtY(std::max(0, top - screen)), PageAtY(top + 3 * screen));
+}
+
+void QuirelleView::UpdateCurrentPage() {
+    int best = -1, bestHeight = -1;
+    const QRect visible = viewport()->rect();
+    for (int page = PageAtY(verticalScrollBar()->value()); page < PageCount(); ++page) {
+        const QRect shown = PageRect(page).intersected(visible);
+        if (PageRect(page).top() > visible.bottom()) break;
+        if (shown.height() > bestHeight) best = page, bestHeight = shown.height();
+    }
+    if (best != currentPage_) {
+        currentPage_ = best;
+        emit CurrentPageChanged(currentPage_);
+    }
+}
+
+void QuirelleView::ApplyZoom(double zoom, ZoomMode mode) {
+    zoom = std::clamp(zoom, kMinZoom, kMaxZoom);
+    if (mode == mode_ && std::abs(zoom - zoom_) < 1e-6) return;
+    const bool changed = std::abs(zoom - zoom_) >= 1e-6;
+    mode_ = mode;
+    zoom_ = zoom;
+    Relayout(true);
+    if (changed) emit ZoomChanged(zoom_);
+}
+
+void QuirelleView::SetZoom(double zoom) {
+    ApplyZoom(zoom, ZoomMode::Custom);
+}
+void QuirelleView::SetZoomMode(ZoomMode mode) {
+    ApplyZoom(zoom_, mode);
+}
+
+void QuirelleView::ZoomIn() {
+    auto next = std::upper_bound(kZoomSteps.begin(), kZoomSteps.end(), zoom_ + 1e-3);
+    ApplyZoom(next == kZoomSteps.end() ? kZoomSteps.back() : *next, ZoomMode::Custom);
+}
+
+void QuirelleView::ZoomOut() {
+    auto next = std::lower_bound(kZoomSteps.begin(), kZoomSteps.end(), zoom_ - 1e-3);
+    ApplyZoom(next == kZoomSteps.begin() ? kZoomSteps.front() : *std::prev(next), ZoomMode::Custom);
+}
+
+void QuirelleView::GoToPage(int page, std::optional<double> pageY) {
+    if (page < 0 || page >= PageCount()) return;
+    int y = tops_[static_cast<size_t>(page)] - kGap;
+    const PageSource::Page& info = source_->At(page);
+    if (pageY && *pageY != 0.0 && info.known) {
+        const QPointF shown = ToDisplayed(info, QPointF(info.rect.left, *pageY));
+        y = tops_[static_cast<size_t>(page)] + static_cast<int>(shown.y() * PixelsPerPoint());
+    }
+    verticalScrollBar()->setValue(y);
+}
+
+void QuirelleView::SetHighlights(const QHash<int, QVector<Rect>>& rects, int currentPage,
+                                 const QVector<Rect>& current) {
+    highlights_ = rects;
+    highlightPage_ = currentPage;
+    currentHighlight_ = current;
+    viewport()->update();
+}
+
+void QuirelleView::EnsureVisible(int page, const Rect& rect) {
+    const QRectF shown =
+        QRectF(MapFromPage(page, {rect.left, rect.top}), MapFromPage(page, {rect.right, rect.bottom})).normalized();
+    if (shown.top() >= 0 && shown.bottom() <= viewport()->height()) return;
+    verticalScrollBar()->setValue(verticalScrollBar()->value() + static_cast<int>(shown.top()) -
+                                  viewport()->height() / 3);
+}
+
+QPointF QuirelleView::MapFromPage(int page, const QPointF& pagePoint) const {
+    const QRect where = PageRect(page);
+    if (where.isEmpty()) return {};
+    const PageSource::Page& info = source_->At(page);
+    const double scale = where.width() / std::max(1.0, info.size.width());
+    return QPointF(where.topLeft()) + ToDisplayed(info, pagePoint) * scale;
+}
+
+std::optional<std::pair<int, QPointF>> QuirelleView::PageAt(const QPoint& viewportPoint) const {
+    if (PageCount() == 0) return std::nullopt;
+    const int page = PageAtY(viewportPoint.y() + verticalScrollBar()->value());
+    const QRect where = PageRect(page);
+    const PageSource::Page& info = source_->At(page);
+    if (!where.contains(viewportPoint) || !info.known) return std::nullopt;
+    const double scale = info.size.width() / std::max(1, where.width());
+    return std::make_pair(page, FromDisplayed(info, QPointF(viewportPoint - where.topLeft()) * scale));
+}
+
+void QuirelleView::paintEvent(QPaintEvent*) {
+    QPainter painter(viewport());
+    painter.fillRect(viewport()->rect(), kBackground);
+    const QRect visible = viewport()->rect();
+    for (int page = PageAtY(verticalScrollBar()->value()); page < PageCount(); ++page) {
+        const QRect where = PageRect(page);
+        if (where.top() > visible.bottom()) break;
+        painter.fillRect(where.translated(2, 2), QColor(0, 0, 0, 90));
+        const QImage& image = source_->At(page).image;
+        if (image.isNull()) {
+            painter.fillRect(where, Qt::white);
+        } else {
+            // An older picture of another size is scaled until the new one comes.
+            painter.setRenderHint(QPainter::SmoothPixmapTransform, image.size() != where.size() * devicePixelRatioF());
+            painter.drawImage(QRectF(where), image);
+        }
+        auto paintBoxes = [&](const QVector<Rect>& boxes, const QColor& colour) {
+            for (const Rect& r : boxes) {
+                painter.fillRect(
+                    QRectF(MapFromPage(page, {r.left, r.top}), MapFromPage(page, {r.right, r.bottom})).normalized(),
+                    colour);
+            }
+        };
+        paintBoxes(highlights_.value(page), kHighlight);
+        if (page == highlightPage_) paintBoxes(currentHighlight_, kCurrentHighlight);
+    }
+}
+
+void QuirelleView::resizeEvent(QResizeEvent* event) {
+    QAbstractScrollArea::resizeEvent(event);
+    Relayout(true);
+}
+
+void QuirelleView::scrollContentsBy(int, int) {
+    viewport()->update();
+    UpdateRequests();
+    UpdateCurrentPage();
+}
+
+void QuirelleView::keyPressEvent(QKeyEvent* event) {
+    QScrollBar* bar = verticalScrollBar();
+    const bool control = event->modifiers() & Qt::ControlModifier;
+    switch (event->key()) {
+        case Qt::Key_PageDown:
+        case Qt::Key_Space:
+            bar->triggerAction(QAbstractSlider::SliderPageStepAdd);
+            break;
+        case Qt::Key_PageUp:
+            bar->triggerAction(QAbstractSlider::SliderPageStepSub);
+            break;
+        case Qt::Key_Home:
+            bar->setValue(0);
+            break;
+        case Qt::Key_End:
+            bar->setValue(bar->maximum());
+            break;
+        case Qt::Key_Plus:
+        case Qt::Key_Equal:
+            if (!control) return QAbstractScrollArea::keyPressEvent(event);
+            ZoomIn();
+            break;
+        case Qt::Key_Minus:
+            if (!control) return QAbstractScrollArea::keyPressEvent(event);
+            ZoomOut();
+            break;
+        default:
+            return QAbstractScrollArea::keyPressEvent(event);
+    }
+    event->accept();
+}
+
+void QuirelleView::wheelEvent(QWheelEvent* event) {
+    if (!(event->modifiers() & Qt::ControlModifier)) return QAbstractScrollArea::wheelEvent(event);
+    event->angleDelta().y() > 0 ? ZoomIn() : ZoomOut();
+    event->accept();
+}
+
+void QuirelleView::CheckLink(const QPoint& viewportPoint) {
+    const auto hit = PageAt(viewportPoint);
+    if (!hit) return viewport()->unsetCursor();
+    linkQueryBusy_ = true;
+    auto answer =
+        source_->Service().IsInsideLinkArea(Document(), static_cast<unsigned>(hit->first),
+                                            static_cast<int>(hit->second.x()), static_cast<int>(hit->second.y()));
+    WhenReady(this, std::move(answer), [this](std::future<bool>& inside) {
+        linkQueryBusy_ = false;
+        bool onLink = false;
+        try {
+            onLink = inside.get();
+        } catch (const std::exception&) {
+            // The page went away (an edit): no link there any more.
+        }
+        if (onLink) {
+            viewport()->setCursor(Qt::PointingHandCursor);
+        } else {
+            viewport()->unsetCursor();
+        }
+        // Only the latest position the pointer moved to while this one was asked.
+        if (auto next = std::exchange(nextLinkQuery_, std::nullopt)) CheckLink(*next);
+    });
+}
+
+void QuirelleView::mouseMoveEvent(QMouseEvent* event) {
+    if (!linksEnabled_ || Document() < 0) return QAbstractScrollArea::mouseMoveEvent(event);
+    if (linkQueryBusy_) {
+        nextLinkQuery_ = event->pos();
+    } else {
+        CheckLink(event->pos());
+    }
+}
+
+void QuirelleView::mousePressEvent(QMouseEvent* event) {
+    pressPoint_ = event->pos();
+    QAbstractScrollArea::mousePressEvent(event);
+}
+
+void QuirelleView::mouseReleaseEvent(QMouseEvent* event) {
+    QAbstractScrollArea::mouseReleaseEvent(event);
+    if (!linksEnabled_ || event->button() != Qt::LeftButton ||
+        (event->pos() - pressPoint_).manhattanLength() >= QApplication::startDragDistance())
+        return;
+    const auto hit = PageAt(event->pos());
+    if (!hit) return;
+    auto link = source_->Service().HandleLink(Document(), static_cast<unsigned>(hit->first),
+                                              static_cast<int>(hit->second.x()), static_cast<int>(hit->second.y()));
+    WhenReady(this, std::move(link), [this](std::future<IPDFProvider::DestinationLinkInfo>& answer) {
+        IPDFProvider::DestinationLinkInfo target;
+        try {
+            target = answer.get();
+        } catch (const std::exception&) {
+            return;  // the page went away meanwhile
+        }
+        if (target.pageIndex >= 0) {
+            GoToPage(target.pageIndex, target.y);
+        } else if (!target.uri.empty()) {
+            emit UriActivated(QString::fromStdString(target.uri));
+        }
+    });
+}
+
+}  // namespace Orvane::PDF

@@ -1,0 +1,119 @@
+#pragma once
+
+// A continuous, scrolling view of one open document of a Quirelle service.
+//
+//   Orvane::PDF::Quirelle service(nullptr);
+//   auto view = new Orvane::PDF::QuirelleView(service);
+//   view->SetDocument(service.OpenDocument("manual.pdf", "").get().id);
+//
+// Pages are drawn as the service answers; only the visible pages and one
+// screen ahead are asked for, and requests for pages scrolled away are
+// withdrawn. A zoom change draws the old pictures scaled until the new ones
+// arrive. The view never edits the document: after an edit, call Reload().
+// GUI thread only; the service must outlive the view.
+
+#include <QAbstractScrollArea>
+#include <QHash>
+#include <QPointF>
+#include <QRectF>
+#include <QVector>
+#include <Quirelle>
+#include <memory>
+#include <optional>
+
+#include "WidgetsExport.h"
+
+namespace Orvane::PDF {
+
+class PageSource;
+
+class QUIRELLE_WIDGETS_EXPORT QuirelleView : public QAbstractScrollArea {
+    Q_OBJECT
+public:
+    enum class ZoomMode { Custom, FitWidth, FitPage };
+
+    explicit QuirelleView(IPDFProvider& service, QWidget* parent = nullptr);
+    ~QuirelleView() override;
+
+    // Shows an open document (-1: nothing) from its first page.
+    void SetDocument(int64_t id);
+    int64_t Document() const;
+    // Page count and sizes again after the document's page list changed;
+    // keeps the current page where it can.
+    void Reload();
+    int PageCount() const;
+    // The page that fills most of the view; -1 without pages.
+    int CurrentPage() const { return currentPage_; }
+
+    // 1.0 shows a page at its printed size on this screen.
+    double Zoom() const { return zoom_; }
+    ZoomMode Mode() const { return mode_; }
+    void SetZoom(double zoom);  // switches to ZoomMode::Custom
+    void SetZoomMode(ZoomMode mode);
+    void ZoomIn();  // the next step: 25 % ... 800 %
+    void ZoomOut();
+
+    // Scrolls so that the page's top (or the point's height, page space) is at the top.
+    void GoToPage(int page, std::optional<double> pageY = std::nullopt);
+
+    // Rectangles (page space) painted over the pages, and those of the current
+    // match, on currentPage, stronger.
+    void SetHighlights(const QHash<int, QVector<Rect>>& rects, int currentPage = -1, const QVector<Rect>& current = {});
+    // Scrolls the rectangle into view if it is not.
+    void EnsureVisible(int page, const Rect& rect);
+
+    // Where a page lies in viewport coordinates (empty for no such page).
+    QRect PageRect(int page) const;
+    // The page under a viewport point and the point in page space, if any.
+    std::optional<std::pair<int, QPointF>> PageAt(const QPoint& viewportPoint) const;
+    QPointF MapFromPage(int page, const QPointF& pagePoint) const;
+    // The picture currently shown for a page (null while none has arrived).
+    QImage PageImage(int page) const;
+
+    // Links: the cursor turns into a hand over a link (IsInsideLinkArea); a
+    // click (HandleLink) jumps inside the document or reports a URI.
+    void SetLinksEnabled(bool enabled) { linksEnabled_ = enabled; }
+
+signals:
+    void CurrentPageChanged(int page);
+    void ZoomChanged(double zoom);
+    void UriActivated(const QString& uri);
+    void ImageArrived(int page);
+
+protected:
+    void paintEvent(QPaintEvent* event) override;
+    void resizeEvent(QResizeEvent* event) override;
+    void scrollContentsBy(int dx, int dy) override;
+    void keyPressEvent(QKeyEvent* event) override;
+    void wheelEvent(QWheelEvent* event) override;
+    void mouseMoveEvent(QMouseEvent* event) override;
+    void mousePressEvent(QMouseEvent* event) override;
+    void mouseReleaseEvent(QMouseEvent* event) override;
+
+private:
+    double PixelsPerPoint() const;
+    QSizeF DisplaySize(int page) const;  // device-independent pixels
+    void Relayout(bool keepPosition);
+    void UpdateRequests();
+    void UpdateCurrentPage();
+    void ApplyZoom(double zoom, ZoomMode mode);
+    int PageAtY(int y) const;  // content coordinates
+    void CheckLink(const QPoint& viewportPoint);
+
+    PageSource* source_;
+    double zoom_ = 1.0;
+    ZoomMode mode_ = ZoomMode::FitWidth;
+    int currentPage_ = -1;
+    std::vector<int> tops_;  // content y of each page's top
+    int contentWidth_ = 0;
+    int contentHeight_ = 0;
+    QHash<int, QVector<Rect>> highlights_;
+    int highlightPage_ = -1;
+    QVector<Rect> currentHighlight_;
+    bool linksEnabled_ = true;
+    bool linkQueryBusy_ = false;
+    std::optional<QPoint> nextLinkQuery_;
+    QPoint pressPoint_;
+};
+
+}  // namespace Orvane::PDF
