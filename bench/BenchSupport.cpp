@@ -14,6 +14,7 @@
 #include "engine/Engine.h"
 #include "engine/PdfDocument.h"
 #include "orvane/pdf/SystemFontProviderFactory.h"
+#include "common/Generated.h"
 #include "tests/support/PdfBuilder.h"
 
 namespace QuirelleBench {
@@ -21,95 +22,6 @@ namespace QuirelleBench {
 using namespace Orvane::PDF;
 
 namespace {
-
-// ---- the heavy document ----
-
-// Small deterministic generator, so every run draws the same document.
-class Lcg {
-public:
-    explicit Lcg(uint32_t seed) : state_(seed) {}
-    uint32_t Next() {
-        state_ = state_ * 1664525u + 1013904223u;
-        return state_ >> 8;
-    }
-    uint32_t Below(uint32_t bound) { return Next() % bound; }
-
-private:
-    uint32_t state_;
-};
-
-// None of them contains the needle.
-const char* const kWords[] = {"amber",  "basalt", "cinder",  "delta",  "ember",    "fjord",  "granite",  "harbor",
-                              "inlet",  "jasper", "kestrel", "lagoon", "meridian", "nimbus", "obsidian", "prairie",
-                              "ridge",  "sierra", "tundra",  "umber",  "valley",   "willow", "xenon",    "yonder",
-                              "zephyr", "of",     "and",     "the",    "a",        "to",     "in",       "over",
-                              "beyond", "under",  "near",    "across"};
-
-struct HeavyDocument {
-    QuirelleTest::PdfBuilder builder;
-    int needleLines = 0;
-};
-
-HeavyDocument BuildHeavyDocument() {
-    using QuirelleTest::FilledRect;
-    using QuirelleTest::TextRun;
-    HeavyDocument heavy;
-    // The builder's page and picture records.
-    using Page = std::decay_t<decltype(heavy.builder.Pages().front())>;
-    using Picture = decltype(Page::images)::value_type;
-    Lcg random(20240611u);
-    auto colour = [&] { return random.Next() & 0xFFFFFF; };
-    auto sentence = [&](size_t chars) {
-        std::string line;
-        while (line.size() < chars) {
-            if (!line.empty()) line += ' ';
-            line += kWords[random.Below(sizeof(kWords) / sizeof(kWords[0]))];
-        }
-        return line;
-    };
-
-    // p0: 4000 filled rectangles in a grid, a few lines of text on top.
-    Page shapes;
-    for (int row = 0; row < 80; ++row) {
-        for (int col = 0; col < 50; ++col) {
-            const double left = 36 + col * 10.8;
-            const double top = 756 - row * 9.0;
-            shapes.rects.push_back(FilledRect{{left, top, left + 9.8, top - 8.0}, colour()});
-        }
-    }
-    for (int line = 0; line < 10; ++line) {
-        shapes.text.push_back(TextRun{40, 740.0 - line * 70, 14, sentence(60)});
-    }
-    heavy.builder.AddPage(shapes);
-
-    // p1: 110 lines of small text, every fifth line carrying the needle once.
-    Page text;
-    for (int line = 0; line < 110; ++line) {
-        std::string words = sentence(125);
-        if (line % 5 == 0) {
-            const size_t cut = words.find(' ', random.Below(100));
-            words.insert(cut == std::string::npos ? words.size() : cut, " quartz");
-            ++heavy.needleLines;
-        }
-        text.text.push_back(TextRun{36, 760.0 - line * 6.6, 6, words});
-    }
-    heavy.builder.AddPage(text);
-
-    // p2: three large images (one translucent) over 400 rectangles, some text.
-    Page images;
-    for (int i = 0; i < 400; ++i) {
-        const double left = 36 + random.Below(500);
-        const double top = 80 + random.Below(680);
-        images.rects.push_back(
-            FilledRect{{left, top, left + 4 + random.Below(60), top - 4 - random.Below(60)}, colour()});
-    }
-    images.images.push_back(Picture{{50, 740, 330, 460}, 1200, 1200, 0x3366CC, std::nullopt});
-    images.images.push_back(Picture{{280, 600, 560, 320}, 1200, 1200, 0xCC6633, 160});
-    images.images.push_back(Picture{{60, 380, 420, 60}, 1600, 1400, 0x55AA55, std::nullopt});
-    for (int line = 0; line < 20; ++line) images.text.push_back(TextRun{40, 770.0 - line * 36, 10, sentence(90)});
-    heavy.builder.AddPage(images);
-    return heavy;
-}
 
 // ---- state: made by the first Ready(), released at exit ----
 

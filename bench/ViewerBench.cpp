@@ -38,6 +38,7 @@
 
 #include "Quirelle"
 #include "common/RawMuPdf.h"
+#include "common/Generated.h"
 #include "tests/support/PdfBuilder.h"
 
 namespace QuirelleBench {
@@ -56,99 +57,6 @@ constexpr int kLongPages = 1000;
 constexpr int kHugePages = 100000;
 const std::wstring kNeedle = L"quartz";
 
-// A page tree as TeX writes one: nodes of at most kFanOut kids, every page
-// sharing one font and one small content stream. Written directly, since a
-// file of 100,000 pages would take the document builder long to make.
-void WriteHugeDocument(const fs::path& path, int pages) {
-    constexpr int kFanOut = 10;
-    std::vector<std::string> objects;  // object n + 1 at index n
-    auto add = [&](std::string body) {
-        objects.push_back(std::move(body));
-        return static_cast<int>(objects.size());
-    };
-    const int catalog = add("");  // filled in at the end
-    const int font = add("<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica >>");
-    const std::string text = "BT /F1 24 Tf 72 720 Td (One of many pages) Tj ET";
-    const int content = add("<< /Length " + std::to_string(text.size()) + " >>\nstream\n" + text + "\nendstream");
-    // Leaves first, then each level of nodes above them, up to one root.
-    std::vector<int> level;
-    for (int i = 0; i < pages; ++i) level.push_back(add(""));
-    std::map<int, int> parentOf;
-    do {
-        std::vector<int> up;
-        for (size_t first = 0; first < level.size(); first += kFanOut) {
-            const int node = add("");
-            up.push_back(node);
-            for (size_t k = first; k < std::min(level.size(), first + kFanOut); ++k) parentOf[level[k]] = node;
-        }
-        level.swap(up);
-    } while (level.size() > 1);
-    const int root = level[0];
-    // Count the pages under every node and write the nodes.
-    std::vector<std::vector<int>> kids(objects.size() + 1);
-    for (const auto& [child, parent] : parentOf) kids[parent].push_back(child);
-    std::vector<long> count(objects.size() + 1, 0);
-    const int firstLeaf = content + 1;
-    for (int n = firstLeaf; n < firstLeaf + pages; ++n) {
-        count[n] = 1;
-        objects[n - 1] = "<< /Type /Page /Parent " + std::to_string(parentOf[n]) +
-                         " 0 R /MediaBox [0 0 612 792] /Contents " + std::to_string(content) +
-                         " 0 R /Resources << /Font << /F1 " + std::to_string(font) + " 0 R >> >> >>";
-    }
-    for (int n = firstLeaf + pages; n <= static_cast<int>(objects.size()); ++n) {
-        std::string body = "<< /Type /Pages";
-        if (n != root) body += " /Parent " + std::to_string(parentOf[n]) + " 0 R";
-        body += " /Kids [";
-        for (int kid : kids[n]) {
-            body += std::to_string(kid) + " 0 R ";
-            count[n] += count[kid];
-        }
-        body += "] /Count " + std::to_string(count[n]) + " >>";
-        objects[n - 1] = std::move(body);
-    }
-    objects[catalog - 1] = "<< /Type /Catalog /Pages " + std::to_string(root) + " 0 R >>";
-
-    std::string file = "%PDF-1.4\n%\xE2\xE3\xCF\xD3\n";
-    std::vector<size_t> offsets;
-    for (size_t i = 0; i < objects.size(); ++i) {
-        offsets.push_back(file.size());
-        file += std::to_string(i + 1) + " 0 obj\n" + objects[i] + "\nendobj\n";
-    }
-    const size_t xref = file.size();
-    file += "xref\n0 " + std::to_string(objects.size() + 1) + "\n0000000000 65535 f \n";
-    char entry[32];
-    for (size_t offset : offsets) {
-        std::snprintf(entry, sizeof entry, "%010zu 00000 n \n", offset);
-        file += entry;
-    }
-    file += "trailer\n<< /Size " + std::to_string(objects.size() + 1) + " /Root " + std::to_string(catalog) +
-            " 0 R >>\nstartxref\n" + std::to_string(xref) + "\n%%EOF\n";
-    QuirelleTest::WriteFile(path, file);
-}
-
-// 1,000 pages of running text (30 lines each), the needle on every 10th page.
-void WriteLongDocument(const fs::path& path) {
-    static const char* const words[] = {"amber", "basalt", "cinder", "delta", "ember", "fjord", "granite",
-                                        "harbor", "inlet", "jasper", "kestrel", "lagoon", "meridian", "nimbus"};
-    QuirelleTest::PdfBuilder builder;
-    uint32_t seed = 12345;
-    for (int p = 0; p < kLongPages; ++p) {
-        QuirelleTest::PageLayout page;
-        for (int line = 0; line < 30; ++line) {
-            std::string text;
-            while (text.size() < 90) {
-                seed = seed * 1664525u + 1013904223u;
-                text += std::string(text.empty() ? "" : " ") + words[(seed >> 8) % 14];
-            }
-            if (p % 10 == 0 && line == 15) text += " quartz";
-            page.text.push_back({72, 740.0 - line * 22, 10, text});
-        }
-        page.rects.push_back({{60, 760, 552, 756}, 0x336699});
-        builder.AddPage(page);
-    }
-    builder.Save(path);
-}
-
 struct Fixtures {
     QuirelleTest::TempDir temp;
     fs::path longDocument;  // kLongPages pages of text
@@ -161,7 +69,7 @@ Fixtures& Files() {
     static const bool made = [] {
         try {
             fixtures.longDocument = fixtures.temp.File("long.pdf");
-            WriteLongDocument(fixtures.longDocument);
+            WriteLongDocument(fixtures.longDocument, kLongPages);
             fixtures.hugeDocument = fixtures.temp.File("huge.pdf");
             WriteHugeDocument(fixtures.hugeDocument, kHugePages);
         } catch (const std::exception& e) {

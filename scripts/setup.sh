@@ -11,7 +11,7 @@ packages=(
   qtbase5-dev qt5-image-formats-plugins
   libgoogle-glog-dev libgflags-dev libboost-dev
   libgtest-dev libgmock-dev libbenchmark-dev
-  qpdf
+  qpdf qtpdf5-dev libpoppler-qt5-dev
 )
 
 missing=()
