@@ -7,6 +7,10 @@
 //       (the order alternates from page to page), single-threaded, the same
 //       store size. Time = the service's; counters: raw and service
 //       milliseconds a page and their ratio (raw / service: 1.0 = as fast).
+//   Generated/<dpi>/<document>   the same for quirelle_bench's generated
+//       documents (the sample and the heavy document), each page tried
+//       QUIRELLE_GENERATED_ROUNDS times (default 20) in turns, the fastest
+//       try of each way counting.
 //   Corpus/open_first_page    each small document of the corpus packages
 //       (QUIRELLE_CORPUS_SMALL_PAGES pages or fewer) opened and its first page
 //       drawn at 150 dpi, both ways interleaved: plain MuPDF opens, loads,
@@ -14,10 +18,10 @@
 //       GeneratePageImage. Counters: medians a file and the median of the
 //       per-file difference.
 //
-// After the run a table of every document is printed with the ratio of the
-// summed page times; each page counts with its fastest time over the
-// repetitions (--benchmark_repetitions), the least disturbed one on a busy
-// machine. Without a corpus every benchmark is skipped with the reason.
+// After the run a table of every document (and one of the generated ones)
+// is printed with the ratio of the summed page times; each page counts with
+// its fastest time over the repetitions (--benchmark_repetitions), the least
+// disturbed one on a busy machine. Without a corpus every benchmark is skipped with the reason.
 
 #include <benchmark/benchmark.h>
 
@@ -37,6 +41,7 @@
 #include <vector>
 
 #include "Quirelle"
+#include "common/Generated.h"
 #include "common/RawMuPdf.h"
 
 namespace QuirelleBench {
@@ -72,6 +77,8 @@ struct Document {
     std::vector<std::pair<double, double>> sizes;  // page size in points, as displayed
     size_t raw = 0;
     Orvane::int64 id = -1;
+    bool generated = false;  // one of the benchmarks' own documents, not the corpus
+    int rounds = 1;          // tries of each page per repetition (the fastest counts)
 };
 
 // Per page and resolution, the fastest time of each way over the repetitions.
@@ -166,6 +173,18 @@ void SetUp(State& s, int maxPages, int smallPages) {
     }
 }
 
+// Runs both ways, which one first alternating with turn.
+template <class Raw, class Service>
+void Interleaved(size_t turn, Raw& raw, Service& service) {
+    if (turn % 2 == 0) {
+        raw();
+        service();
+    } else {
+        service();
+        raw();
+    }
+}
+
 void RenderDocument(benchmark::State& st, size_t index, int dpiIndex) {
     if (state == nullptr || !state->failure.empty()) {
         st.SkipWithError(state ? state->failure.c_str() : "no corpus");
@@ -182,31 +201,26 @@ void RenderDocument(benchmark::State& st, size_t index, int dpiIndex) {
         failed = 0;
         for (int page = 0; page < d.pages; ++page) {
             const PixelSize px = PixelsAt(d.sizes[page].first, d.sizes[page].second, kDpis[dpiIndex]);
-            double rawTime = 0, serviceTime = 0;
+            // Each way's fastest of d.rounds tries, taken in turns.
+            double rawTime = 1e30, serviceTime = 1e30;
             bool null = false;
             auto raw = [&] {
                 unsigned char* bits = s.buffer.For(px.width, px.height);
                 const Clock::time_point start = Clock::now();
                 s.raw->Render(d.raw, page, bits, px.width, px.height, px.width * 4);
-                rawTime = Seconds(start);
+                rawTime = std::min(rawTime, Seconds(start));
                 benchmark::DoNotOptimize(bits);
             };
             auto service = [&] {
                 const Clock::time_point start = Clock::now();
                 {
                     QImage picture = s.service->GeneratePageImage(d.id, page, px.width, px.height).get();
-                    null = picture.isNull();
+                    null = null || picture.isNull();
                     benchmark::DoNotOptimize(picture.constBits());
                 }  // dropped inside the timing: a caller pays for that too
-                serviceTime = Seconds(start);
+                serviceTime = std::min(serviceTime, Seconds(start));
             };
-            if ((page + round) % 2 == 0) {
-                raw();
-                service();
-            } else {
-                service();
-                raw();
-            }
+            for (int k = 0; k < d.rounds; ++k) Interleaved(page + round + k, raw, service);
             if (null) {
                 ++failed;
                 best[page].failed = true;
@@ -280,13 +294,7 @@ void OpenFirstPage(benchmark::State& st) {
                 serviceTime = Seconds(start);
                 s.service->CloseDoument(id).get();
             };
-            if ((i + round) % 2 == 0) {
-                plain();
-                viaService();
-            } else {
-                viaService();
-                plain();
-            }
+            Interleaved(i + round, plain, viaService);
             if (!ok) continue;
             raw.push_back(rawTime);
             service.push_back(serviceTime);
@@ -306,7 +314,8 @@ void OpenFirstPage(benchmark::State& st) {
     st.counters["ratio"] = serviceTotal > 0 ? rawTotal / serviceTotal : 0;
 }
 
-void PrintTable(const State& s) {
+// One table: the corpus, or the generated documents.
+void PrintTable(const State& s, bool generated) {
     std::printf("\n| document | typeset | pages | 150 dpi raw ms | service ms | ratio | 300 dpi raw ms | service ms | ratio |\n");
     std::printf("|---|---|---|---|---|---|---|---|---|\n");
     double totalRaw[2] = {0, 0}, totalService[2] = {0, 0}, worst[2] = {1e9, 1e9};
@@ -314,9 +323,9 @@ void PrintTable(const State& s) {
     std::string worstName[2];
     for (size_t i = 0; i < s.documents.size(); ++i) {
         const Document& d = s.documents[i];
+        if (d.generated != generated) continue;
         std::string cells;
         int pages = 0;
-        bool any = false;
         for (int k = 0; k < 2; ++k) {
             const auto found = s.times.find({i, k});
             double raw = 0, service = 0;
@@ -333,7 +342,6 @@ void PrintTable(const State& s) {
             if (n == 0) {
                 std::snprintf(cell, sizeof cell, " - | - | - |");
             } else {
-                any = true;
                 pages = std::max(pages, n);
                 const double ratio = raw / service;
                 std::snprintf(cell, sizeof cell, " %.2f | %.2f | %.3f |", 1e3 * raw / n, 1e3 * service / n, ratio);
@@ -346,7 +354,7 @@ void PrintTable(const State& s) {
             }
             cells += cell;
         }
-        if (!any) continue;
+        if (pages == 0) continue;
         totalPages += pages;
         std::printf("| %s | %s | %d |%s\n", d.name.c_str(), d.typeset.c_str(), pages, cells.c_str());
     }
@@ -354,7 +362,7 @@ void PrintTable(const State& s) {
     for (int k = 0; k < 2; ++k) {
         char cell[96];
         if (totalService[k] > 0) {
-            std::snprintf(cell, sizeof cell, " %.2f s | %.2f s | **%.3f** |", totalRaw[k], totalService[k],
+            std::snprintf(cell, sizeof cell, " %.3f s | %.3f s | **%.3f** |", totalRaw[k], totalService[k],
                           totalRaw[k] / totalService[k]);
         } else {
             std::snprintf(cell, sizeof cell, " - | - | - |");
@@ -387,14 +395,33 @@ int main(int argc, char** argv) {
     } catch (const std::exception& e) {
         s.failure = e.what();
     }
+    // The generated pages of quirelle_bench, measured the same way, each page
+    // tried several times in a row (they are few and quick).
+    QuirelleTest::TempDir temp;
+    if (s.failure.empty()) {
+        try {
+            BuildHeavyDocument().builder.Save(temp.File("heavy.pdf"));
+            for (const fs::path& path : {QuirelleTest::SamplesDir() / "sample.pdf", temp.File("heavy.pdf")}) {
+                Document document;
+                document.path = path;
+                document.name = path.stem().string();
+                document.typeset = "generated";
+                document.generated = true;
+                document.rounds = EnvInt("QUIRELLE_GENERATED_ROUNDS", 20);
+                s.documents.push_back(std::move(document));
+            }
+        } catch (const std::exception& e) {
+            s.failure = e.what();
+        }
+    }
     state = &s;
     if (s.documents.empty()) {
         benchmark::RegisterBenchmark("Corpus/missing", [](benchmark::State& st) { RenderDocument(st, 0, 0); });
     }
     for (int k = 0; k < 2; ++k) {
         for (size_t i = 0; i < s.documents.size(); ++i) {
-            const std::string name =
-                "Corpus/" + std::to_string(static_cast<int>(kDpis[k])) + "dpi/" + s.documents[i].name;
+            const std::string name = std::string(s.documents[i].generated ? "Generated/" : "Corpus/") +
+                                     std::to_string(static_cast<int>(kDpis[k])) + "dpi/" + s.documents[i].name;
             benchmark::RegisterBenchmark(name.c_str(), RenderDocument, i, k)
                 ->UseManualTime()
                 ->Iterations(1)
@@ -423,7 +450,10 @@ int main(int argc, char** argv) {
         }
     }
     benchmark::RunSpecifiedBenchmarks();
-    if (s.failure.empty()) PrintTable(s);
+    if (s.failure.empty()) {
+        PrintTable(s, false);
+        PrintTable(s, true);
+    }
     benchmark::Shutdown();
     // The service's documents are closed by its destructor, on its worker.
     s.service.reset();
