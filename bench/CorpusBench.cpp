@@ -369,7 +369,7 @@ void PrintTable(const State& s, bool generated) {
         }
         cells += cell;
     }
-    std::printf("| **all** | | %d |%s\n", totalPages, cells.c_str());
+    std::printf("| **all** | | %d |%s\n\n", totalPages, cells.c_str());
     for (int k = 0; k < 2; ++k) {
         if (totalService[k] > 0) {
             std::printf("lowest ratio at %.0f dpi: %.3f (%s)\n", kDpis[k], worst[k], worstName[k].c_str());

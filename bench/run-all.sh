@@ -13,7 +13,7 @@
 # 5. bench/compare.sh (QtPdf, Poppler-Qt5, qpdf).
 # quirelle_bench (the generated pages every way, requests, text, memory) runs
 # on its own: see bench/README.md.
-# Everything is also kept in build/bench-results/<time>/. About 15 minutes on a
+# Everything is also kept in build/bench-results/<time>/. About 8 minutes on a
 # quiet 2-core machine; a busy machine makes every figure noisier, the ratios
 # (both ways measured in one run, interleaved) less so.
 set -euo pipefail
