@@ -1,6 +1,5 @@
 #include "BenchSupport.h"
 
-#include <mupdf/fitz.h>
 
 #include <algorithm>
 #include <cmath>
@@ -13,106 +12,16 @@
 
 #include "engine/Context.h"
 #include "engine/Engine.h"
-#include "engine/Guarded.h"
 #include "engine/PdfDocument.h"
 #include "orvane/pdf/SystemFontProviderFactory.h"
+#include "common/Generated.h"
 #include "tests/support/PdfBuilder.h"
 
 namespace QuirelleBench {
 
 using namespace Orvane::PDF;
-using Orvane::PDF::Pdfium::guarded;
 
 namespace {
-
-// ---- the heavy document ----
-
-// Small deterministic generator, so every run draws the same document.
-class Lcg {
-public:
-    explicit Lcg(uint32_t seed) : state_(seed) {}
-    uint32_t Next() {
-        state_ = state_ * 1664525u + 1013904223u;
-        return state_ >> 8;
-    }
-    uint32_t Below(uint32_t bound) { return Next() % bound; }
-
-private:
-    uint32_t state_;
-};
-
-// None of them contains the needle.
-const char* const kWords[] = {"amber",  "basalt", "cinder",  "delta",  "ember",    "fjord",  "granite",  "harbor",
-                              "inlet",  "jasper", "kestrel", "lagoon", "meridian", "nimbus", "obsidian", "prairie",
-                              "ridge",  "sierra", "tundra",  "umber",  "valley",   "willow", "xenon",    "yonder",
-                              "zephyr", "of",     "and",     "the",    "a",        "to",     "in",       "over",
-                              "beyond", "under",  "near",    "across"};
-
-struct HeavyDocument {
-    QuirelleTest::PdfBuilder builder;
-    int needleLines = 0;
-};
-
-HeavyDocument BuildHeavyDocument() {
-    using QuirelleTest::FilledRect;
-    using QuirelleTest::TextRun;
-    HeavyDocument heavy;
-    // The builder's page and picture records.
-    using Page = std::decay_t<decltype(heavy.builder.Pages().front())>;
-    using Picture = decltype(Page::images)::value_type;
-    Lcg random(20240611u);
-    auto colour = [&] { return random.Next() & 0xFFFFFF; };
-    auto sentence = [&](size_t chars) {
-        std::string line;
-        while (line.size() < chars) {
-            if (!line.empty()) line += ' ';
-            line += kWords[random.Below(sizeof(kWords) / sizeof(kWords[0]))];
-        }
-        return line;
-    };
-
-    // p0: 4000 filled rectangles in a grid, a few lines of text on top.
-    Page shapes;
-    for (int row = 0; row < 80; ++row) {
-        for (int col = 0; col < 50; ++col) {
-            const double left = 36 + col * 10.8;
-            const double top = 756 - row * 9.0;
-            shapes.rects.push_back(FilledRect{{left, top, left + 9.8, top - 8.0}, colour()});
-        }
-    }
-    for (int line = 0; line < 10; ++line) {
-        shapes.text.push_back(TextRun{40, 740.0 - line * 70, 14, sentence(60)});
-    }
-    heavy.builder.AddPage(shapes);
-
-    // p1: 110 lines of small text, every fifth line carrying the needle once.
-    Page text;
-    for (int line = 0; line < 110; ++line) {
-        std::string words = sentence(125);
-        if (line % 5 == 0) {
-            const size_t cut = words.find(' ', random.Below(100));
-            words.insert(cut == std::string::npos ? words.size() : cut, " quartz");
-            ++heavy.needleLines;
-        }
-        text.text.push_back(TextRun{36, 760.0 - line * 6.6, 6, words});
-    }
-    heavy.builder.AddPage(text);
-
-    // p2: three large images (one translucent) over 400 rectangles, some text.
-    Page images;
-    for (int i = 0; i < 400; ++i) {
-        const double left = 36 + random.Below(500);
-        const double top = 80 + random.Below(680);
-        images.rects.push_back(
-            FilledRect{{left, top, left + 4 + random.Below(60), top - 4 - random.Below(60)}, colour()});
-    }
-    images.images.push_back(Picture{{50, 740, 330, 460}, 1200, 1200, 0x3366CC, std::nullopt});
-    images.images.push_back(Picture{{280, 600, 560, 320}, 1200, 1200, 0xCC6633, 160});
-    images.images.push_back(Picture{{60, 380, 420, 60}, 1600, 1400, 0x55AA55, std::nullopt});
-    for (int line = 0; line < 20; ++line) images.text.push_back(TextRun{40, 770.0 - line * 36, 10, sentence(90)});
-    heavy.builder.AddPage(images);
-    return heavy;
-}
 
 // ---- state: made by the first Ready(), released at exit ----
 
@@ -231,60 +140,6 @@ void CheckRenders(State& s) {
 
 }  // namespace
 
-// ---- RawMuPdf ----
-
-struct RawLocks {
-    std::mutex mutexes[FZ_LOCK_MAX];
-    fz_locks_context callbacks{this, Lock, Unlock};
-    static void Lock(void* user, int lock) { static_cast<RawLocks*>(user)->mutexes[lock].lock(); }
-    static void Unlock(void* user, int lock) { static_cast<RawLocks*>(user)->mutexes[lock].unlock(); }
-};
-
-RawMuPdf::RawMuPdf(bool withLocks) {
-    if (withLocks) locks_ = std::make_unique<RawLocks>();
-    ctx_ = fz_new_context(nullptr, locks_ ? &locks_->callbacks : nullptr, Pdfium::kStoreSize);
-    if (ctx_ == nullptr) throw std::runtime_error("cannot create a MuPDF context");
-    try {
-        guarded(ctx_, [&] { fz_register_document_handlers(ctx_); });
-        for (const Input& input : Current().inputs) {
-            const std::string path = input.path.string();
-            documents_.emplace_back(ctx_, guarded(ctx_, [&] { return fz_open_document(ctx_, path.c_str()); }));
-        }
-    } catch (...) {
-        documents_.clear();
-        fz_drop_context(ctx_);
-        throw;
-    }
-}
-
-RawMuPdf::~RawMuPdf() {
-    documents_.clear();
-    fz_drop_context(ctx_);
-}
-
-void RawMuPdf::Render(size_t input, unsigned pageIndex, QImage& picture) {
-    using namespace Orvane::PDF::Pdfium;
-    fz_context* ctx = ctx_;
-    fz_document* doc = documents_.at(input).get();
-    const int index = static_cast<int>(pageIndex);
-    PageHandle page(ctx, guarded(ctx, [&] { return fz_load_page(ctx, doc, index); }));
-    const fz_rect bounds = guarded(ctx, [&] { return fz_bound_page(ctx, page.get()); });
-    const fz_matrix ctm =
-        fz_concat(fz_translate(-bounds.x0, -bounds.y0),
-                  fz_scale(picture.width() / (bounds.x1 - bounds.x0), picture.height() / (bounds.y1 - bounds.y0)));
-    const int w = picture.width(), h = picture.height(), stride = static_cast<int>(picture.bytesPerLine());
-    unsigned char* bits = picture.bits();
-    PixmapHandle pixmap(ctx, guarded(ctx, [&] {
-                            return fz_new_pixmap_with_data(ctx, fz_device_bgr(ctx), w, h, nullptr, 1, stride, bits);
-                        }));
-    guarded(ctx, [&] { fz_clear_pixmap_with_value(ctx, pixmap.get(), 0xFF); });
-    DeviceHandle device(ctx, guarded(ctx, [&] { return fz_new_draw_device(ctx, fz_identity, pixmap.get()); }));
-    guarded(ctx, [&] {
-        fz_run_page(ctx, page.get(), device.get(), ctm, nullptr);
-        fz_close_device(ctx, device.get());
-    });
-}
-
 // ---- the engine ----
 
 void EngineRender(const IDocument& document, unsigned pageIndex, QImage& picture) {
@@ -363,28 +218,6 @@ void EngineThread::Run(std::promise<void>& opened) {
     Pdfium::PdfiumInitializer::Instance().Uninitialize();
 }
 
-// ---- checks ----
-
-size_t CountInk(const QImage& picture) {
-    size_t ink = 0;
-    for (int y = 0; y < picture.height(); ++y) {
-        const auto* row = reinterpret_cast<const uint32_t*>(picture.constScanLine(y));
-        for (int x = 0; x < picture.width(); ++x) ink += (row[x] & 0xFFFFFFu) != 0xFFFFFFu;
-    }
-    return ink;
-}
-
-double DifferingShare(const QImage& a, const QImage& b) {
-    if (a.size() != b.size()) return 1.0;
-    size_t differing = 0;
-    for (int y = 0; y < a.height(); ++y) {
-        const auto* ra = reinterpret_cast<const uint32_t*>(a.constScanLine(y));
-        const auto* rb = reinterpret_cast<const uint32_t*>(b.constScanLine(y));
-        for (int x = 0; x < a.width(); ++x) differing += (ra[x] & 0xFFFFFFu) != (rb[x] & 0xFFFFFFu);
-    }
-    return static_cast<double>(differing) / (static_cast<double>(a.width()) * a.height());
-}
-
 // ---- set-up ----
 
 namespace {
@@ -418,6 +251,10 @@ void Build(State& s) {
     s.helper = std::make_unique<EngineThread>();
     s.raw = std::make_unique<RawMuPdf>(false);
     s.rawWithLocks = std::make_unique<RawMuPdf>(true);
+    for (const Input& input : s.inputs) {
+        s.raw->Open(input.path.string());
+        s.rawWithLocks->Open(input.path.string());
+    }
 
     // Also warms every cache (fonts, decoded images) before timing starts.
     CheckRenders(s);
@@ -453,10 +290,6 @@ bool Ready(benchmark::State& st) {
     if (shared.state) return true;
     st.SkipWithError(("set-up failed: " + shared.failure).c_str());
     return false;
-}
-
-double Fastest(const std::vector<double>& values) {
-    return values.empty() ? 0.0 : *std::min_element(values.begin(), values.end());
 }
 
 std::vector<Input>& Inputs() {

@@ -25,6 +25,7 @@
 #include <vector>
 
 #include "Quirelle"
+#include "common/RawMuPdf.h"
 #include "engine/Handles.h"
 #include "orvane/pdf/Document.h"
 
@@ -76,33 +77,9 @@ Orvane::PDF::Quirelle& Service();
 // How many lines of the text-heavy page carry kNeedle.
 int NeedleLines();
 
-// ---- plain MuPDF: the baseline ----
+// ---- plain MuPDF: the baseline (common/RawMuPdf.h), every input opened ----
 
-// One fz_context of its own (MuPDF's default allocator, the same store size
-// as the engine) with every input opened once. Without locks, as a program
-// that uses MuPDF from one thread only may run it; withLocks installs
-// std::mutex locking callbacks like the ones every multi-threaded user of
-// MuPDF (the engine included) needs, to show what they cost.
-struct RawLocks;
-class RawMuPdf {
-public:
-    explicit RawMuPdf(bool withLocks);
-    ~RawMuPdf();
-    RawMuPdf(const RawMuPdf&) = delete;
-    RawMuPdf& operator=(const RawMuPdf&) = delete;
-
-    // Loads the page, bounds it, wraps the picture's memory in a BGRA pixmap,
-    // clears it to white and runs the page through a draw device scaled so
-    // that the page covers the whole picture. The page is dropped afterwards.
-    void Render(size_t input, unsigned page, QImage& picture);
-
-private:
-    using DocumentHandle = Orvane::PDF::Pdfium::Handle<fz_document, fz_drop_document>;
-    std::unique_ptr<RawLocks> locks_;  // outlives the context that calls it
-    fz_context* ctx_ = nullptr;
-    std::vector<DocumentHandle> documents_;  // one per input, same order
-};
-
+// Document numbers in both are the input numbers.
 RawMuPdf& Raw();
 RawMuPdf& RawWithLocks();
 
@@ -137,16 +114,5 @@ private:
 };
 
 EngineThread& HelperThread();
-
-// ---- checks ----
-
-// Pixels that are not white.
-size_t CountInk(const QImage& picture);
-// Share (0..1) of pixels whose colour differs between two pictures of one size.
-double DifferingShare(const QImage& a, const QImage& b);
-
-// The fastest repetition: on a shared machine the least disturbed one. Added
-// to the timed benchmarks as the statistic "min" next to mean, median and stddev.
-double Fastest(const std::vector<double>& values);
 
 }  // namespace QuirelleBench

@@ -1,5 +1,6 @@
 // One page rendered at 150 dpi into a fresh Format_RGB32 QImage:
-//   raw            plain MuPDF on its own context without locks (the floor);
+//   raw            plain MuPDF on its own context without locks;
+//   raw_reused     the same drawing into one buffer kept from page to page (the floor);
 //   raw_locked     the same with std::mutex locking callbacks, which any
 //                  multi-threaded use of MuPDF needs (the engine has them);
 //   engine         the engine's document, renderer and bitmap, called directly
@@ -8,7 +9,7 @@
 //                  the least any design with a worker thread pays;
 //   service        Quirelle::GeneratePageImage(...).get(): queueing, the hop
 //                  to the worker thread and back, the engine's work there.
-// Every way allocates its picture per page, as the service must. A page's
+// Every way but raw_reused allocates its picture per page, as the service must. A page's
 // benchmarks are registered next to each other so that they run under the
 // same machine load. Ready() checked that all of them draw identical pixels.
 
@@ -29,6 +30,20 @@ void RawRender(benchmark::State& st, PageName name) {
         QImage picture(page.width, page.height, QImage::Format_RGB32);
         raw.Render(name.input, page.index, picture);
         benchmark::DoNotOptimize(picture.constBits());
+    }
+}
+
+// A careful single-threaded caller of MuPDF keeps one picture buffer and
+// draws every page into it: no allocation, no page faults per page.
+void RawReusedRender(benchmark::State& st, PageName name) {
+    if (!Ready(st)) return;
+    const InputPage& page = PageOf(name);
+    RawMuPdf& raw = Raw();
+    ReusedBuffer buffer;
+    for (auto _ : st) {
+        unsigned char* bits = buffer.For(page.width, page.height);
+        raw.Render(name.input, page.index, bits, page.width, page.height, page.width * 4);
+        benchmark::DoNotOptimize(bits);
     }
 }
 
@@ -83,7 +98,8 @@ void ServiceRender(benchmark::State& st, PageName name) {
     for (const PageName& name : PageNames()) {
         const std::string prefix = std::string("Render/") + InputName(name.input) + "/" + name.label + "/";
         for (auto [way, body] :
-             {std::pair{"raw", &RawRender}, std::pair{"raw_locked", &RawLockedRender},
+             {std::pair{"raw", &RawRender}, std::pair{"raw_reused", &RawReusedRender},
+              std::pair{"raw_locked", &RawLockedRender},
               std::pair{"engine", &EngineRenderPage}, std::pair{"engine_thread", &EngineThreadRender},
               std::pair{"service", &ServiceRender}}) {
             benchmark::RegisterBenchmark((prefix + way).c_str(), body, name)

@@ -15,6 +15,7 @@ packages=(
   clang-14 libfuzzer-14-dev
   libcli11-dev nlohmann-json3-dev doxygen
   xvfb xauth
+  qpdf qtpdf5-dev libpoppler-qt5-dev
 )
 
 missing=()
