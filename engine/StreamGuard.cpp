@@ -58,6 +58,7 @@ void dropGuarded(fz_context* ctx, void* state) {
 // Takes the decoder (dropped on failure).
 fz_stream* guarded(fz_context* ctx, fz_stream* decoder) {
     Guard* guard = NULL;
+    fz_var(guard);
     fz_try(ctx) {
         guard = static_cast<Guard*>(fz_malloc_struct(ctx, Guard));
         guard->chain = decoder;

@@ -249,7 +249,7 @@ TEST_F(DocumentTest, RemoveHiddenObjectsDropsOnlyNeverVisibleAnnotations) {
     EXPECT_EQ(kept, (std::vector<int>{IAnnotation::Line, IAnnotation::Polygon, IAnnotation::Ink, IAnnotation::Widget,
                                       IAnnotation::Stamp}));
     // A Hide action or a script could show a hidden one: nothing goes.
-    for (const std::string& shower : {"<< /S /Hide /T 4 0 R /H false >>", "<< /S /JavaScript /JS (show()) >>"}) {
+    for (const std::string shower : {"<< /S /Hide /T 4 0 R /H false >>", "<< /S /JavaScript /JS (show()) >>"}) {
         const auto path = temp.File("shows.pdf");
         WriteFile(path, RawPdf({"<< /Type /Catalog /Pages 2 0 R >>", "<< /Type /Pages /Kids [3 0 R] /Count 1 >>",
                                 "<< /Type /Page /Parent 2 0 R /MediaBox [0 0 200 200] /Annots [4 0 R 5 0 R] >>",

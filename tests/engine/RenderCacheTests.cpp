@@ -8,6 +8,7 @@
 #include "engine/PdfPage.h"
 #include "engine/Watchdog.h"
 #include "orvane/Exception.h"
+#include "orvane/pdf/EngineLimits.h"
 #include "tests/engine/DocumentTestSupport.h"
 
 namespace QuirelleTest {
@@ -58,14 +59,17 @@ PageLayout Busy(int rotate) {
     return layout;
 }
 
+using Orvane::PDF::EngineLimits;
+using Orvane::PDF::GetEngineLimits;
+using Orvane::PDF::SetEngineLimits;
+
 class RenderCache : public FileTest {
 protected:
     void TearDown() override {
-        Pdfium::SetPageCacheLimit(size_t(64) << 20);
-        Pdfium::SetPageTimeBudget(savedBudget);
+        SetEngineLimits(saved);
         FileTest::TearDown();
     }
-    const std::chrono::milliseconds savedBudget = Pdfium::PageTimeBudget();
+    const EngineLimits saved = GetEngineLimits();
 };
 
 TEST_F(RenderCache, RecordedAndBandedPicturesMatchTheDirectOnes) {
@@ -123,7 +127,9 @@ TEST_F(RenderCache, StaysWithinItsBoundAndGoesWithTheDocument) {
 TEST_F(RenderCache, TheTimeBudgetCoversRecordedPagesAndBands) {
     auto page = FirstPage(Busy(0));
     Drawn(page, 1224, 1584, false);
-    Pdfium::SetPageTimeBudget(std::chrono::milliseconds(0));
+    EngineLimits limits = saved;
+    limits.timeBudget = std::chrono::milliseconds(0);
+    SetEngineLimits(limits);
     for (auto [width, height] : {std::pair{306, 396}, std::pair{1224, 1584}}) {
         EXPECT_THROW(Drawn(page, width, height, false), Orvane::Exception) << width;
     }
