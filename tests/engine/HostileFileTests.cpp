@@ -67,19 +67,10 @@ std::string Deflated(const std::string& data) {
 
 class HostileFiles : public EngineTest {
 protected:
-    void TearDown() override {
-        SetEngineLimits(saved);
-        EngineTest::TearDown();
-    }
     std::shared_ptr<Pdfium::PdfDocument> Open(const std::vector<std::string>& objects) {
         const auto path = temp.File("hostile" + std::to_string(files++) + ".pdf");
         WriteFile(path, RawPdf(objects));
         return std::make_shared<Pdfium::PdfDocument>(nullptr, path.string(), "");
-    }
-    void SetTimeBudget(std::chrono::milliseconds budget) {
-        EngineLimits limits = saved;
-        limits.timeBudget = budget;
-        SetEngineLimits(limits);
     }
     // Renders page 0 at 100 x 100; false when the renderer threw.
     bool Render(const std::shared_ptr<Pdfium::PdfDocument>& document) {
@@ -95,7 +86,6 @@ protected:
         }
     }
 
-    const EngineLimits saved = GetEngineLimits();
     int files = 0;
 };
 

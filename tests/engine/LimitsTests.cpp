@@ -19,24 +19,7 @@ namespace {
 
 using namespace Orvane::PDF;
 
-class Limits : public EngineTest {
-protected:
-    void TearDown() override {
-        SetEngineLimits(saved);
-        EngineTest::TearDown();
-    }
-    void SetMemoryLimit(size_t bytes) {
-        EngineLimits limits = saved;
-        limits.memoryLimitBytes = bytes;
-        SetEngineLimits(limits);
-    }
-    void SetTimeBudget(std::chrono::milliseconds budget) {
-        EngineLimits limits = saved;
-        limits.timeBudget = budget;
-        SetEngineLimits(limits);
-    }
-    const EngineLimits saved = GetEngineLimits();
-};
+using Limits = EngineTest;
 
 TEST_F(Limits, RunningOutOfMemoryIsAnEngineFailureNotABadFile) {
     const auto path = temp.File("many.pdf");

@@ -8,7 +8,6 @@
 #include "engine/PdfPage.h"
 #include "engine/Watchdog.h"
 #include "orvane/Exception.h"
-#include "orvane/pdf/EngineLimits.h"
 #include "tests/engine/DocumentTestSupport.h"
 
 namespace QuirelleTest {
@@ -59,18 +58,7 @@ PageLayout Busy(int rotate) {
     return layout;
 }
 
-using Orvane::PDF::EngineLimits;
-using Orvane::PDF::GetEngineLimits;
-using Orvane::PDF::SetEngineLimits;
-
-class RenderCache : public FileTest {
-protected:
-    void TearDown() override {
-        SetEngineLimits(saved);
-        FileTest::TearDown();
-    }
-    const EngineLimits saved = GetEngineLimits();
-};
+using RenderCache = FileTest;
 
 TEST_F(RenderCache, RecordedAndBandedPicturesMatchTheDirectOnes) {
     const size_t sharedBefore = Pdfium::PicturesSharedOut();
@@ -127,9 +115,7 @@ TEST_F(RenderCache, StaysWithinItsBoundAndGoesWithTheDocument) {
 TEST_F(RenderCache, TheTimeBudgetCoversRecordedPagesAndBands) {
     auto page = FirstPage(Busy(0));
     Drawn(page, 1224, 1584, false);
-    EngineLimits limits = saved;
-    limits.timeBudget = std::chrono::milliseconds(0);
-    SetEngineLimits(limits);
+    SetTimeBudget(std::chrono::milliseconds(0));
     for (auto [width, height] : {std::pair{306, 396}, std::pair{1224, 1584}}) {
         EXPECT_THROW(Drawn(page, width, height, false), Orvane::Exception) << width;
     }
