@@ -9,8 +9,10 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 #include "engine/Bands.h"
+#include "engine/Bitmap.h"
 #include "engine/Context.h"
 #include "engine/DisplayListCache.h"
 #include "engine/Engine.h"
@@ -19,6 +21,7 @@
 #include "engine/Handles.h"
 #include "engine/ImageLimit.h"
 #include "engine/PdfPage.h"
+#include "engine/TextLines.h"
 #include "engine/Watchdog.h"
 #include "orvane/Exception.h"
 
@@ -41,6 +44,32 @@ struct Target {
     int height;
     int stride;
     unsigned char* pixels;
+
+    void Clear(int top, int bottom, unsigned char value) const {
+        ClearRows(pixels, width, stride, top, bottom, value);
+    }
+};
+
+// The clear of the whole target that the bitmap left to the renderer. Whoever
+// draws takes it (Take) and clears the rows it draws just before drawing them,
+// while they are about to be in the processor's cache anyway, on the thread
+// that draws them; a clear nobody took is done when the render ends, however
+// it ends.
+class PendingClear {
+public:
+    PendingClear(const Target& target, std::optional<unsigned char> value) : target_(target), value_(value) {}
+    ~PendingClear() {
+        if (value_) target_.Clear(0, target_.height, *value_);
+    }
+    PendingClear(const PendingClear&) = delete;
+    PendingClear& operator=(const PendingClear&) = delete;
+
+    bool Pending() const { return value_.has_value(); }
+    std::optional<unsigned char> Take() { return std::exchange(value_, std::nullopt); }
+
+private:
+    const Target target_;
+    std::optional<unsigned char> value_;
 };
 
 // How one run over the page (or over a band of it) ended.
@@ -78,7 +107,8 @@ RunResult runWithin(milliseconds budget, Body&& body) noexcept {
 // that starts at row top, so that every pixel comes out as in a drawing of the
 // whole picture.
 RunResult drawRows(fz_context* ctx, fz_display_list* list, fz_matrix ctm, const Target& target, int top, int bottom,
-                   milliseconds budget) noexcept {
+                   std::optional<unsigned char> clear, milliseconds budget) noexcept {
+    if (clear) target.Clear(top, bottom, *clear);
     return runWithin(budget, [&](fz_cookie& cookie) {
         PixmapHandle pixmap(ctx, guarded(ctx, [&] {
                                 return fz_new_pixmap_with_data(ctx, fz_device_bgr(ctx), target.width, bottom - top,
@@ -108,12 +138,16 @@ public:
             throw std::invalid_argument("Render: the bitmap is not 32-bit BGR");
         }
         const Size size = bitmap->GetSize();
+        auto* own = dynamic_cast<BufferBitmap*>(bitmap.get());
+        // Taken before the buffer, which would do the clear at once.
+        const std::optional<unsigned char> clear = own != nullptr ? own->TakeClear() : std::nullopt;
         const Target target{static_cast<int>(size.width), static_cast<int>(size.height), bitmap->GetStride(),
                             bitmap->GetBuffer()};
         if (target.width <= 0 || target.height <= 0 || target.pixels == nullptr ||
             target.width > target.stride / 4) {
             throw std::invalid_argument("Render: unusable bitmap");
         }
+        PendingClear pending(target, clear);
         start_ = Clock::now();
         ctx_ = pdfPage->Context();
         page_ = pdfPage->Native();
@@ -137,7 +171,7 @@ public:
         const bool cached = PageCacheLimit() > 0;
         const bool banded = long(target.width) * target.height >= kBandPixels && BandDrawing() &&
                             BandPool::Instance().Helpers() > 0;
-        if (!cached && !banded) return DrawDirect(ctm, target);
+        if (!cached && !banded) return DrawDirect(ctm, target, pending);
 
         const PageKey key{pdfPage->Core()->serial, pdfPage->Core()->generation, pdf_to_num(ctx_, page_->obj), flag};
         DisplayListCache& cache = DisplayListCache::Instance();
@@ -147,7 +181,7 @@ public:
         size_t bytes = 0;
         const bool fresh = !recording;
         if (fresh) recording = Record(bounds, bytes);
-        if (!recording) return DrawDirect(ctm, target);
+        if (!recording) return DrawDirect(ctm, target, pending);
         const DisplayListHandle list(ctx_, recording->list);
         if (fresh && keep) cache.Store(ctx_, key, *recording, bytes);
 
@@ -158,13 +192,15 @@ public:
         }
         std::vector<RunResult> results(seams.size() + 1);
         if (seams.empty()) {
-            results[0] = drawRows(ctx_, list.get(), ctm, target, 0, target.height, Remaining());
+            if (banded && pending.Pending()) ClearOnAllCores(target, *pending.Take());
+            results[0] = drawRows(ctx_, list.get(), ctm, target, 0, target.height, pending.Take(), Remaining());
         } else {
             seams.insert(seams.begin(), 0);
             seams.push_back(target.height);
             const milliseconds budget = Remaining();
+            const std::optional<unsigned char> value = pending.Take();
             const std::function<void(int, fz_context*)> draw = [&](int band, fz_context* ctx) {
-                results[band] = drawRows(ctx, list.get(), ctm, target, seams[band], seams[band + 1], budget);
+                results[band] = drawRows(ctx, list.get(), ctm, target, seams[band], seams[band + 1], value, budget);
             };
             BandPool::Instance().Run(ctx_, static_cast<int>(results.size()), draw);
         }
@@ -190,8 +226,19 @@ private:
         if (errors > 0) VLOG(1) << "page " << page_->super.number << ": rendered with " << errors << " error(s)";
     }
 
+    // A picture that cannot be cut into bands is still cleared by every core.
+    void ClearOnAllCores(const Target& target, unsigned char value) {
+        const int parts = BandPool::Instance().Helpers() + 1;
+        const std::function<void(int, fz_context*)> clear = [&](int part, fz_context*) {
+            target.Clear(int(int64_t(target.height) * part / parts), int(int64_t(target.height) * (part + 1) / parts),
+                         value);
+        };
+        BandPool::Instance().Run(ctx_, parts, clear);
+    }
+
     // Runs the page's content straight into the target.
-    void DrawDirect(fz_matrix ctm, const Target& target) {
+    void DrawDirect(fz_matrix ctm, const Target& target, PendingClear& pending) {
+        if (const auto value = pending.Take()) target.Clear(0, target.height, *value);
         PixmapHandle pixmap(ctx_, guarded(ctx_, [&] {
                                 return fz_new_pixmap_with_data(ctx_, fz_device_bgr(ctx_), target.width,
                                                                target.height, nullptr, 1, target.stride,
@@ -218,6 +265,7 @@ private:
         const size_t before = MemoryInUse();
         DisplayListHandle list(ctx_, guarded(ctx_, [&] { return fz_new_display_list(ctx_, bounds); }));
         DeviceHandle device(ctx_, guarded(ctx_, [&] { return fz_new_list_device(ctx_, list.get()); }));
+        const TextLineSplitting lines(device.get());
         const RunResult result = runWithin(Remaining(), [&](fz_cookie& cookie) {
             guarded(ctx_, [&] {
                 pdf_run_page_with_usage(ctx_, page_, device.get(), fz_identity, usage_, &cookie);
