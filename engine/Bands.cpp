@@ -22,6 +22,7 @@ constexpr float kSeamMargin = 2.0f;
 struct GuardDevice {
     fz_device super;
     std::vector<SeamGuard>* guards;
+    size_t glyphs;
     bool failed;
 };
 
@@ -110,13 +111,19 @@ void onClipStrokePath(fz_context* ctx, fz_device* dev, const fz_path* path, cons
                       fz_matrix ctm, fz_rect) {
     addGuard(dev, fz_bound_path(ctx, path, stroke, ctm));
 }
+void countGlyphs(fz_device* dev, const fz_text* text) {
+    auto* self = reinterpret_cast<GuardDevice*>(dev);
+    for (const fz_text_span* span = text->head; span != nullptr; span = span->next) self->glyphs += size_t(span->len);
+}
 void onFillText(fz_context* ctx, fz_device* dev, const fz_text* text, fz_matrix ctm, fz_colorspace*, const float*,
                 float, fz_color_params) {
     guardText(ctx, dev, text, nullptr, ctm);
+    countGlyphs(dev, text);
 }
 void onStrokeText(fz_context* ctx, fz_device* dev, const fz_text* text, const fz_stroke_state* stroke,
                   fz_matrix ctm, fz_colorspace*, const float*, float, fz_color_params) {
     guardText(ctx, dev, text, stroke, ctm);
+    countGlyphs(dev, text);
 }
 void onClipText(fz_context* ctx, fz_device* dev, const fz_text* text, fz_matrix ctm, fz_rect) {
     guardText(ctx, dev, text, nullptr, ctm);
@@ -146,11 +153,12 @@ int onBeginTile(fz_context*, fz_device* dev, fz_rect area, fz_rect, float, float
 
 }  // namespace
 
-std::vector<SeamGuard> FindSeamGuards(fz_context* ctx, fz_display_list* list) {
+std::vector<SeamGuard> FindSeamGuards(fz_context* ctx, fz_display_list* list, size_t& glyphs) {
     std::vector<SeamGuard> guards;
     auto* dev = guarded(ctx, [&] { return fz_new_derived_device(ctx, GuardDevice); });
     DeviceHandle device(ctx, &dev->super);
     dev->guards = &guards;
+    dev->glyphs = 0;
     dev->failed = false;
     dev->super.fill_path = onFillPath;
     dev->super.stroke_path = onStrokePath;
@@ -169,6 +177,7 @@ std::vector<SeamGuard> FindSeamGuards(fz_context* ctx, fz_display_list* list) {
         fz_run_display_list(ctx, list, device.get(), fz_identity, fz_infinite_rect, nullptr);
         fz_close_device(ctx, device.get());
     });
+    glyphs = dev->glyphs;
     // Without the whole list nothing is known to be safe.
     if (dev->failed) {
         guards.clear();

@@ -25,7 +25,8 @@ namespace Orvane::PDF::Pdfium {
 
 // What in the recording a seam must not cross, in recording space. Throws
 // the engine's exceptions.
-std::vector<SeamGuard> FindSeamGuards(fz_context* ctx, fz_display_list* list);
+// glyphs counts the glyphs of the text drawn.
+std::vector<SeamGuard> FindSeamGuards(fz_context* ctx, fz_display_list* list, size_t& glyphs);
 
 // The first rows of the bands after the first (ascending) for a picture of
 // height rows whose row y shows recording-space y = top + y / scaleY, cut

@@ -44,7 +44,8 @@ std::optional<Recording> DisplayListCache::Find(fz_context* ctx, const PageKey& 
         for (auto it = entries_.begin(); it != entries_.end(); ++it) {
             if (it->key == key) {
                 entries_.splice(entries_.begin(), entries_, it);
-                found = Recording{fz_keep_display_list(ctx, it->recording.list), it->recording.guards};
+                found = it->recording;
+                found->list = fz_keep_display_list(ctx, it->recording.list);
                 break;
             }
         }
@@ -57,7 +58,8 @@ std::optional<Recording> DisplayListCache::Find(fz_context* ctx, const PageKey& 
 void DisplayListCache::Store(fz_context* ctx, const PageKey& key, const Recording& recording, size_t bytes) {
     std::list<Entry> dropped;
     std::list<Entry> fresh;
-    fresh.push_back(Entry{key, Recording{nullptr, recording.guards}, bytes});
+    fresh.push_back(Entry{key, recording, bytes});
+    fresh.front().recording.list = nullptr;
     fresh.front().recording.list = fz_keep_display_list(ctx, recording.list);
     {
         std::lock_guard<std::mutex> lock(mutex_);

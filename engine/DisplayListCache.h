@@ -55,6 +55,7 @@ struct SeamGuard {
 struct Recording {
     fz_display_list* list = nullptr;
     std::shared_ptr<const std::vector<SeamGuard>> guards;
+    size_t glyphs = 0;  // glyphs of text drawn (not clipped with)
 };
 
 class DisplayListCache {

@@ -34,6 +34,11 @@ using std::chrono::milliseconds;
 // Pictures from this many pixels on are cut into bands; a thumbnail is drawn
 // faster than helper threads could be woken.
 constexpr long kBandPixels = 300'000;
+// Above this many glyphs a million pixels, a picture is drawn in one piece:
+// every glyph drawn takes MuPDF's glyph-cache and allocation locks, and bands
+// drawing dense text at the same time spend more time passing those locks
+// between cores than they save.
+constexpr double kBandGlyphsPerMegapixel = 3000;
 // The least a recording counts for, whatever the allocator saw.
 constexpr size_t kLeastRecordingBytes = 4096;
 
@@ -71,6 +76,11 @@ private:
     const Target target_;
     std::optional<unsigned char> value_;
 };
+
+// Whether the recording draws too much text for the picture to gain from bands.
+bool GlyphBound(const Recording& recording, const Target& target) {
+    return double(recording.glyphs) * 1e6 > kBandGlyphsPerMegapixel * double(target.width) * double(target.height);
+}
 
 // How one run over the page (or over a band of it) ended.
 struct RunResult {
@@ -186,7 +196,7 @@ public:
         if (fresh && keep) cache.Store(ctx_, key, *recording, bytes);
 
         std::vector<int> seams;
-        if (banded) {
+        if (banded && !GlyphBound(*recording, target)) {
             const int bands = 2 * (BandPool::Instance().Helpers() + 1);
             seams = ChooseSeams(*recording->guards, bounds.y0, scaleY, std::max(scaleX, scaleY), target.height, bands);
         }
@@ -274,11 +284,12 @@ private:
         });
         if (result.expired) throwOverBudget(page_->super.number);
         if (result.failure) return std::nullopt;
-        auto guards = std::make_shared<const std::vector<SeamGuard>>(FindSeamGuards(ctx_, list.get()));
+        size_t glyphs = 0;
+        auto guards = std::make_shared<const std::vector<SeamGuard>>(FindSeamGuards(ctx_, list.get(), glyphs));
         const size_t after = MemoryInUse();
         bytes = std::max(after > before ? after - before : 0, kLeastRecordingBytes) +
                 guards->capacity() * sizeof(SeamGuard);
-        return Recording{list.release(), std::move(guards)};
+        return Recording{list.release(), std::move(guards), glyphs};
     }
 
     Clock::time_point start_;
