@@ -9,7 +9,8 @@
 //   Cache/viewer/<page>    a viewer's sequence from an empty cache: thumbnail
 //                          150 px wide, 150 dpi, 200 %;
 //   Cache/corpus_viewer    that sequence over the first pages of every PDF
-//                          under $QUIRELLE_CORPUS (default /work/corpus/x);
+//                          under $QUIRELLE_CORPUS (default: the unpacked
+//                          corpus of bench/fetch-corpus.sh);
 //   Cache/corpus_memory    peak resident memory of the corpus sequence, plain
 //                          MuPDF first, then the engine.
 // 200 % is twice 96 dpi. Every engine picture is compared with plain MuPDF's
@@ -165,8 +166,16 @@ void GeneratedPage(benchmark::State& st, PageName name, Scenario scenario) {
 // ---- the corpus ----
 
 std::vector<std::filesystem::path> CorpusFiles() {
-    const char* dir = std::getenv("QUIRELLE_CORPUS");
-    const std::filesystem::path root = dir != nullptr ? dir : "/work/corpus/x";
+    std::filesystem::path root;
+    if (const char* dir = std::getenv("QUIRELLE_CORPUS")) {
+        root = dir;
+    } else if (const char* cache = std::getenv("QUIRELLE_CORPUS_DIR")) {
+        root = std::filesystem::path(cache) / "x";
+    } else if (const char* xdg = std::getenv("XDG_CACHE_HOME")) {
+        root = std::filesystem::path(xdg) / "quirelle-corpus" / "x";
+    } else if (const char* home = std::getenv("HOME")) {
+        root = std::filesystem::path(home) / ".cache" / "quirelle-corpus" / "x";
+    }
     std::vector<std::filesystem::path> files;
     std::error_code ec;
     for (auto it = std::filesystem::recursive_directory_iterator(root, ec);

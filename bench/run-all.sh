@@ -10,10 +10,11 @@
 #    the open + first page of the small documents (QUIRELLE_CORPUS_REPETITIONS,
 #    default 2; each page counts with its fastest time);
 # 4. the viewer benchmarks (quirelle_viewer_bench);
-# 5. bench/compare.sh (QtPdf, Poppler-Qt5, qpdf).
-# quirelle_bench (the generated pages every way, requests, text, memory) runs
-# on its own: see bench/README.md.
-# Everything is also kept in build/bench-results/<time>/. About 8 minutes on a
+# 5. bench/compare.sh (QtPdf, Poppler-Qt5, qpdf);
+# 6. recorded pages and band drawing against plain MuPDF (quirelle_bench Cache/).
+# The rest of quirelle_bench (the generated pages every way, requests, text,
+# memory) runs on its own: see bench/README.md.
+# Everything is also kept in build/bench-results/<time>/. About 12 minutes on a
 # quiet 2-core machine; a busy machine makes every figure noisier, the ratios
 # (both ways measured in one run, interleaved) less so.
 set -euo pipefail
@@ -25,7 +26,7 @@ mkdir -p "$out"
 export QUIRELLE_BUILD=$build
 
 [ -f "$build/CMakeCache.txt" ] || cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo > /dev/null
-cmake --build "$build" -j2 --target quirelle_corpus_bench quirelle_viewer_bench > /dev/null
+cmake --build "$build" -j2 --target quirelle_corpus_bench quirelle_viewer_bench quirelle_bench > /dev/null
 QUIRELLE_CORPUS_DIR=$(bash "$here/fetch-corpus.sh")
 export QUIRELLE_CORPUS_DIR
 
@@ -44,6 +45,11 @@ grep '^Viewer/' "$out/viewer.txt" | tee -a "$out/tables.md"
 
 step "Against QtPdf, Poppler-Qt5 and qpdf"
 bash "$here/compare.sh" 2> "$out/compare.err" | tee -a "$out/tables.md"
+
+step "Recorded pages and band drawing: speedup = plain MuPDF's time / the engine's"
+QUIRELLE_CORPUS="$QUIRELLE_CORPUS_DIR/x" "$build/bench/quirelle_bench" --benchmark_filter='Cache/' \
+  > "$out/cache.txt" 2> "$out/cache.err"
+grep '^Cache/' "$out/cache.txt" | tee -a "$out/tables.md"
 
 echo
 echo "load average $(cut -d' ' -f1-3 /proc/loadavg) at the end; results in $out" | tee -a "$out/tables.md"
