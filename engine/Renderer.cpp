@@ -148,15 +148,15 @@ public:
             throw std::invalid_argument("Render: the bitmap is not 32-bit BGR");
         }
         const Size size = bitmap->GetSize();
+        const int width = static_cast<int>(size.width), height = static_cast<int>(size.height);
+        if (width <= 0 || height <= 0 || width > bitmap->GetStride() / 4) {
+            throw std::invalid_argument("Render: unusable bitmap");
+        }
         auto* own = dynamic_cast<BufferBitmap*>(bitmap.get());
         // Taken before the buffer, which would do the clear at once.
         const std::optional<unsigned char> clear = own != nullptr ? own->TakeClear() : std::nullopt;
-        const Target target{static_cast<int>(size.width), static_cast<int>(size.height), bitmap->GetStride(),
-                            bitmap->GetBuffer()};
-        if (target.width <= 0 || target.height <= 0 || target.pixels == nullptr ||
-            target.width > target.stride / 4) {
-            throw std::invalid_argument("Render: unusable bitmap");
-        }
+        const Target target{width, height, bitmap->GetStride(), bitmap->GetBuffer()};
+        if (target.pixels == nullptr) throw std::invalid_argument("Render: unusable bitmap");
         PendingClear pending(target, clear);
         start_ = Clock::now();
         ctx_ = pdfPage->Context();
