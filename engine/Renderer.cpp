@@ -39,6 +39,9 @@ constexpr long kBandPixels = 300'000;
 // drawing dense text at the same time spend more time passing those locks
 // between cores than they save.
 constexpr double kBandGlyphsPerMegapixel = 3000;
+// About the size of a band of a large picture, well within a core's cache.
+constexpr size_t kBandBytes = 4 << 20;
+constexpr int kMostBandsPerThread = 16;
 // The least a recording counts for, whatever the allocator saw.
 constexpr size_t kLeastRecordingBytes = 4096;
 
@@ -76,6 +79,15 @@ private:
     const Target target_;
     std::optional<unsigned char> value_;
 };
+
+// How many bands a picture is cut into: two a thread at least, more for a
+// large picture, so that a band's rows, just cleared, are still in the
+// core's cache when they are drawn.
+int BandCount(const Target& target) {
+    const int threads = BandPool::Instance().Helpers() + 1;
+    const size_t bands = size_t(target.stride) * size_t(target.height) / kBandBytes;
+    return static_cast<int>(std::clamp<size_t>(bands, size_t(2 * threads), size_t(kMostBandsPerThread * threads)));
+}
 
 // Whether the recording draws too much text for the picture to gain from bands.
 bool GlyphBound(const Recording& recording, const Target& target) {
@@ -197,8 +209,8 @@ public:
 
         std::vector<int> seams;
         if (banded && !GlyphBound(*recording, target)) {
-            const int bands = 2 * (BandPool::Instance().Helpers() + 1);
-            seams = ChooseSeams(*recording->guards, bounds.y0, scaleY, std::max(scaleX, scaleY), target.height, bands);
+            seams = ChooseSeams(*recording->guards, bounds.y0, scaleY, std::max(scaleX, scaleY), target.height,
+                                BandCount(target));
         }
         std::vector<RunResult> results(seams.size() + 1);
         if (seams.empty()) {
