@@ -11,7 +11,7 @@ packages=(
   qtbase5-dev qt5-image-formats-plugins
   libgoogle-glog-dev libgflags-dev libboost-dev
   libgtest-dev libgmock-dev libbenchmark-dev
-  clang-14 libfuzzer-14-dev
+  clang-14 libfuzzer-14-dev libclang-rt-14-dev
   libcli11-dev nlohmann-json3-dev doxygen
   xvfb xauth
   qpdf qtpdf5-dev libpoppler-qt5-dev
