@@ -32,6 +32,7 @@
 #include <vector>
 
 #include "BenchSupport.h"
+#include "common/CorpusDir.h"
 #include "engine/Bands.h"
 #include "engine/Context.h"
 #include "engine/DisplayListCache.h"
@@ -166,16 +167,8 @@ void GeneratedPage(benchmark::State& st, PageName name, Scenario scenario) {
 // ---- the corpus ----
 
 std::vector<std::filesystem::path> CorpusFiles() {
-    std::filesystem::path root;
-    if (const char* dir = std::getenv("QUIRELLE_CORPUS")) {
-        root = dir;
-    } else if (const char* cache = std::getenv("QUIRELLE_CORPUS_DIR")) {
-        root = std::filesystem::path(cache) / "x";
-    } else if (const char* xdg = std::getenv("XDG_CACHE_HOME")) {
-        root = std::filesystem::path(xdg) / "quirelle-corpus" / "x";
-    } else if (const char* home = std::getenv("HOME")) {
-        root = std::filesystem::path(home) / ".cache" / "quirelle-corpus" / "x";
-    }
+    const char* dir = std::getenv("QUIRELLE_CORPUS");
+    const std::filesystem::path root = dir != nullptr ? std::filesystem::path(dir) : CorpusDir() / "x";
     std::vector<std::filesystem::path> files;
     std::error_code ec;
     for (auto it = std::filesystem::recursive_directory_iterator(root, ec);

@@ -41,6 +41,7 @@
 #include <vector>
 
 #include "Quirelle"
+#include "common/CorpusDir.h"
 #include "common/Generated.h"
 #include "common/RawMuPdf.h"
 
@@ -61,11 +62,6 @@ std::string Env(const char* name, const std::string& fallback) {
 int EnvInt(const char* name, int fallback) {
     const std::string value = Env(name, "");
     return value.empty() ? fallback : std::max(1, std::atoi(value.c_str()));
-}
-
-fs::path CorpusDir() {
-    const std::string cache = Env("XDG_CACHE_HOME", Env("HOME", "/tmp") + "/.cache");
-    return Env("QUIRELLE_CORPUS_DIR", cache + "/quirelle-corpus");
 }
 
 struct Document {
