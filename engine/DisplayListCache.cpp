@@ -36,18 +36,24 @@ DisplayListCache& DisplayListCache::Instance() {
     return *cache;
 }
 
+size_t DisplayListCache::KeyHash::operator()(const PageKey& key) const noexcept {
+    size_t h = std::hash<uint64_t>()(key.document);
+    for (const uint64_t part : {key.generation, uint64_t(key.object) << 1 | uint64_t(key.print)}) {
+        h ^= std::hash<uint64_t>()(part) + 0x9e3779b97f4a7c15ull + (h << 6) + (h >> 2);
+    }
+    return h;
+}
+
 std::optional<Recording> DisplayListCache::Find(fz_context* ctx, const PageKey& key) {
-    std::list<Entry> dropped;
+    Entries dropped;
     std::optional<Recording> found;
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        for (auto it = entries_.begin(); it != entries_.end(); ++it) {
-            if (it->key == key) {
-                entries_.splice(entries_.begin(), entries_, it);
-                found = it->recording;
-                found->list = fz_keep_display_list(ctx, it->recording.list);
-                break;
-            }
+        const auto it = index_.find(key);
+        if (it != index_.end()) {
+            entries_.splice(entries_.begin(), entries_, it->second);
+            found = it->second->recording;
+            found->list = fz_keep_display_list(ctx, it->second->recording.list);
         }
         EvictLocked(PageCacheLimit(), dropped);
     }
@@ -56,8 +62,8 @@ std::optional<Recording> DisplayListCache::Find(fz_context* ctx, const PageKey& 
 }
 
 void DisplayListCache::Store(fz_context* ctx, const PageKey& key, const Recording& recording, size_t bytes) {
-    std::list<Entry> dropped;
-    std::list<Entry> fresh;
+    Entries dropped;
+    Entries fresh;
     fresh.push_back(Entry{key, recording, bytes});
     fresh.front().recording.list = nullptr;
     fresh.front().recording.list = fz_keep_display_list(ctx, recording.list);
@@ -65,19 +71,18 @@ void DisplayListCache::Store(fz_context* ctx, const PageKey& key, const Recordin
         std::lock_guard<std::mutex> lock(mutex_);
         // Recordings of the document made before its latest change can never
         // be found again.
-        for (auto it = entries_.begin(); it != entries_.end();) {
-            const bool stale = it->key.document == key.document && it->key.generation < key.generation;
-            if (stale || it->key == key) {
-                bytes_ -= it->bytes;
-                dropped.splice(dropped.end(), entries_, it++);
-            } else {
-                ++it;
-            }
+        auto newest = generations_.find(key.document);
+        if (newest != generations_.end() && newest->second < key.generation) {
+            UnlinkDocumentLocked(key.document, dropped);
+            newest = generations_.end();
         }
+        if (const auto same = index_.find(key); same != index_.end()) UnlinkLocked(same->second, dropped);
         const size_t limit = PageCacheLimit();
         if (bytes <= limit) {
             EvictLocked(limit - bytes, dropped);
             entries_.splice(entries_.begin(), fresh);
+            index_[key] = entries_.begin();
+            if (newest == generations_.end()) generations_[key.document] = key.generation;
             bytes_ += bytes;
         } else {
             EvictLocked(limit, dropped);
@@ -88,23 +93,16 @@ void DisplayListCache::Store(fz_context* ctx, const PageKey& key, const Recordin
 }
 
 void DisplayListCache::DropDocument(fz_context* ctx, uint64_t document) {
-    std::list<Entry> dropped;
+    Entries dropped;
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        for (auto it = entries_.begin(); it != entries_.end();) {
-            if (it->key.document == document) {
-                bytes_ -= it->bytes;
-                dropped.splice(dropped.end(), entries_, it++);
-            } else {
-                ++it;
-            }
-        }
+        UnlinkDocumentLocked(document, dropped);
     }
     DropAll(ctx, dropped);
 }
 
 void DisplayListCache::Trim(fz_context* ctx) {
-    std::list<Entry> dropped;
+    Entries dropped;
     {
         std::lock_guard<std::mutex> lock(mutex_);
         EvictLocked(PageCacheLimit(), dropped);
@@ -117,14 +115,26 @@ size_t DisplayListCache::Bytes() {
     return bytes_;
 }
 
-void DisplayListCache::EvictLocked(size_t limit, std::list<Entry>& dropped) {
-    while (bytes_ > limit && !entries_.empty()) {
-        bytes_ -= entries_.back().bytes;
-        dropped.splice(dropped.end(), entries_, std::prev(entries_.end()));
+void DisplayListCache::UnlinkLocked(Entries::iterator entry, Entries& dropped) {
+    bytes_ -= entry->bytes;
+    index_.erase(entry->key);
+    dropped.splice(dropped.end(), entries_, entry);
+}
+
+void DisplayListCache::EvictLocked(size_t limit, Entries& dropped) {
+    while (bytes_ > limit && !entries_.empty()) UnlinkLocked(std::prev(entries_.end()), dropped);
+}
+
+void DisplayListCache::UnlinkDocumentLocked(uint64_t document, Entries& dropped) {
+    generations_.erase(document);
+    for (auto it = entries_.begin(); it != entries_.end();) {
+        const auto next = std::next(it);
+        if (it->key.document == document) UnlinkLocked(it, dropped);
+        it = next;
     }
 }
 
-void DisplayListCache::DropAll(fz_context* ctx, std::list<Entry>& dropped) noexcept {
+void DisplayListCache::DropAll(fz_context* ctx, Entries& dropped) noexcept {
     for (Entry& entry : dropped) fz_drop_display_list(ctx, entry.recording.list);
     dropped.clear();
 }

@@ -19,6 +19,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <unordered_map>
 #include <vector>
 
 namespace Orvane::PDF::Pdfium {
@@ -80,13 +81,25 @@ private:
         Recording recording;
         size_t bytes;
     };
-    // Unlinks entries under the lock; the caller drops them after it.
-    void EvictLocked(size_t limit, std::list<Entry>& dropped);
-    static void DropAll(fz_context* ctx, std::list<Entry>& dropped) noexcept;
+    using Entries = std::list<Entry>;
+    struct KeyHash {
+        size_t operator()(const PageKey& key) const noexcept;
+    };
 
+    // Unlink entries under the lock, into dropped; the caller drops them
+    // after it.
+    void UnlinkLocked(Entries::iterator entry, Entries& dropped);
+    void EvictLocked(size_t limit, Entries& dropped);
+    void UnlinkDocumentLocked(uint64_t document, Entries& dropped);
+    static void DropAll(fz_context* ctx, Entries& dropped) noexcept;
+
+    // A viewer keeps thousands of pages here: every look-up goes through the
+    // index, and only a document's change or its closing walks the entries.
     std::mutex mutex_;
-    std::list<Entry> entries_;  // most recently used first; guarded by mutex_
-    size_t bytes_ = 0;          // guarded by mutex_
+    Entries entries_;                                            // most recently used first; guarded by mutex_
+    std::unordered_map<PageKey, Entries::iterator, KeyHash> index_;  // guarded by mutex_
+    std::unordered_map<uint64_t, uint64_t> generations_;          // newest generation kept a document; guarded by mutex_
+    size_t bytes_ = 0;                                           // guarded by mutex_
 };
 
 }  // namespace Orvane::PDF::Pdfium
