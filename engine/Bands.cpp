@@ -5,6 +5,7 @@
 #include <cmath>
 #include <limits>
 
+#include "engine/Context.h"
 #include "engine/Guarded.h"
 #include "engine/Handles.h"
 
@@ -294,6 +295,7 @@ void BandPool::Serve() {
 }
 
 void BandPool::Run(fz_context* ctx, int count, const std::function<void(int, fz_context*)>& draw) {
+    const SharedUse locked;  // the helpers share the caller's store and caches
     Batch batch;
     batch.draw = &draw;
     batch.count = count;

@@ -8,14 +8,16 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
-#include <limits>
-#include <optional>
 #include <atomic>
+#include <cerrno>
+#include <condition_variable>
 #include <cstdlib>
+#include <limits>
 #include <mutex>
+#include <optional>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <utility>
 
 #include "engine/FontLoader.h"
@@ -190,11 +192,37 @@ private:
 
 std::array<EngineLock, FZ_LOCK_MAX> engineLocks;
 
+// Off only while one thread uses the engine (SoleUse). Changed only by that
+// thread, outside engine calls; other threads see it through soleMutex.
+std::atomic<bool> locksOff{false};
+
 void lockEngine(void*, int lock) {
-    engineLocks[lock].lock();
+    if (!locksOff.load(std::memory_order_relaxed)) engineLocks[lock].lock();
 }
 void unlockEngine(void*, int lock) {
-    engineLocks[lock].unlock();
+    if (!locksOff.load(std::memory_order_relaxed)) engineLocks[lock].unlock();
+}
+
+// ---- sole use ----
+
+std::mutex soleMutex;
+std::condition_variable soleEnded;
+int contextThreads = 0;     // threads holding a context (InitLibrary); guarded by soleMutex
+int waitingThreads = 0;     // threads waiting for a sole use to end; guarded by soleMutex
+std::thread::id soleThread;  // the thread in a sole use, if any; guarded by soleMutex
+
+// A thread about to take a context: after any sole use, and counted.
+void joinEngineUsers() {
+    std::unique_lock<std::mutex> lock(soleMutex);
+    ++waitingThreads;
+    soleEnded.wait(lock, [] { return soleThread == std::thread::id(); });
+    --waitingThreads;
+    ++contextThreads;
+}
+
+void leaveEngineUsers() {
+    std::lock_guard<std::mutex> lock(soleMutex);
+    --contextThreads;
 }
 
 fz_locks_context locks{nullptr, lockEngine, unlockEngine};
@@ -249,6 +277,7 @@ PdfiumInitializer& PdfiumInitializer::Instance() {
 void PdfiumInitializer::InitLibrary() {
     if (threadContext.initCalls++ > 0) return;
     readEnvironment();
+    joinEngineUsers();
     std::lock_guard<std::mutex> lock(baseMutex);
     try {
         if (baseContext == nullptr) baseContext = makeBaseContext();
@@ -261,6 +290,7 @@ void PdfiumInitializer::InitLibrary() {
         if (baseUsers == 0 && baseContext != nullptr) {
             fz_drop_context(std::exchange(baseContext, nullptr));
         }
+        leaveEngineUsers();
         throw;
     }
 }
@@ -268,8 +298,43 @@ void PdfiumInitializer::InitLibrary() {
 void PdfiumInitializer::Uninitialize() {
     if (threadContext.initCalls == 0 || --threadContext.initCalls > 0) return;
     fz_drop_context(std::exchange(threadContext.ctx, nullptr));
-    std::lock_guard<std::mutex> lock(baseMutex);
-    if (--baseUsers == 0) fz_drop_context(std::exchange(baseContext, nullptr));
+    {
+        std::lock_guard<std::mutex> lock(baseMutex);
+        if (--baseUsers == 0) fz_drop_context(std::exchange(baseContext, nullptr));
+    }
+    leaveEngineUsers();
+}
+
+SoleUse::SoleUse() {
+    if (threadContext.ctx == nullptr) return;
+    std::lock_guard<std::mutex> lock(soleMutex);
+    if (contextThreads != 1 || waitingThreads != 0 || soleThread != std::thread::id()) return;
+    soleThread = std::this_thread::get_id();
+    locksOff.store(true, std::memory_order_relaxed);
+    sole_ = true;
+}
+
+SoleUse::~SoleUse() {
+    if (!sole_) return;
+    {
+        std::lock_guard<std::mutex> lock(soleMutex);
+        locksOff.store(false, std::memory_order_relaxed);
+        soleThread = std::thread::id();
+    }
+    soleEnded.notify_all();
+}
+
+SharedUse::SharedUse() {
+    std::lock_guard<std::mutex> lock(soleMutex);
+    if (soleThread != std::this_thread::get_id()) return;
+    locksOff.store(false, std::memory_order_relaxed);
+    resume_ = true;
+}
+
+SharedUse::~SharedUse() {
+    if (!resume_) return;
+    std::lock_guard<std::mutex> lock(soleMutex);
+    locksOff.store(true, std::memory_order_relaxed);
 }
 
 EngineReference::EngineReference() {

@@ -61,6 +61,39 @@ private:
     fz_context* ctx_;
 };
 
+// MuPDF takes a lock around every reference count, store and glyph-cache
+// access: about a tenth of the time of a page drawn on one thread, for
+// nothing while only one thread uses the engine, as a service's worker nearly
+// always does. For the scope of a SoleUse made by the only thread holding a
+// context, the locks are skipped; a thread that wants a context meanwhile
+// waits for the scope to end. The scope must not run code that could wait
+// for another thread to start using the engine (observers, callers' work),
+// and it is made and ended outside any engine call.
+class SoleUse {
+public:
+    SoleUse();
+    ~SoleUse();
+    SoleUse(const SoleUse&) = delete;
+    SoleUse& operator=(const SoleUse&) = delete;
+
+private:
+    bool sole_ = false;
+};
+
+// Turns the locks back on for its scope when the calling thread is in a
+// SoleUse: for handing work to helper threads with clones of its context.
+// Made and ended outside any engine call.
+class SharedUse {
+public:
+    SharedUse();
+    ~SharedUse();
+    SharedUse(const SharedUse&) = delete;
+    SharedUse& operator=(const SharedUse&) = delete;
+
+private:
+    bool resume_ = false;
+};
+
 // The engine's side of Orvane::PDF::EngineLimits (see orvane/pdf/EngineLimits.h).
 // Upper bound on the memory all of MuPDF's allocations may hold at once in
 // this process; past it allocations fail and the engine call that made them

@@ -45,6 +45,7 @@ IPDFProvider::OpenDocInfo Quirelle::Impl::OpenDocument(const OpenDocumentTask& t
     Orvane::ioPath path = task.path;
     if (!path.empty()) path.make_preferred();
     std::shared_ptr<IDocument> document;
+    const Pdfium::SoleUse sole;
     try {
         if (IsImageExtension(path)) {
             document = CreateImageDocument(path);

@@ -44,6 +44,7 @@ private:
 
 IPDFProvider::PageInfo Quirelle::Impl::PageInfoOf(int64_t id, unsigned page) const {
     PageInfo info;
+    const Pdfium::SoleUse sole;
     const Pdfium::RequestBudget budget;
     std::shared_ptr<IDocument> document = FindDocument(id);
     if (!document) return info;  // zero size and rect, rotation 0
@@ -56,6 +57,7 @@ IPDFProvider::PageInfo Quirelle::Impl::PageInfoOf(int64_t id, unsigned page) con
 
 QImage Quirelle::Impl::RenderPageImage(const std::shared_ptr<IDocument>& document, const PageImageTask& request) const {
     if (!document) return QImage();
+    const Pdfium::SoleUse sole;
     const Pdfium::RequestBudget budget;
     try {
         std::shared_ptr<IPage> page = document->GetPage(request.page);
