@@ -96,11 +96,11 @@ TEST_F(PageTests, ShadingsFormsAndPatternCellsAsObjects) {
                  "<< /Type /Page /Parent 2 0 R /MediaBox [0 0 612 792] /Contents 4 0 R /Resources << /Shading << /Sh0 "
                  "5 0 R >>"
                  " /XObject << /Fm0 6 0 R >> /Pattern << /P0 7 0 R >> >> >>",
-                 Stream("", content),
+                 RawStream("", content),
                  "<< /ShadingType 2 /ColorSpace /DeviceRGB /Coords [0 0 100 0] /Extend [true true]"
                  " /Function << /FunctionType 2 /Domain [0 1] /C0 [1 0 0] /C1 [0 0 1] /N 1 >> >>",
-                 Stream("/Type /XObject /Subtype /Form /BBox [0 0 50 50]", "0 0 20 20 re f 30 30 10 10 re f"),
-                 Stream(
+                 RawStream("/Type /XObject /Subtype /Form /BBox [0 0 50 50]", "0 0 20 20 re f 30 30 10 10 re f"),
+                 RawStream(
                      "/PatternType 1 /PaintType 1 /TilingType 1 /BBox [0 0 10 10] /XStep 10 /YStep 10 /Resources << >>",
                      "0 0 3 3 re f 5 5 3 3 re f")}))
             ->GetPage(0);

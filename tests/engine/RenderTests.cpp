@@ -74,15 +74,15 @@ TEST_F(Rendering, DamagedPagesFailCleanlyOrRenderWhatTheyCan) {
     // MuPDF gives up at an image of ten billion pixels: an engine error, and
     // what was painted before it stays.
     auto page =
-        Open(
-            RawPdf({
-                "<< /Type /Catalog /Pages 2 0 R >>",
-                "<< /Type /Pages /Count 1 /Kids [3 0 R] >>",
-                "<< /Type /Page /Parent 2 0 R /MediaBox [0 0 200 100] /Contents 4 0 R"
-                " /Resources << /XObject << /Im 5 0 R >> >> >>",
-                Stream("", "1 0 0 rg 0 0 100 50 re f q 200 0 0 100 0 0 cm /Im Do Q"),
-                Stream("/Subtype /Image /Width 100000 /Height 100000 /BitsPerComponent 8 /ColorSpace /DeviceRGB", "xx"),
-            }))
+        Open(RawPdf({
+                 "<< /Type /Catalog /Pages 2 0 R >>",
+                 "<< /Type /Pages /Count 1 /Kids [3 0 R] >>",
+                 "<< /Type /Page /Parent 2 0 R /MediaBox [0 0 200 100] /Contents 4 0 R"
+                 " /Resources << /XObject << /Im 5 0 R >> >> >>",
+                 RawStream("", "1 0 0 rg 0 0 100 50 re f q 200 0 0 100 0 0 cm /Im Do Q"),
+                 RawStream("/Subtype /Image /Width 100000 /Height 100000 /BitsPerComponent 8 /ColorSpace /DeviceRGB",
+                           "xx"),
+             }))
             ->GetPage(0);
     std::vector<unsigned char> pixels(200 * 100 * 4, 0xFF);
     std::shared_ptr<IBitmap> bitmap = Pdfium::CreateBitmap(200, 100, IBitmap::Bgrx, pixels.data(), 800);
