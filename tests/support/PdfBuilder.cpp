@@ -2,7 +2,6 @@
 
 #include <mupdf/fitz.h>
 #include <mupdf/pdf.h>
-#include <unistd.h>
 #include <zlib.h>
 
 #include <algorithm>
@@ -15,7 +14,6 @@
 #include <functional>
 #include <iterator>
 #include <memory>
-#include <sstream>
 #include <stdexcept>
 #include <utility>
 
