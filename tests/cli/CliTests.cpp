@@ -54,14 +54,7 @@ protected:
             page.text = {{72, 500, 12, "Page " + std::to_string(n)}};
             if (n == 3) page.text.push_back({72, 400, 12, "Quirelle and quirelle"});
             if (n == 11) page.text.push_back({72, 400, 12, "Quirellex"});
-            if (n == 2) {
-                LinkLayout toPage, toUri;
-                toPage.rect = {72, 700, 200, 680};
-                toPage.targetPage = 4;
-                toUri.rect = {72, 660, 200, 640};
-                toUri.uri = "https://example.org/";
-                page.links = {toPage, toUri};
-            }
+            if (n == 2) page.links = {{{72, 700, 200, 680}, "", 4}, {{72, 660, 200, 640}, "https://example.org/"}};
             doc.AddPage(page);
         }
         doc.Save(dir->File("doc.pdf"));
