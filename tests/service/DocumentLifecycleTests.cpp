@@ -130,10 +130,16 @@ TEST_F(DocumentLifecycle, CloseRunsLastInItsPassAndDiscardsWhatIsStillQueued) {
     const int64_t clockDoc = OpenNumbered(40);
     const int64_t doc = Open(NumberedPdf(3, "victim.pdf"));
     const int64_t other = Open(NumberedPdf(3, "other.pdf"));
+    RecordingObserver observer;
+    service->RegisterEventHandler(&observer);
     PassClock clock(*service, clockDoc);
     clock.OccupyCloseStep();
     // The first of each kind runs in pass 1, before that pass's close step;
     // the second of a kind waits for pass 2 and is purged by the close.
+    for (unsigned page : {1u, 2u}) {
+        service->GeneratePageImageAsync(doc, page, 10, 10, IPageInfoObserver::DefaultView);
+        service->GetPageInfoAsync(doc, page, IPageInfoObserver::DefaultView);
+    }
     auto info = service->GetPageInfo(doc, 0);
     auto image = service->GeneratePageImage(doc, 0, 10, 10);
     auto save = service->SaveDocument(doc);
@@ -149,7 +155,11 @@ TEST_F(DocumentLifecycle, CloseRunsLastInItsPassAndDiscardsWhatIsStillQueued) {
     auto closeUnknown = service->CloseDoument(1234);
     clock.Release();
     Await(std::move(close));
+    clock.WaitForPass(3);  // later passes would answer what the close kept
 
+    EXPECT_EQ(observer.images.All().size(), 1u);
+    EXPECT_EQ(observer.infos.All().size(), 1u);
+    service->UnregisterEventHandler(&observer);
     EXPECT_DOUBLE_EQ(Await(std::move(info)).size.width, 612);
     EXPECT_FALSE(Await(std::move(image)).isNull());
     EXPECT_TRUE(Await(std::move(save)));
