@@ -4,7 +4,6 @@
 // engine wrote or drew, and hand-written files for what PdfBuilder cannot make.
 
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -59,23 +58,6 @@ inline int CountObjects(const std::filesystem::path& path, const char* name) {
 // qpdf's structural check finds neither errors nor warnings.
 inline bool QpdfClean(const std::filesystem::path& path) {
     return std::system(("qpdf --check '" + path.string() + "' > /dev/null 2>&1").c_str()) == 0;
-}
-
-// A file of the given objects, numbered from 1 (object 1 the catalog).
-inline std::string RawPdf(const std::vector<std::string>& objects) {
-    std::string out = "%PDF-1.7\n", xref = "xref\n0 " + std::to_string(objects.size() + 1) + "\n0000000000 65535 f \n";
-    for (size_t i = 0; i < objects.size(); ++i) {
-        char entry[24];
-        std::snprintf(entry, sizeof entry, "%010zu 00000 n \n", out.size());
-        xref += entry;
-        out += std::to_string(i + 1) + " 0 obj\n" + objects[i] + "\nendobj\n";
-    }
-    return out + xref + "trailer\n<< /Size " + std::to_string(objects.size() + 1) + " /Root 1 0 R >>\nstartxref\n" +
-           std::to_string(out.size()) + "\n%%EOF\n";
-}
-
-inline std::string Stream(const std::string& entries, const std::string& data) {
-    return "<< " + entries + " /Length " + std::to_string(data.size()) + " >>\nstream\n" + data + "\nendstream";
 }
 
 // A rendered picture: the bitmap is filled with fill first, as the service

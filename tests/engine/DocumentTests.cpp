@@ -2,13 +2,10 @@
 // page list, saving, image pages, metadata read from other threads and system fonts.
 
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/resource.h>
 
 #include <array>
 #include <atomic>
 #include <filesystem>
-#include <random>
 #include <stdexcept>
 #include <thread>
 
@@ -28,13 +25,6 @@ protected:
         builder.Save(temp.File(name));
         return temp.File(name);
     }
-    // Leftover temporary files of saves (their names start with a dot).
-    int DotFiles() const {
-        int count = 0;
-        for (const auto& entry : fs::directory_iterator(temp.Path()))
-            count += entry.path().filename().string()[0] == '.';
-        return count;
-    }
 };
 
 std::string OpenError(const fs::path& path, const std::string& password) {
@@ -44,18 +34,6 @@ std::string OpenError(const fs::path& path, const std::string& password) {
         return e.what();
     }
     return "opened";
-}
-
-TEST_F(DocumentTest, CreatesAndOpens) {
-    auto created = std::make_shared<Pdfium::PdfDocument>(nullptr);
-    EXPECT_EQ(created->GetPageCount(), 0u);
-    EXPECT_TRUE(created->GetDocumentPath().empty());
-
-    const fs::path path = Write(PdfBuilder().AddNumberedPages(3), "três.pdf");
-    auto opened = OpenFile(path);
-    EXPECT_EQ(opened->GetDocumentPath(), Orvane::ioPath(path));
-    EXPECT_EQ(Labels(*opened), (Strings{"Page 1", "Page 2", "Page 3"}));
-    EXPECT_FALSE(opened->IsProtected());
 }
 
 TEST_F(DocumentTest, DamagedFilesGiveARuntimeErrorOrADocumentWhosePagesLoad) {
@@ -102,7 +80,7 @@ TEST_F(DocumentTest, DamagedFilesGiveARuntimeErrorOrADocumentWhosePagesLoad) {
 }
 
 TEST_F(DocumentTest, OpensOnlyWithUserOrOwnerPassword) {
-    for (Method method : {Method::Rc4_40, Method::Aes128, Method::Aes256}) {
+    for (Method method : {Method::Rc4_40, Method::Rc4_128, Method::Aes128, Method::Aes256}) {
         SCOPED_TRACE(int(method));
         const fs::path path = Write(PdfBuilder().AddNumberedPages(2).Encrypt({"user", "owner", -4, method}));
         EXPECT_EQ(OpenError(path, ""), "PASSWORD_ERROR");
@@ -162,6 +140,7 @@ std::vector<double> Widths(const IDocument& doc) {
 
 TEST_F(DocumentTest, GetPageAnswersThePageNowAtTheIndexAfterEdits) {
     auto doc = std::make_shared<Pdfium::PdfDocument>(nullptr);
+    EXPECT_TRUE(doc->GetPageCount() == 0 && doc->GetDocumentPath().empty());
     auto held = doc->CreatePage(0, 100, 50);  // held pages keep MuPDF's record of their number
     doc->CreatePage(0, 200, 50);              // before the first
     doc->CreatePage(2, 300, 50);              // at the count: appended
@@ -184,9 +163,11 @@ TEST_F(DocumentTest, GetPageAnswersThePageNowAtTheIndexAfterEdits) {
     EXPECT_THROW(Pdfium::MakePage(core, 3), std::out_of_range);
 }
 
-TEST_F(DocumentTest, SavesOverItsOwnFileAndReopens) {
-    const fs::path path = Write(PdfBuilder().AddNumberedPages(3));
+TEST_F(DocumentTest, OpensAndSavesOverItsOwnFile) {
+    const fs::path path = Write(PdfBuilder().AddNumberedPages(3), "três.pdf");
     auto doc = OpenFile(path);
+    EXPECT_EQ(doc->GetDocumentPath(), Orvane::ioPath(path));
+    EXPECT_FALSE(doc->IsProtected());
     doc->DeletePage(1);
     doc->Save(path, 0);
     EXPECT_EQ(Labels(*OpenFile(path)), (Strings{"Page 1", "Page 3"}));
@@ -196,52 +177,15 @@ TEST_F(DocumentTest, SavesOverItsOwnFileAndReopens) {
     doc->Save(copy, 0);
     EXPECT_EQ(Labels(*OpenFile(copy)), (Strings{"Page 1", "Page 3", ""}));
     EXPECT_TRUE(QpdfClean(path) && QpdfClean(copy));
-    EXPECT_EQ(DotFiles(), 0);
-}
-
-TEST_F(DocumentTest, FailedSaveLeavesTargetUntouchedAndNoTemporaryFile) {
-    const fs::path target = Write(PdfBuilder().AddNumberedPages(1), "target.pdf");
-    const std::string before = ReadFile(target);
-    auto doc = std::make_shared<Pdfium::PdfDocument>(nullptr);
-    fs::create_directory(temp.File("dir.pdf"));
-    for (const fs::path& bad : {temp.File("no-such-dir") / "x.pdf", fs::path(), temp.File("dir.pdf")}) {
-        EXPECT_THROW(doc->Save(bad, 0), Orvane::Exception) << bad;
-    }
-    EXPECT_TRUE(fs::is_directory(temp.File("dir.pdf")));
-
-    // The write itself fails half-way: a file size limit below the output.
-    QImage noise(256, 256, QImage::Format_RGB32);
-    std::mt19937 random(12345);
-    for (int y = 0; y < 256; ++y)
-        for (int x = 0; x < 256; ++x) noise.setPixel(x, y, random());
-    doc->CreatePageFromImage(0, Util::CreateBitmapFromQImage(noise), 100, 100);
-    struct rlimit old, small;
-    ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &old), 0);
-    small = old;
-    small.rlim_cur = 4096;
-    const auto oldHandler = ::signal(SIGXFSZ, SIG_IGN);
-    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &small), 0);
-    EXPECT_THROW(doc->Save(target, 0), Orvane::Exception);
-    ::setrlimit(RLIMIT_FSIZE, &old);
-    ::signal(SIGXFSZ, oldHandler);
-
-    EXPECT_EQ(ReadFile(target), before);
-    EXPECT_EQ(DotFiles(), 0);
+    for (const auto& entry : fs::directory_iterator(temp.Path())) EXPECT_NE(entry.path().filename().string()[0], '.');
 }
 
 TEST_F(DocumentTest, RemoveHiddenObjectsDropsOnlyNeverVisibleAnnotations) {
     PageLayout page;
     // /F: 2 Hidden, 4 Print, 32 NoView, 256 ToggleNoView; a hidden form field stays.
-    for (auto [subtype, flags] : std::vector<std::pair<std::string, int>>{{"Square", 2},
-                                                                          {"Circle", 32},
-                                                                          {"Line", 4},
-                                                                          {"Polygon", 36},
-                                                                          {"Ink", 288},
-                                                                          {"Widget", 2},
-                                                                          {"Text", 6},
-                                                                          {"Stamp", 0}}) {
-        page.annotations.push_back({subtype, Rect{10, 50, 50, 10}, flags});
-    }
+    const std::pair<const char*, int> annotations[] = {{"Square", 2}, {"Circle", 32}, {"Line", 4}, {"Polygon", 36},
+                                                       {"Ink", 288},  {"Widget", 2},  {"Text", 6}, {"Stamp", 0}};
+    for (auto [subtype, flags] : annotations) page.annotations.push_back({subtype, Rect{10, 50, 50, 10}, flags});
     auto doc = Open(PdfBuilder().AddPage(page));
     doc->RemoveHiddenObjects();
     std::vector<int> kept;
@@ -261,7 +205,7 @@ TEST_F(DocumentTest, RemoveHiddenObjectsDropsOnlyNeverVisibleAnnotations) {
     }
 }
 
-TEST_F(DocumentTest, ImagePagesKeepTheirAlphaThroughSaving) {
+TEST_F(DocumentTest, ImagePagesKeepTheirAlphaThroughSavingAndCoverPagesOfAnySize) {
     QImage picture(4, 2, QImage::Format_ARGB32);
     picture.fill(qRgba(0xF0, 0x80, 0x10, 0x80));
     for (int x = 0; x < 4; ++x) picture.setPixel(x, 0, qRgba(0, 0, 0xFF, 0xFF));  // opaque top row
@@ -284,12 +228,7 @@ TEST_F(DocumentTest, ImagePagesKeepTheirAlphaThroughSaving) {
     EXPECT_NEAR(int(half >> 16 & 0xFF), 0xF7, 3);
     EXPECT_NEAR(int(half >> 8 & 0xFF), 0xBF, 3);
     EXPECT_NEAR(int(half & 0xFF), 0x87, 3);
-}
-
-TEST_F(DocumentTest, ImagePagesOfExtremeSizesDrawThePictureOverThePage) {
-    QImage picture(2, 2, QImage::Format_RGB32);
-    picture.fill(Qt::red);
-    auto doc = std::make_shared<Pdfium::PdfDocument>(nullptr);
+    // Pages of extreme sizes: the picture still covers the page.
     for (double side : {2e6, 5e-5}) {
         doc->CreatePageFromImage(0, Util::CreateBitmapFromQImage(picture), side, side);
         EXPECT_NEAR(doc->GetPage(0)->GetObject(0)->GetBounds().right, side, side * 1e-6);

@@ -89,21 +89,17 @@ TEST_F(PageTests, ShadingsFormsAndPatternCellsAsObjects) {
         "q 10 10 100 100 re W n /Sh0 sh Q\n"
         "q 1 0 0 1 200 200 cm /Fm0 Do Q q 1 0 0 1 300 300 cm /Fm0 Do Q\n"
         "/Pattern cs /P0 scn 100 500 200 50 re f\n";
-    auto page =
-        Open(
-            RawPdf(
-                {"<< /Type /Catalog /Pages 2 0 R >>", "<< /Type /Pages /Count 1 /Kids [3 0 R] >>",
-                 "<< /Type /Page /Parent 2 0 R /MediaBox [0 0 612 792] /Contents 4 0 R /Resources << /Shading << /Sh0 "
-                 "5 0 R >>"
-                 " /XObject << /Fm0 6 0 R >> /Pattern << /P0 7 0 R >> >> >>",
-                 Stream("", content),
-                 "<< /ShadingType 2 /ColorSpace /DeviceRGB /Coords [0 0 100 0] /Extend [true true]"
-                 " /Function << /FunctionType 2 /Domain [0 1] /C0 [1 0 0] /C1 [0 0 1] /N 1 >> >>",
-                 Stream("/Type /XObject /Subtype /Form /BBox [0 0 50 50]", "0 0 20 20 re f 30 30 10 10 re f"),
-                 Stream(
-                     "/PatternType 1 /PaintType 1 /TilingType 1 /BBox [0 0 10 10] /XStep 10 /YStep 10 /Resources << >>",
-                     "0 0 3 3 re f 5 5 3 3 re f")}))
-            ->GetPage(0);
+    const std::string file = RawPdf(
+        {"<< /Type /Catalog /Pages 2 0 R >>", "<< /Type /Pages /Count 1 /Kids [3 0 R] >>",
+         "<< /Type /Page /Parent 2 0 R /MediaBox [0 0 612 792] /Contents 4 0 R /Resources << /Shading << /Sh0 5 0 R >> "
+         "/XObject << /Fm0 6 0 R >> /Pattern << /P0 7 0 R >> >> >>",
+         RawStream("", content),
+         "<< /ShadingType 2 /ColorSpace /DeviceRGB /Coords [0 0 100 0] /Extend [true true]"
+         " /Function << /FunctionType 2 /Domain [0 1] /C0 [1 0 0] /C1 [0 0 1] /N 1 >> >>",
+         RawStream("/Type /XObject /Subtype /Form /BBox [0 0 50 50]", "0 0 20 20 re f 30 30 10 10 re f"),
+         RawStream("/PatternType 1 /PaintType 1 /TilingType 1 /BBox [0 0 10 10] /XStep 10 /YStep 10 /Resources << >>",
+                   "0 0 3 3 re f 5 5 3 3 re f")});
+    auto page = Open(file)->GetPage(0);
 
     using K = IPageObject::Kind;
     EXPECT_EQ(Kinds(*page),

@@ -40,8 +40,8 @@ Pixels Direct(const std::shared_ptr<IPage>& page, int width, int height, bool pr
 // renderer does band by band).
 Pixels Drawn(const std::shared_ptr<IPage>& page, int width, int height, bool print) {
     Pixels pixels(size_t(width) * height, 0xABABABAB);
-    std::shared_ptr<IBitmap> bitmap = Pdfium::CreateBitmap(width, height, IBitmap::Bgrx,
-                                                           reinterpret_cast<unsigned char*>(pixels.data()), width * 4);
+    std::shared_ptr<IBitmap> bitmap =
+        Pdfium::CreateBitmap(width, height, IBitmap::Bgrx, reinterpret_cast<unsigned char*>(pixels.data()), width * 4);
     bitmap->FillRect(0, 0, width, height, 0xFFFFFFFF);
     Pdfium::CreatePageRenderer()->Render(page, bitmap, print);
     return pixels;
@@ -49,7 +49,7 @@ Pixels Drawn(const std::shared_ptr<IPage>& page, int width, int height, bool pri
 
 // Text (lines of their own, and a paragraph of several lines in one text
 // object), rules, slanted and curved edges, a translucent image and
-// annotations that show only on screen or only in print.
+// annotations that show only on screen, only in print, in both or never.
 PageLayout Busy(int rotate) {
     PageLayout layout;
     layout.rotate = rotate;
@@ -57,10 +57,13 @@ PageLayout Busy(int rotate) {
     layout.rects = {{Rect{60, 700, 550, 698}, 0x000000}, {Rect{300, 500, 500, 300}, 0x00AA00}};
     layout.images = {{Rect{200, 450, 400, 250}, 8, 8, 0x3366CC, 120}};
     layout.annotations = {{"Square", Rect{80, 200, 180, 100}, 32 | 4, 0x0000FF},
-                          {"Square", Rect{200, 200, 300, 100}, 0, 0xFF0000}};
-    layout.extraContent = "1 0 0 rg 100 100 m 300 560 l 500 120 l f 0 0 1 RG 4 w 80 600 m 200 800 400 300 560 650 c S "
-                           "0 g BT /F1 9 Tf 320 780 Td (A paragraph) Tj 0 -11 Td (of lines) Tj 3 4 Td (up) Tj "
-                           "-3 -15 Td (in one object) Tj 0 -11 Td (set by the page) Tj ET";
+                          {"Square", Rect{200, 200, 300, 100}, 0, 0xFF0000},
+                          {"Square", Rect{320, 200, 420, 100}, 4, 0x00FF00},
+                          {"Square", Rect{440, 200, 540, 100}, 2 | 4, 0xFF00FF}};
+    layout.extraContent =
+        "1 0 0 rg 100 100 m 300 560 l 500 120 l f 0 0 1 RG 4 w 80 600 m 200 800 400 300 560 650 c S "
+        "0 g BT /F1 9 Tf 320 780 Td (A paragraph) Tj 0 -11 Td (of lines) Tj 3 4 Td (up) Tj "
+        "-3 -15 Td (in one object) Tj 0 -11 Td (set by the page) Tj ET";
     return layout;
 }
 

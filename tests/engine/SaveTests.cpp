@@ -1,11 +1,12 @@
 // Saving never loses the file it replaces and leaves nothing beside it: not
 // when the saving process is killed at any moment, not when the location is
-// read-only or full.
+// missing, read-only or full, nor when the write fails half-way.
 
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -152,23 +153,35 @@ private:
     bool mounted_ = false;
 };
 
-TEST_F(SaveTest, SavingToAReadOnlyOrFullLocationFailsAndKeepsTheOldFile) {
-    const std::string old = PdfBuilder().AddNumberedPages(1).Build();
+TEST_F(SaveTest, AFailedSaveThrowsAndKeepsTheOldFile) {
     auto doc = NoiseDocument(256);
-    for (const bool full : {false, true}) {
-        SCOPED_TRACE(full ? "full" : "read-only");
-        const fs::path dir = temp.File(full ? "full" : "read-only"), target = dir / "target.pdf";
-        ScratchMount mount(dir, full ? "64k" : "1m");
-        if (!mount.Mounted() && full) GTEST_SKIP() << "mounting a small tmpfs needs root";
+    fs::create_directory(temp.File("dir.pdf"));
+    for (const fs::path& bad : {temp.File("no-such-dir") / "x.pdf", fs::path(), temp.File("dir.pdf")}) {
+        EXPECT_THROW(doc->Save(bad, 0), Orvane::Exception) << bad;
+    }
+    EXPECT_TRUE(fs::is_directory(temp.File("dir.pdf")));
+
+    const std::string old = PdfBuilder().AddNumberedPages(1).Build();
+    for (const std::string where : {"read-only", "file size limit", "full"}) {
+        SCOPED_TRACE(where);
+        const fs::path dir = temp.File(where), target = dir / "target.pdf";
+        ScratchMount mount(dir, where == "full" ? "64k" : "1m");
+        if (!mount.Mounted() && where == "full") GTEST_SKIP() << "mounting a small tmpfs needs root";
         WriteFile(target, old);
-        if (!full) {
-            if (mount.Mounted()) {
-                ASSERT_TRUE(mount.MakeReadOnly());
-            } else {
-                fs::permissions(dir, fs::perms::owner_read | fs::perms::owner_exec);
-            }
+        if (where == "read-only" && mount.Mounted()) {
+            ASSERT_TRUE(mount.MakeReadOnly());
+        } else if (where == "read-only") {
+            fs::permissions(dir, fs::perms::owner_read | fs::perms::owner_exec);
         }
+        struct rlimit before, limit;
+        ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &before), 0);
+        limit = before;
+        if (where == "file size limit") limit.rlim_cur = 4096;  // the write fails half-way
+        const auto oldHandler = ::signal(SIGXFSZ, SIG_IGN);
+        ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &limit), 0);
         EXPECT_THROW(doc->Save(target, 0), Orvane::Exception);
+        ::setrlimit(RLIMIT_FSIZE, &before);
+        ::signal(SIGXFSZ, oldHandler);
         EXPECT_EQ(ReadFile(target), old);
         EXPECT_EQ(Names(dir), std::vector<std::string>{"target.pdf"});
         if (!mount.Mounted()) fs::permissions(dir, fs::perms::owner_all);

@@ -26,18 +26,10 @@ int main(int argc, char** argv) {
                        {{432, 560, 532, 500}, 0xFDD835}};
         first.images = {{{72, 460, 172, 360}, 16, 16, 0x8E24AA, std::nullopt},
                         {{132, 420, 232, 320}, 16, 16, 0x00ACC1, 128}};
-        LinkLayout uri;
-        uri.rect = {72, 672, 400, 656};
-        uri.uri = "https://example.org/quirelle";
-        LinkLayout explicitDest;
-        explicitDest.rect = {72, 652, 300, 636};
-        explicitDest.targetPage = 1;
-        explicitDest.left = 72;
-        explicitDest.top = 800;
-        LinkLayout namedDest;
-        namedDest.rect = {72, 632, 330, 616};
+        LinkLayout namedDest{{72, 632, 330, 616}};
         namedDest.namedDestination = "chapter3";
-        first.links = {uri, explicitDest, namedDest};
+        first.links = {
+            {{72, 672, 400, 656}, "https://example.org/quirelle"}, {{72, 652, 300, 636}, "", 1, 72, 800}, namedDest};
         builder.AddPage(first);
 
         // Page 2, A4.

@@ -1,5 +1,6 @@
 // Asynchronous page requests: coalescing, cancellation, failures and
-// observers that throw or act from inside their callbacks.
+// observers that throw or act from inside their callbacks. What a close
+// drops is in the document lifecycle tests.
 
 #include <atomic>
 
@@ -100,24 +101,6 @@ TEST_F(AsyncRequests, AnObserverThatThrowsGetsTheFailureNotificationOnce) {
     EXPECT_TRUE(observer.infos.All().empty());
     EXPECT_TRUE(observer.images.All().empty());
     service->UnregisterEventHandler(&throwing);
-}
-
-TEST_F(AsyncRequests, ClosingADocumentDropsItsPendingRequests) {
-    {
-        PassClock clock(*service, clockDoc);
-        clock.OccupyCloseStep();
-        for (unsigned page : {1u, 2u}) {
-            service->GeneratePageImageAsync(doc, page, 10, 10, kDefault);
-            service->GetPageInfoAsync(doc, page, kDefault);
-        }
-        auto close = service->CloseDoument(doc);
-        clock.Release();
-        Await(std::move(close));
-        clock.WaitForPass(3);
-    }
-    // Pass 1 answered page 1 of each kind before the close; page 2 was dropped.
-    EXPECT_EQ(observer.images.All().size(), 1u);
-    EXPECT_EQ(observer.infos.All().size(), 1u);
 }
 
 TEST_F(AsyncRequests, ObserversMayRegisterUnregisterAndRequestFromCallbacks) {

@@ -17,22 +17,15 @@ protected:
         drawn.rects.push_back({Rect{100, 700, 200, 600}, 0x0000FF});
         drawn.text.push_back({72, 760, 12, "Hello page"});
         drawn.links.push_back({Rect{300, 500, 400, 450}, "https://example.org/a"});
-        LinkLayout toPage;
-        toPage.rect = Rect{350, 480, 450, 400};  // overlaps the first link
-        toPage.targetPage = 1;
-        toPage.left = 20;
-        toPage.top = 700;
-        toPage.zoom = 2;
-        drawn.links.push_back(toPage);
+        drawn.links.push_back({Rect{350, 480, 450, 400}, "", 1, 20, 700, 2});             // overlaps the first link
         drawn.annotations.push_back({"Square", Rect{10, 60, 60, 10}, 32 | 4, 0xFF0000});  // prints, never shows
 
         PageLayout turned;
         turned.rotate = 90;
         turned.cropBox = Rect{0, 700, 500, 100};
-        PageLayout empty;
 
         const auto path = temp.File("pages.pdf");
-        PdfBuilder().AddPage(drawn).AddPage(turned).AddPage(empty).Save(path);
+        PdfBuilder().AddPage(drawn).AddPage(turned).AddPage({}).Save(path);
         doc = Open(path);
     }
 
@@ -55,7 +48,7 @@ TEST_F(PageQueries, PageInfoReportsSizeRotationAndCropBox) {
     EXPECT_THROW(Await(service->GetPageInfo(doc, 17)), std::out_of_range);
 }
 
-TEST_F(PageQueries, PicturesHaveTheAskedSizeAndAWhiteBackground) {
+TEST_F(PageQueries, PicturesHaveTheAskedSizeAndViewAndOutliveTheService) {
     const QImage natural = Await(service->GeneratePageImage(doc, 0, -1, -1));
     EXPECT_EQ(natural.size(), QSize(595, 841));  // truncated
     EXPECT_EQ(natural.format(), QImage::Format_RGB32);
@@ -73,26 +66,22 @@ TEST_F(PageQueries, PicturesHaveTheAskedSizeAndAWhiteBackground) {
     for (const auto& [page, width, height] : failures) {
         EXPECT_TRUE(Await(service->GeneratePageImage(doc, page, width, height)).isNull()) << width;
     }
-}
 
-TEST_F(PageQueries, PictureMemoryIsReusedAndPicturesOutliveTheService) {
-    QImage picture = Await(service->GeneratePageImage(doc, 0, 300, 424));
-    const uchar* memory = picture.constBits();
-    picture = QImage();
-    picture = Await(service->GeneratePageImage(doc, 0, 300, 424));
-    EXPECT_EQ(picture.constBits(), memory);
-    service.reset();
-    EXPECT_EQ(Pixel(picture, 150, 650), qRgb(0, 0, 255));
-}
-
-TEST_F(PageQueries, ThePrintViewDrawsWhatPrintsAndTheShortFormIsTheDefaultView) {
-    const QImage screen = Await(service->GeneratePageImage(doc, 0, 300, 424, IPageInfoObserver::DefaultView));
-    const QImage shortForm = Await(service->GeneratePageImage(doc, 0, 300, 424));
+    // The print view draws the square annotation, which prints but never shows.
+    QImage screen = Await(service->GeneratePageImage(doc, 0, 300, 424, IPageInfoObserver::DefaultView));
     const QImage print = Await(service->GeneratePageImage(doc, 0, 300, 424, IPageInfoObserver::PrintView));
-    EXPECT_EQ(screen, shortForm);
-    // The square annotation prints but never shows.
     EXPECT_EQ(Pixel(screen, 35, 35), qRgb(255, 255, 255));
     EXPECT_EQ(Pixel(print, 35, 35), qRgb(255, 0, 0));
+    // The short form is the default view, drawn into the memory of the last picture let go.
+    const QImage expected = screen.copy();
+    const uchar* memory = screen.constBits();
+    screen = QImage();
+    const QImage shortForm = Await(service->GeneratePageImage(doc, 0, 300, 424));
+    EXPECT_EQ(shortForm.constBits(), memory);
+    EXPECT_EQ(shortForm, expected);
+    // Pictures outlive the service.
+    service.reset();
+    EXPECT_EQ(Pixel(shortForm, 150, 650), qRgb(0, 0, 255));
 }
 
 TEST_F(PageQueries, LinksAnswerTheFirstLinkUnderThePoint) {
@@ -130,11 +119,7 @@ TEST_F(PageQueries, UnknownIdsAnswerDefaults) {
     EXPECT_EQ(std::make_pair(info.size.width, info.size.height), std::make_pair(0.0, 0.0));
     EXPECT_EQ(Sides(info.rect), (std::array<double, 4>{0, 0, 0, 0}));
     EXPECT_TRUE(Await(service->GeneratePageImage(999, 0, 10, 10)).isNull());
-    const auto link = Await(service->HandleLink(999, 0, 310, 460));
-    EXPECT_EQ(link.pageIndex, -1);
-    EXPECT_EQ(std::make_pair(link.x, link.y), std::make_pair(0.0, 0.0));
-    EXPECT_FLOAT_EQ(link.zoom, 1.0f);
-    EXPECT_TRUE(link.uri.empty());
+    EXPECT_EQ(Await(service->HandleLink(999, 0, 310, 460)).pageIndex, -1);
     EXPECT_FALSE(Await(service->IsInsideLinkArea(999, 0, 375, 460)));
     EXPECT_EQ(Sides(Await(service->GetPageObjectBounds(999, 0, 150, 650, IPageObject::Path))),
               (std::array<double, 4>{-1, -1, -1, -1}));

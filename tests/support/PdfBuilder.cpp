@@ -2,7 +2,6 @@
 
 #include <mupdf/fitz.h>
 #include <mupdf/pdf.h>
-#include <unistd.h>
 #include <zlib.h>
 
 #include <algorithm>
@@ -12,9 +11,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <memory>
-#include <sstream>
 #include <stdexcept>
 #include <utility>
 
@@ -127,14 +126,24 @@ std::string ToLatin1(const std::string& utf8) {
     return out;
 }
 
-std::string Deflate(const std::string& data) {
-    uLongf size = compressBound(data.size());
-    std::string out(size, '\0');
-    if (compress2(reinterpret_cast<Bytef*>(out.data()), &size, reinterpret_cast<const Bytef*>(data.data()), data.size(),
-                  9) != Z_OK)
-        throw std::runtime_error("PdfBuilder: deflate failed");
-    out.resize(size);
-    return out;
+// The objects, numbered from 1, after the header, with their cross-reference
+// table and a trailer of /Size and the entries trailer() gives for the bytes so far.
+std::string LayOut(const std::vector<std::string>& objects, std::string out,
+                   const std::function<std::string(const std::string&)>& trailer) {
+    std::vector<size_t> offsets;
+    for (size_t i = 0; i < objects.size(); ++i) {
+        offsets.push_back(out.size());
+        out += std::to_string(i + 1) + " 0 obj\n" + objects[i] + "\nendobj\n";
+    }
+    const size_t xref = out.size();
+    out += "xref\n0 " + std::to_string(objects.size() + 1) + "\n0000000000 65535 f \n";
+    for (size_t offset : offsets) {
+        char entry[24];
+        std::snprintf(entry, sizeof entry, "%010zu 00000 n \n", offset);
+        out += entry;
+    }
+    return out + "trailer\n<< /Size " + std::to_string(objects.size() + 1) + trailer(out) + " >>\nstartxref\n" +
+           std::to_string(xref) + "\n%%EOF\n";
 }
 
 // Holds the objects by number and lays them out with their cross-reference table.
@@ -150,38 +159,21 @@ public:
         Set(num, std::move(body));
         return num;
     }
-    // entries: dictionary entries without << >> and without /Length.
-    int AddStream(const std::string& entries, const std::string& data) {
-        return Add("<< " + entries + (entries.empty() ? "" : " ") + "/Length " + std::to_string(data.size()) +
-                   " >>\nstream\n" + data + "\nendstream");
-    }
+    int AddStream(const std::string& entries, const std::string& data) { return Add(RawStream(entries, data)); }
 
     std::string Finish(int root) const {
-        std::string out = "%PDF-1.7\n%\xE2\xE3\xCF\xD3\n";
-        std::vector<size_t> offsets;
-        for (size_t i = 0; i < objects_.size(); ++i) {
-            offsets.push_back(out.size());
-            out += std::to_string(i + 1) + " 0 obj\n" + objects_[i] + "\nendobj\n";
-        }
-        const size_t xref = out.size();
-        out += "xref\n0 " + std::to_string(objects_.size() + 1) + "\n0000000000 65535 f \n";
-        for (size_t offset : offsets) {
-            char entry[24];
-            std::snprintf(entry, sizeof entry, "%010zu 00000 n \n", offset);
-            out += entry;
-        }
-        // A stable /ID from the body, so the same pages give the same bytes.
-        uint64_t h1 = 1469598103934665603ull, h2 = 7809847782465536322ull;
-        for (unsigned char c : out) {
-            h1 = (h1 ^ c) * 1099511628211ull;
-            h2 = (h2 ^ c) * 1099511628211ull + 1;
-        }
-        char id[40];
-        std::snprintf(id, sizeof id, "%016llX%016llX", static_cast<unsigned long long>(h1),
-                      static_cast<unsigned long long>(h2));
-        out += "trailer\n<< /Size " + std::to_string(objects_.size() + 1) + " /Root " + Ref(root) + " /ID [<" + id +
-               "> <" + id + ">] >>\nstartxref\n" + std::to_string(xref) + "\n%%EOF\n";
-        return out;
+        return LayOut(objects_, "%PDF-1.7\n%\xE2\xE3\xCF\xD3\n", [&](const std::string& body) {
+            // A stable /ID from the body, so the same pages give the same bytes.
+            uint64_t h1 = 1469598103934665603ull, h2 = 7809847782465536322ull;
+            for (unsigned char c : body) {
+                h1 = (h1 ^ c) * 1099511628211ull;
+                h2 = (h2 ^ c) * 1099511628211ull + 1;
+            }
+            char id[40];
+            std::snprintf(id, sizeof id, "%016llX%016llX", static_cast<unsigned long long>(h1),
+                          static_cast<unsigned long long>(h2));
+            return " /Root " + Ref(root) + " /ID [<" + id + "> <" + id + ">]";
+        });
     }
 
 private:
@@ -201,36 +193,20 @@ std::string DestArray(int pageRef, const std::string& mode, const std::optional<
     throw std::runtime_error("PdfBuilder: unknown destination mode " + mode);
 }
 
-struct ContextDeleter {
-    void operator()(fz_context* ctx) const { fz_drop_context(ctx); }
-};
-
-int EncryptMethod(Encryption::Method method) {
-    switch (method) {
-        case Encryption::Method::Rc4_40:
-            return PDF_ENCRYPT_RC4_40;
-        case Encryption::Method::Rc4_128:
-            return PDF_ENCRYPT_RC4_128;
-        case Encryption::Method::Aes128:
-            return PDF_ENCRYPT_AES_128;
-        case Encryption::Method::Aes256:
-            return PDF_ENCRYPT_AES_256;
-    }
-    return PDF_ENCRYPT_AES_128;
-}
-
 // Rewrites a plain file encrypted, with a context of its own so that any
 // thread can build files.
 std::string EncryptWithMupdf(const std::string& plain, const Encryption& encryption) {
     using namespace Orvane::PDF::Pdfium;
     if (encryption.userPassword.size() >= 128 || encryption.ownerPassword.size() >= 128)
         throw std::runtime_error("PdfBuilder: password longer than 127 bytes");
-    std::unique_ptr<fz_context, ContextDeleter> holder(fz_new_context(nullptr, nullptr, FZ_STORE_DEFAULT));
+    std::unique_ptr<fz_context, decltype(&fz_drop_context)> holder(fz_new_context(nullptr, nullptr, FZ_STORE_DEFAULT),
+                                                                   fz_drop_context);
     fz_context* ctx = holder.get();
     if (ctx == nullptr) throw std::runtime_error("PdfBuilder: cannot create a MuPDF context");
 
     pdf_write_options opts = pdf_default_write_options;
-    opts.do_encrypt = EncryptMethod(encryption.method);
+    const int methods[] = {PDF_ENCRYPT_RC4_40, PDF_ENCRYPT_RC4_128, PDF_ENCRYPT_AES_128, PDF_ENCRYPT_AES_256};
+    opts.do_encrypt = methods[int(encryption.method)];  // in the order of Encryption::Method
     opts.permissions = encryption.permissions;
     std::memcpy(opts.upwd_utf8, encryption.userPassword.c_str(), encryption.userPassword.size() + 1);
     std::memcpy(opts.opwd_utf8, encryption.ownerPassword.c_str(), encryption.ownerPassword.size() + 1);
@@ -461,26 +437,22 @@ void PdfBuilder::Save(const std::filesystem::path& path) const {
 }
 
 std::string RawPdf(const std::vector<std::string>& objects) {
-    std::string out = "%PDF-1.7\n";
-    std::vector<size_t> offsets;
-    for (size_t i = 0; i < objects.size(); ++i) {
-        offsets.push_back(out.size());
-        out += std::to_string(i + 1) + " 0 obj\n" + objects[i] + "\nendobj\n";
-    }
-    const size_t xref = out.size();
-    out += "xref\n0 " + std::to_string(objects.size() + 1) + "\n0000000000 65535 f \n";
-    char entry[32];
-    for (size_t offset : offsets) {
-        std::snprintf(entry, sizeof entry, "%010zu 00000 n \n", offset);
-        out += entry;
-    }
-    out += "trailer\n<< /Size " + std::to_string(objects.size() + 1) + " /Root 1 0 R >>\nstartxref\n" +
-           std::to_string(xref) + "\n%%EOF\n";
-    return out;
+    return LayOut(objects, "%PDF-1.7\n", [](const std::string&) { return std::string(" /Root 1 0 R"); });
 }
 
 std::string RawStream(const std::string& entries, const std::string& data) {
-    return "<< " + entries + " /Length " + std::to_string(data.size()) + " >>\nstream\n" + data + "\nendstream";
+    return "<< " + entries + (entries.empty() ? "" : " ") + "/Length " + std::to_string(data.size()) + " >>\nstream\n" +
+           data + "\nendstream";
+}
+
+std::string Deflate(const std::string& data) {
+    uLongf size = compressBound(data.size());
+    std::string out(size, '\0');
+    if (compress2(reinterpret_cast<Bytef*>(out.data()), &size, reinterpret_cast<const Bytef*>(data.data()), data.size(),
+                  9) != Z_OK)
+        throw std::runtime_error("PdfBuilder: deflate failed");
+    out.resize(size);
+    return out;
 }
 
 void WriteFile(const std::filesystem::path& path, const std::string& bytes) {

@@ -133,6 +133,9 @@ std::string RawStream(const std::string& entries, const std::string& data);
 // colour (0xRRGGBB).
 std::string MultiFrameTiff(int width, int height, const std::vector<uint32_t>& colours);
 
+// The zlib stream of data, as /FlateDecode reads it.
+std::string Deflate(const std::string& data);
+
 // Writes bytes to a file.
 void WriteFile(const std::filesystem::path& path, const std::string& bytes);
 std::string ReadFile(const std::filesystem::path& path);

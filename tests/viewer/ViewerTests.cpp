@@ -105,7 +105,7 @@ protected:
     ViewerWindow window{service};
 };
 
-TEST_F(ViewerTest, OpensAFileAndDrawsItsFirstPage) {
+TEST_F(ViewerTest, DrawsTheFirstPageFollowsALinkAndHighlightsAMatch) {
     Open(QuirelleTest::SamplesDir() / "sample.pdf");
     ASSERT_TRUE(WaitForPage(0));
     QuirelleView& view = window.View();
@@ -122,7 +122,28 @@ TEST_F(ViewerTest, OpensAFileAndDrawsItsFirstPage) {
     // "Go to page 2" is a link: a click there shows page 2.
     QTest::mouseClick(view.viewport(), Qt::LeftButton, Qt::NoModifier, view.MapFromPage(0, {100, 644}).toPoint());
     EXPECT_TRUE(QTest::qWaitFor([&] { return view.CurrentPage() == 1; }, kTimeout));
-    view.GoToPage(0);
+
+    // "rotated" is only on the third page, which is turned by 90 degrees.
+    QTest::keyClick(&window, Qt::Key_F, Qt::ControlModifier);
+    ASSERT_TRUE(window.Find().isVisible());
+    QTest::keyClicks(window.Find().Field(), "rotated");
+    QSignalSpy finished(&window.Find(), &FindBar::SearchFinished);
+    QTest::keyClick(window.Find().Field(), Qt::Key_Return);
+    ASSERT_TRUE(finished.wait(kTimeout));
+    EXPECT_EQ(finished.first().first().toInt(), 1);
+    EXPECT_EQ(view.CurrentPage(), 2);
+    ASSERT_TRUE(WaitForPage(2));
+    const auto text = service.GetPageTextObject(window.Document(), 2).get();
+    const Rect hit = text->FindText(L"rotated", 0).at(0).bounds;
+    // Inside the match: white paper under the match's yellow and the current match's orange.
+    const QImage shot = window.grab().toImage();
+    const QRectF box = QRectF(InWindow(view.MapFromPage(2, {hit.left, hit.top})),
+                              InWindow(view.MapFromPage(2, {hit.right, hit.bottom})))
+                           .normalized();
+    int orange = 0;
+    for (int y = int(box.top()) + 1; y < box.bottom() - 1; ++y)
+        for (int x = int(box.left()) + 1; x < box.right() - 1; ++x) orange += Near(shot.pixelColor(x, y), 0xFFA83C, 12);
+    EXPECT_GT(orange, box.width() * box.height() / 4) << "box " << box.width() << "x" << box.height();
 }
 
 TEST_F(ViewerTest, ScrollingToTheEndAsksOnlyForPagesInViewAndWithdrawsTheRest) {
@@ -172,33 +193,6 @@ TEST_F(ViewerTest, ScrollingToTheEndAsksOnlyForPagesInViewAndWithdrawsTheRest) {
     EXPECT_TRUE(end.count(39));
     std::lock_guard<std::mutex> lock(answers.mutex);
     for (unsigned page : passed) EXPECT_EQ(answers.images.count(page), 0u) << "withdrawn page " << page << " drawn";
-}
-
-TEST_F(ViewerTest, FindBarHighlightsTheMatchOnItsPage) {
-    Open(QuirelleTest::SamplesDir() / "sample.pdf");
-    ASSERT_TRUE(WaitForPage(0));
-    // "rotated" is only on the third page, which is turned by 90 degrees.
-    QTest::keyClick(&window, Qt::Key_F, Qt::ControlModifier);
-    ASSERT_TRUE(window.Find().isVisible());
-    QTest::keyClicks(window.Find().Field(), "rotated");
-    QSignalSpy finished(&window.Find(), &FindBar::SearchFinished);
-    QTest::keyClick(window.Find().Field(), Qt::Key_Return);
-    ASSERT_TRUE(finished.wait(kTimeout));
-    EXPECT_EQ(finished.first().first().toInt(), 1);
-    EXPECT_EQ(window.View().CurrentPage(), 2);
-    ASSERT_TRUE(WaitForPage(2));
-
-    const auto text = service.GetPageTextObject(window.Document(), 2).get();
-    const Rect hit = text->FindText(L"rotated", 0).at(0).bounds;
-    // Inside the match: white paper under the match's yellow and the current match's orange.
-    const QImage shot = window.grab().toImage();
-    const QRectF box = QRectF(InWindow(window.View().MapFromPage(2, {hit.left, hit.top})),
-                              InWindow(window.View().MapFromPage(2, {hit.right, hit.bottom})))
-                           .normalized();
-    int orange = 0;
-    for (int y = int(box.top()) + 1; y < box.bottom() - 1; ++y)
-        for (int x = int(box.left()) + 1; x < box.right() - 1; ++x) orange += Near(shot.pixelColor(x, y), 0xFFA83C, 12);
-    EXPECT_GT(orange, box.width() * box.height() / 4) << "box " << box.width() << "x" << box.height();
 }
 
 TEST_F(ViewerTest, DraggingAThumbnailMovesThePageAndSaveKeepsTheOrder) {
