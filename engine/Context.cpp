@@ -206,7 +206,8 @@ void unlockEngine(void*, int lock) {
 // ---- sole use ----
 
 std::mutex soleMutex;
-std::condition_variable soleEnded;
+// Never destroyed: a document in static storage may be let go of at exit.
+std::condition_variable& soleEnded = *new std::condition_variable;
 int contextThreads = 0;     // threads holding a context (InitLibrary); guarded by soleMutex
 int waitingThreads = 0;     // threads waiting for a sole use to end; guarded by soleMutex
 std::thread::id soleThread;  // the thread in a sole use, if any; guarded by soleMutex

@@ -25,6 +25,9 @@ class IFontProvider {
 public:
     virtual ~IFontProvider() = default;
     // Path of a font file for the family and style, or empty if there is none.
+    // Called on a worker while it opens or draws a page: it must not wait for
+    // another thread that is starting to use the engine (another service's
+    // requests, say).
     virtual std::string FindFontFile(const std::string& family, bool bold, bool italic) const = 0;
 };
 
