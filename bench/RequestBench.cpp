@@ -3,10 +3,14 @@
 //                             the future (the whole round trip);
 //   the same page information read from the engine on the calling thread
 //                             (the work inside that round trip);
+//   GetPageInfo after 5 ms    the same round trip when the caller asks after
+//                             5 ms of its own work (painting, say): the worker
+//                             has gone to sleep by then and must be woken;
 //   GetPageCount(id)          an immediate query under the service's lock.
 
 #include <benchmark/benchmark.h>
 
+#include <chrono>
 #include <string>
 #include <tuple>
 
@@ -27,6 +31,23 @@ void ServicePageInfo(benchmark::State& st, size_t input) {
     }
     for (auto _ : st) {
         Orvane::PDF::IPDFProvider::PageInfo info = service.GetPageInfo(id, 0).get();
+        benchmark::DoNotOptimize(info);
+    }
+}
+
+// The caller keeps its core busy between requests, as while it paints the
+// last answer; only the request is timed.
+void ServicePageInfoAfterWork(benchmark::State& st, size_t input) {
+    if (!Ready(st)) return;
+    Orvane::PDF::Quirelle& service = Service();
+    const Orvane::int64 id = Inputs()[input].serviceId;
+    for (auto _ : st) {
+        const auto busyUntil = std::chrono::steady_clock::now() + std::chrono::milliseconds(5);
+        while (std::chrono::steady_clock::now() < busyUntil) {
+        }
+        const auto start = std::chrono::steady_clock::now();
+        Orvane::PDF::IPDFProvider::PageInfo info = service.GetPageInfo(id, 0).get();
+        st.SetIterationTime(std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
         benchmark::DoNotOptimize(info);
     }
 }
@@ -70,6 +91,12 @@ void ServicePageCount(benchmark::State& st, size_t input) {
                 ->ComputeStatistics("min", Fastest)
                 ->Unit(unit);
         }
+        benchmark::RegisterBenchmark((prefix + "GetPageInfo/service_after_5ms_of_work").c_str(),
+                                     ServicePageInfoAfterWork, input)
+            ->UseManualTime()
+            ->Iterations(200)
+            ->ComputeStatistics("min", Fastest)
+            ->Unit(benchmark::kMicrosecond);
     }
     return true;
 }();
