@@ -78,11 +78,10 @@ void DisplayListCache::Store(fz_context* ctx, const PageKey& key, const Recordin
         }
         if (const auto same = index_.find(key); same != index_.end()) UnlinkLocked(same->second, dropped);
         const size_t limit = PageCacheLimit();
-        if (bytes <= limit) {
+        if (bytes <= limit && IndexLocked(key, newest == generations_.end())) {
             EvictLocked(limit - bytes, dropped);
             entries_.splice(entries_.begin(), fresh);
-            index_[key] = entries_.begin();
-            if (newest == generations_.end()) generations_[key.document] = key.generation;
+            index_[key] = entries_.begin();  // the slot is there: no allocation
             bytes_ += bytes;
         } else {
             EvictLocked(limit, dropped);
@@ -113,6 +112,17 @@ void DisplayListCache::Trim(fz_context* ctx) {
 size_t DisplayListCache::Bytes() {
     std::lock_guard<std::mutex> lock(mutex_);
     return bytes_;
+}
+
+bool DisplayListCache::IndexLocked(const PageKey& key, bool newGeneration) noexcept {
+    try {
+        index_.emplace(key, entries_.end());
+        if (newGeneration) generations_[key.document] = key.generation;
+        return true;
+    } catch (...) {
+        index_.erase(key);
+        return false;  // not kept, and nothing else changed
+    }
 }
 
 void DisplayListCache::UnlinkLocked(Entries::iterator entry, Entries& dropped) {

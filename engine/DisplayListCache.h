@@ -86,6 +86,9 @@ private:
         size_t operator()(const PageKey& key) const noexcept;
     };
 
+    // Makes room in the index for key (and notes a document's new
+    // generation); false when there is no memory for it.
+    bool IndexLocked(const PageKey& key, bool newGeneration) noexcept;
     // Unlink entries under the lock, into dropped; the caller drops them
     // after it.
     void UnlinkLocked(Entries::iterator entry, Entries& dropped);
