@@ -66,7 +66,8 @@ private:
             const auto now = std::chrono::steady_clock::now();
             while (!deadlines.empty() && deadlines.begin()->first <= now) {
                 auto [cookie, expired] = deadlines.begin()->second;
-                cookie->abort = 1;
+                // MuPDF polls the flag from the thread that draws.
+                __atomic_store_n(&cookie->abort, 1, __ATOMIC_RELEASE);
                 *expired = true;
                 deadlines.erase(deadlines.begin());
             }
