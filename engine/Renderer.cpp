@@ -39,6 +39,12 @@ constexpr long kBandPixels = 300'000;
 // drawing dense text at the same time spend more time passing those locks
 // between cores than they save.
 constexpr double kBandGlyphsPerMegapixel = 3000;
+// A page's first picture is drawn right after its recording, with every glyph
+// new to the glyph cache: made one by one in FreeType under MuPDF's FreeType
+// lock, where bands wait for each other. Below this size (a page at 200 dpi)
+// bands then lose more than they gain, and the first picture is drawn in one
+// piece.
+constexpr long kFirstPictureBandPixels = 4'000'000;
 // About the size of a band of a large picture, well within a core's cache.
 constexpr size_t kBandBytes = 4 << 20;
 constexpr int kMostBandsPerThread = 16;
@@ -208,7 +214,8 @@ public:
         if (fresh && keep) cache.Store(ctx_, key, *recording, bytes);
 
         std::vector<int> seams;
-        if (banded && !GlyphBound(*recording, target)) {
+        const bool coldGlyphs = fresh && long(target.width) * target.height < kFirstPictureBandPixels;
+        if (banded && !coldGlyphs && !GlyphBound(*recording, target)) {
             seams = ChooseSeams(*recording->guards, bounds.y0, scaleY, std::max(scaleX, scaleY), target.height,
                                 BandCount(target));
         }
