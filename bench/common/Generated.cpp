@@ -1,7 +1,6 @@
 #include "common/Generated.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <map>
 #include <optional>
 #include <string>
@@ -105,7 +104,7 @@ void WriteHugeDocument(const fs::path& path, int pages) {
         objects.push_back(std::move(body));
         return static_cast<int>(objects.size());
     };
-    const int catalog = add("");  // filled in at the end
+    const int catalog = add("");  // object 1, the root RawPdf names; filled in at the end
     const int font = add("<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica >>");
     const std::string text = "BT /F1 24 Tf 72 720 Td (One of many pages) Tj ET";
     const int content = add("<< /Length " + std::to_string(text.size()) + " >>\nstream\n" + text + "\nendstream");
@@ -147,22 +146,7 @@ void WriteHugeDocument(const fs::path& path, int pages) {
     }
     objects[catalog - 1] = "<< /Type /Catalog /Pages " + std::to_string(root) + " 0 R >>";
 
-    std::string file = "%PDF-1.4\n%\xE2\xE3\xCF\xD3\n";
-    std::vector<size_t> offsets;
-    for (size_t i = 0; i < objects.size(); ++i) {
-        offsets.push_back(file.size());
-        file += std::to_string(i + 1) + " 0 obj\n" + objects[i] + "\nendobj\n";
-    }
-    const size_t xref = file.size();
-    file += "xref\n0 " + std::to_string(objects.size() + 1) + "\n0000000000 65535 f \n";
-    char entry[32];
-    for (size_t offset : offsets) {
-        std::snprintf(entry, sizeof entry, "%010zu 00000 n \n", offset);
-        file += entry;
-    }
-    file += "trailer\n<< /Size " + std::to_string(objects.size() + 1) + " /Root " + std::to_string(catalog) +
-            " 0 R >>\nstartxref\n" + std::to_string(xref) + "\n%%EOF\n";
-    QuirelleTest::WriteFile(path, file);
+    QuirelleTest::WriteFile(path, QuirelleTest::RawPdf(objects));
 }
 
 // Pages of running text (30 lines each), the needle on every 10th page.
