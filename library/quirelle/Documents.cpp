@@ -25,20 +25,6 @@ bool IsImageExtension(const Orvane::ioPath& path) {
     return false;
 }
 
-// Removes from queue every element that matches, keeping the order of the
-// others; the removed work moves to discarded, to be destroyed unlocked.
-template <class List, class Matches>
-void PurgeFrom(List& queue, Matches&& matches, std::vector<std::shared_ptr<void>>& discarded) {
-    for (auto it = queue.begin(); it != queue.end();) {
-        if (matches(*it)) {
-            discarded.push_back(std::make_shared<typename List::value_type>(std::move(*it)));
-            it = queue.erase(it);
-        } else {
-            ++it;
-        }
-    }
-}
-
 }  // namespace
 
 IPDFProvider::OpenDocInfo Quirelle::Impl::OpenDocument(const OpenDocumentTask& task) {
@@ -103,23 +89,24 @@ std::future<void> Quirelle::Impl::EnqueueClose(const int64_t& id) {
     std::future<void> future = work.get_future();
     std::list<SearchRequest> stopped;  // destroyed after the lock is released
     {
-        std::lock_guard<std::mutex> lock(queueMutex);
+        MutexLock lock(queueMutex);
         // Stops the search whose search id equals the document id (the two
         // counters are separate, so not necessarily a search of this
         // document); the document's own searches end at their next step.
         StopSearchLocked(id, stopped);
-        closeQueue.push_back({id, std::move(work)});
+        closeQueue.Add(queueMutex, {id, std::move(work)});
     }
     Wake();
     return future;
 }
 
 void Quirelle::Impl::CloseDocument(const int64_t& id) {
-    std::vector<std::shared_ptr<void>> discarded;
+    Discarded discarded;
     std::shared_ptr<IDocument> closing;
     {
-        std::lock_guard<std::mutex> lock(queueMutex);
-        PurgeQueuedWork(id, discarded);
+        MutexLock lock(queueMutex);
+        // Every queue, each by its own rule (see the table of queues).
+        queues.Purge(queueMutex, id, discarded);
         auto found = documents.find(id);
         if (found != documents.end()) {
             closing = std::move(found->second);
@@ -130,34 +117,6 @@ void Quirelle::Impl::CloseDocument(const int64_t& id) {
     // here unless a task elsewhere still holds it.
     discarded.clear();
     closing.reset();
-}
-
-void Quirelle::Impl::PurgeQueuedWork(const int64_t& id, std::vector<std::shared_ptr<void>>& discarded) {
-    auto byId = [id](const auto& item) { return item.record.id == id; };
-    auto byIdField = [id](const auto& item) { return item.id == id; };
-    auto byPlainId = [id](const auto& item) { return item.record == id; };
-    PurgeFrom(pageInfoRequests, byIdField, discarded);
-    PurgeFrom(pageInfoQueue, byId, discarded);
-    for (PendingImages& pending : pendingImages) {
-        for (auto it = pending.begin(); it != pending.end();) it = it->id == id ? pending.erase(it) : std::next(it);
-    }
-    PurgeFrom(pageImageQueue, byId, discarded);
-    PurgeFrom(objectBoundsQueue, byId, discarded);
-    PurgeFrom(textObjectQueue, byId, discarded);
-    PurgeFrom(rotationQueue, byId, discarded);
-    PurgeFrom(callerWorkQueue, byIdField, discarded);
-    PurgeFrom(
-        importQueue, [id](const auto& item) { return item.record.sourceId == id || item.record.targetId == id; },
-        discarded);
-    PurgeFrom(saveQueue, byId, discarded);
-    PurgeFrom(exportQueue, byId, discarded);
-    PurgeFrom(moveQueue, byId, discarded);
-    PurgeFrom(deleteQueue, byId, discarded);
-    PurgeFrom(blankPageQueue, byPlainId, discarded);
-    PurgeFrom(linkAreaQueue, byId, discarded);
-    PurgeFrom(linkQueue, byId, discarded);
-    // Opens are never purged, and a second close of the same id stays queued:
-    // it finds nothing to close and completes normally.
 }
 
 }  // namespace Orvane::PDF
