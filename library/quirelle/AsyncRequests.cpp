@@ -48,11 +48,7 @@ void Quirelle::Impl::RemovePendingPageImage(const PageImageTask& key) {
 }
 
 void Quirelle::Impl::ServePageInfoRequest() {
-    std::optional<PageInfoRequest> taken;
-    {
-        MutexLock lock(queueMutex);
-        taken = pageInfoRequests.TakeFirst(queueMutex);
-    }
+    const std::optional<PageInfoRequest> taken = TakeFirst(pageInfoRequests);
     if (!taken) return;
     const PageInfoRequest& request = *taken;
     try {
@@ -74,11 +70,7 @@ void Quirelle::Impl::ServePageInfoRequest() {
 }
 
 void Quirelle::Impl::ServePendingImage(PendingImageQueue& pending) {
-    std::optional<PageImageTask> taken;
-    {
-        MutexLock lock(queueMutex);
-        taken = pending.TakeFirst(queueMutex);
-    }
+    const std::optional<PageImageTask> taken = TakeFirst(pending);
     if (!taken) return;
     const PageImageTask& request = *taken;
     const QImage image = RenderPageImage(FindDocument(request.id), request);

@@ -126,35 +126,35 @@ std::future<void> Quirelle::AddBlankPage(const int64& id, unsigned index, int wi
 }
 
 Orvane::ioPath Quirelle::GetDocumentPath(const int64& id) {
-    return impl->WithOpenDocument(id, [](IDocument& document) { return document.GetDocumentPath(); });
+    return impl->WithOpenDocument(id, &IDocument::GetDocumentPath);
 }
 
 bool Quirelle::IsProtected(const int64& id) {
-    return impl->WithOpenDocument(id, [](IDocument& document) { return document.IsProtected(); });
+    return impl->WithOpenDocument(id, &IDocument::IsProtected);
 }
 
 bool Quirelle::IsEditContentProtected(const int64& id) {
-    return impl->WithOpenDocument(id, [](IDocument& document) { return document.IsEditContentProtected(); });
+    return impl->WithOpenDocument(id, &IDocument::IsEditContentProtected);
 }
 
 bool Quirelle::IsEditPagesProtected(const int64& id) {
-    return impl->WithOpenDocument(id, [](IDocument& document) { return document.IsEditPagesProtected(); });
+    return impl->WithOpenDocument(id, &IDocument::IsEditPagesProtected);
 }
 
 bool Quirelle::IsExtractingPagesProtected(const int64& id) {
-    return impl->WithOpenDocument(id, [](IDocument& document) { return document.IsExtractingPagesProtected(); });
+    return impl->WithOpenDocument(id, &IDocument::IsExtractingPagesProtected);
 }
 
 bool Quirelle::IsCopyTextAndGraphicsProtected(const int64& id) {
-    return impl->WithOpenDocument(id, [](IDocument& document) { return document.IsCopyTextAndGraphicsProtected(); });
+    return impl->WithOpenDocument(id, &IDocument::IsCopyTextAndGraphicsProtected);
 }
 
 bool Quirelle::IsPrintProtected(const int64& id) {
-    return impl->WithOpenDocument(id, [](IDocument& document) { return document.IsPrintProtected(); });
+    return impl->WithOpenDocument(id, &IDocument::IsPrintProtected);
 }
 
 bool Quirelle::IsPrintLowResolution(const int64& id) {
-    return impl->WithOpenDocument(id, [](IDocument& document) { return document.IsPrintLowResolution(); });
+    return impl->WithOpenDocument(id, &IDocument::IsPrintLowResolution);
 }
 
 std::future<IPDFProvider::DestinationLinkInfo> Quirelle::HandleLink(const int64& id, unsigned page, int x, int y) {

@@ -156,7 +156,7 @@ private:
 
     // ---- immediate operations (caller's thread, under queueMutex) ----
 
-    // Runs query with the open document, under the lock. Throws
+    // Runs query (a callable or a member of IDocument) with the open document, under the lock. Throws
     // std::invalid_argument("Invalid doc handle") for an id that is not open.
     template <class Query>
     auto WithOpenDocument(const int64_t& id, Query&& query) EXCLUDES(queueMutex);
@@ -194,6 +194,12 @@ private:
     bool WaitForWork() EXCLUDES(queueMutex);
     bool HasWork() const REQUIRES(queueMutex) { return queues.AnyWork(queueMutex); }
     void ServePass();
+    // The first element of queue, taken under the lock, if there is one.
+    template <class Queue>
+    auto TakeFirst(Queue& queue) EXCLUDES(queueMutex) {
+        MutexLock lock(queueMutex);
+        return queue.TakeFirst(queueMutex);
+    }
     template <class Record, class Result>
     void ServeOne(Requests<Record, Result>& queue) EXCLUDES(queueMutex);
     void ServeCallerWork() EXCLUDES(queueMutex);
@@ -333,16 +339,12 @@ auto Quirelle::Impl::WithOpenDocument(const int64_t& id, Query&& query) {
     MutexLock lock(queueMutex);
     auto found = documents.find(id);
     if (found == documents.end() || !found->second) throw std::invalid_argument("Invalid doc handle");
-    return query(*found->second);
+    return std::invoke(std::forward<Query>(query), *found->second);
 }
 
 template <class Record, class Result>
 void Quirelle::Impl::ServeOne(Requests<Record, Result>& queue) {
-    std::optional<Queued<Record, Result>> item;
-    {
-        MutexLock lock(queueMutex);
-        item = queue.TakeFirst(queueMutex);
-    }
+    std::optional<Queued<Record, Result>> item = TakeFirst(queue);
     if (!item) return;
     const Pdfium::RequestBudget budget;
     item->Run();

@@ -41,11 +41,7 @@ void Quirelle::Impl::StopSearchLocked(const int64_t& searchId, std::list<SearchR
 }
 
 void Quirelle::Impl::ServeSearchStep() {
-    std::optional<SearchRequest> taken;
-    {
-        MutexLock lock(queueMutex);
-        taken = searches.TakeFirst(queueMutex);
-    }
+    std::optional<SearchRequest> taken = TakeFirst(searches);
     if (!taken) return;
     SearchRequest& request = *taken;
     try {

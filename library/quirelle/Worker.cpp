@@ -107,11 +107,7 @@ void Quirelle::Impl::ServePass() {
 }
 
 void Quirelle::Impl::ServeCallerWork() {
-    std::optional<CallerWork> item;
-    {
-        MutexLock lock(queueMutex);
-        item = callerWorkQueue.TakeFirst(queueMutex);
-    }
+    std::optional<CallerWork> item = TakeFirst(callerWorkQueue);
     if (!item) return;
     std::shared_ptr<IDocument> document = FindDocument(item->id);
     const Pdfium::RequestBudget budget;
