@@ -122,7 +122,6 @@ public:
         bool operator()(const PageImageTask& a, const PageImageTask& b) const { return a.page < b.page; }
     };
     using PendingImages = std::set<PageImageTask, ByPageIndex>;
-
     using PendingImageQueue = WorkQueue<PageImageTask, PendingImages>;
 
     struct SearchRequest {
@@ -261,7 +260,9 @@ private:
     // The queues, in the order the worker serves them (ServePass is that
     // order). Each enters this table as it is built: a queue declared here is
     // counted by the test for work, purged by a close (by its rule: which
-    // records concern the closed document) and dropped at shutdown.
+    // records concern the closed document) and dropped at shutdown. A new
+    // kind of task takes its record (above), its line here and its line in
+    // ServePass; its operation is then one Enqueue in the facade.
     QueueTable queues;
     // clang-format off
     //       element type, name                                     table   purged on close by

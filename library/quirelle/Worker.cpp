@@ -2,8 +2,9 @@
 //
 // One pass serves every queue once, in the fixed order of ServePass, taking at
 // most one task from each: every kind of work advances by one task a pass and
-// none can starve another. The worker sleeps only when every queue and both
-// pending-image sets are empty; stop requests alone never start a pass.
+// none can starve another. The worker sleeps only when every queue of Impl's
+// table is empty (the two pending-image sets among them); stop requests alone
+// never start a pass.
 
 #include <chrono>
 #include <system_error>
