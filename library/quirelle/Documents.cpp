@@ -11,19 +11,10 @@
 #include "engine/Engine.h"
 #include "engine/PdfDocument.h"
 #include "orvane/Exception.h"
+#include "orvane/pdf/ImageFiles.h"
 
 namespace Orvane::PDF {
 namespace {
-
-bool IsImageExtension(const Orvane::ioPath& path) {
-    std::string extension = path.extension().utf8string();
-    std::transform(extension.begin(), extension.end(), extension.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    for (const char* image : {".png", ".jpg", ".jpeg", ".bmp", ".tif", ".tiff"}) {
-        if (extension == image) return true;
-    }
-    return false;
-}
 
 // Removes from queue every element that matches, keeping the order of the
 // others; the removed work moves to discarded, to be destroyed unlocked.
@@ -47,7 +38,7 @@ IPDFProvider::OpenDocInfo Quirelle::Impl::OpenDocument(const OpenDocumentTask& t
     std::shared_ptr<IDocument> document;
     const Pdfium::SoleUse sole;
     try {
-        if (IsImageExtension(path)) {
+        if (IsImageFileExtension(path.extension().utf8string())) {
             document = CreateImageDocument(path);
         } else if (path.empty()) {
             document = std::make_shared<Pdfium::PdfDocument>(fontProvider);

@@ -19,8 +19,7 @@ int main(int argc, char** argv) {
     } else {
         QTimer::singleShot(0, &window, [&window] {
             const QString path =
-                QFileDialog::getOpenFileName(&window, QObject::tr("Open"), QString(),
-                                             QObject::tr("Documents (*.pdf *.png *.jpg *.jpeg *.bmp *.tif *.tiff)"));
+                QFileDialog::getOpenFileName(&window, QObject::tr("Open"), QString(), Orvane::PDF::ViewerWindow::OpenFilter());
             if (!path.isEmpty()) window.OpenFile(path);
         });
     }

@@ -109,6 +109,22 @@ void Pipelined(const std::vector<unsigned>& pages, size_t depth, Make make, Use 
     }
 }
 
+// The paper sizes known by name, in points, short side first.
+struct Paper {
+    const char* name;
+    double shortSide, longSide;
+};
+extern const std::vector<Paper> kPapers;
+// The paper whose name is name (any case), or whose size is size within 2
+// points either way; nullptr if none.
+const Paper* FindPaper(const std::string& name);
+const Paper* FindPaper(const Orvane::PDF::Size& size);
+
+// The papers' names, "A3, A4, ..., Executive".
+std::string PaperNames();
+// The image files' extensions, ".png .jpg ... .tiff".
+std::string ImageExtensions();
+
 // "[left top right bottom]" in points, one decimal.
 std::string FormatRect(const Orvane::PDF::Rect& rect);
 

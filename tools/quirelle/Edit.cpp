@@ -43,22 +43,17 @@ std::string Pages(size_t count) {
     return std::to_string(count) + (count == 1 ? " page" : " pages");
 }
 
-// "A4", "letter", "595x842" (points) as width and height.
+// A paper's name ("A4", "letter": portrait) or WIDTHxHEIGHT in points.
 Size ParsePageSize(const std::string& text) {
-    std::string lower = text;
-    std::transform(lower.begin(), lower.end(), lower.begin(), [](unsigned char c) { return std::tolower(c); });
-    if (lower == "a4") return {595, 842};
-    if (lower == "a3") return {842, 1191};
-    if (lower == "a5") return {420, 595};
-    if (lower == "letter") return {612, 792};
-    if (lower == "legal") return {612, 1008};
+    if (const Paper* paper = FindPaper(text)) return {paper->shortSide, paper->longSide};
     double width = 0, height = 0;
     char end = 0;
-    if (std::sscanf(lower.c_str(), "%lfx%lf%c", &width, &height, &end) == 2 && width >= 1 && height >= 1 &&
+    if (std::sscanf(text.c_str(), "%lf%*[xX]%lf%c", &width, &height, &end) == 2 && width >= 1 && height >= 1 &&
         width <= 14400 && height <= 14400) {
         return {std::round(width), std::round(height)};
     }
-    throw UsageError("--size " + text + ": write A4, A3, A5, Letter, Legal or WIDTHxHEIGHT in points (1 to 14400)");
+    throw UsageError("--size " + text + ": write a paper (" + PaperNames() +
+                     ") or WIDTHxHEIGHT in points (1 to 14400)");
 }
 
 }  // namespace
@@ -192,13 +187,8 @@ int RunImagesToPdf(Session& session, const ImagesOptions& options) {
     const int64 target = service.CreateDocument().get().id;
     Progress progress("converting", static_cast<unsigned>(options.images.size()));
     for (const std::string& image : options.images) {
-        std::string extension = fs::path(image).extension().string();
-        std::transform(extension.begin(), extension.end(), extension.begin(),
-                       [](unsigned char c) { return std::tolower(c); });
-        if (extension != ".png" && extension != ".jpg" && extension != ".jpeg" && extension != ".bmp" &&
-            extension != ".tif" && extension != ".tiff") {
-            throw UsageError(image + ": not an image file name (.png .jpg .jpeg .bmp .tif .tiff)");
-        }
+        if (!IsImageFileExtension(fs::path(image).extension().string()))
+            throw UsageError(image + ": not an image file name (" + ImageExtensions() + ")");
         const int64 source = session.Open(image, "");
         service.ImportAllPages(source, target, -1).get();
         service.CloseDoument(source).get();

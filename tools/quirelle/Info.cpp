@@ -32,19 +32,8 @@ std::string Span(const SizeGroup& group) {
     return group.first == group.last ? first : first + "-" + std::to_string(group.last + 1);
 }
 
-struct Paper {
-    const char* name;
-    double shortSide, longSide;
-};
-constexpr Paper kPapers[] = {{"A3", 842, 1191},      {"A4", 595, 842},       {"A5", 420, 595},
-                             {"B5", 499, 709},       {"Letter", 612, 792},   {"Legal", 612, 1008},
-                             {"Tabloid", 792, 1224}, {"Executive", 522, 756}};
-
 std::string PaperName(const Size& size) {
-    const double shortSide = std::min(size.width, size.height), longSide = std::max(size.width, size.height);
-    for (const Paper& paper : kPapers) {
-        if (std::abs(shortSide - paper.shortSide) < 2 && std::abs(longSide - paper.longSide) < 2) return paper.name;
-    }
+    if (const Paper* paper = FindPaper(size)) return paper->name;
     char text[64];
     std::snprintf(text, sizeof text, "%g x %g pt", std::round(size.width * 10) / 10, std::round(size.height * 10) / 10);
     return text;

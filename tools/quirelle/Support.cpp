@@ -1,6 +1,7 @@
 // Page ranges, the progress bar, opening and saving documents, and the
 // engine limits: what every subcommand shares.
 
+#include <strings.h>
 #include <unistd.h>
 
 #include <QString>
@@ -8,18 +9,13 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <cmath>
 #include <cstring>
 #include <fstream>
 #include <iostream>
 #include <set>
 
 #include "Cli.h"
-
-// ENGINE LIMITS HOOK (see ApplyEngineLimits): on by itself once the library has the header.
-#if __has_include(<orvane/pdf/EngineLimits.h>)
-#include <orvane/pdf/EngineLimits.h>
-#define QUIRELLE_CLI_ENGINE_LIMITS 1
-#endif
 
 namespace QuirelleCli {
 
@@ -118,6 +114,38 @@ void CheckWritable(const fs::path& path) {
     }
 }
 
+const std::vector<Paper> kPapers = {{"A3", 842, 1191},      {"A4", 595, 842},       {"A5", 420, 595},
+                                     {"B5", 499, 709},       {"Letter", 612, 792},   {"Legal", 612, 1008},
+                                     {"Tabloid", 792, 1224}, {"Executive", 522, 756}};
+
+const Paper* FindPaper(const std::string& name) {
+    for (const Paper& paper : kPapers) {
+        if (strcasecmp(paper.name, name.c_str()) == 0) return &paper;
+    }
+    return nullptr;
+}
+
+const Paper* FindPaper(const Orvane::PDF::Size& size) {
+    const double shortSide = std::min(size.width, size.height), longSide = std::max(size.width, size.height);
+    for (const Paper& paper : kPapers) {
+        if (std::abs(shortSide - paper.shortSide) < 2 && std::abs(longSide - paper.longSide) < 2) return &paper;
+    }
+    return nullptr;
+}
+
+std::string PaperNames() {
+    std::string names;
+    for (const Paper& paper : kPapers) names += (names.empty() ? "" : ", ") + std::string(paper.name);
+    return names;
+}
+
+std::string ImageExtensions() {
+    std::string names;
+    for (std::string_view extension : Orvane::PDF::kImageFileExtensions)
+        names += (names.empty() ? "" : " ") + std::string(extension);
+    return names;
+}
+
 std::string FormatRect(const Orvane::PDF::Rect& rect) {
     char text[128];
     std::snprintf(text, sizeof text, "[%.1f %.1f %.1f %.1f]", rect.left, rect.top, rect.right, rect.bottom);
@@ -193,20 +221,12 @@ void Session::SaveAs(int64 id, const fs::path& out) {
     }
 }
 
-// ENGINE LIMITS HOOK: the process-wide limits come with the header
-// orvane/pdf/EngineLimits.h, which <Quirelle> includes once the library has
-// it; until then the options are accepted and ignored with a warning.
 void ApplyEngineLimits(unsigned timeBudgetMs, unsigned memoryLimitMb) {
     if (timeBudgetMs == 0 && memoryLimitMb == 0) return;
-#ifdef QUIRELLE_CLI_ENGINE_LIMITS
     Orvane::PDF::EngineLimits limits = Orvane::PDF::GetEngineLimits();
     if (timeBudgetMs) limits.timeBudget = std::chrono::milliseconds(timeBudgetMs);
     if (memoryLimitMb) limits.memoryLimitBytes = static_cast<std::size_t>(memoryLimitMb) << 20;
     Orvane::PDF::SetEngineLimits(limits);
-#else
-    std::cerr << "quirelle: warning: this library has no engine limits; --time-budget and --memory-limit are "
-                 "ignored\n";
-#endif
 }
 
 }  // namespace QuirelleCli

@@ -113,15 +113,15 @@ int main(int argc, char** argv) {
     blankCommand->add_option("FILE", edit.file, "PDF file")->required();
     blankCommand->add_option("--at", edit.at, "N, from 1 to the page count + 1")->required();
     blankCommand->add_option("--size", edit.size,
-                             "A4, A3, A5, Letter, Legal or WIDTHxHEIGHT in points; by default the size of the page "
-                             "it goes before");
+                             PaperNames() +
+                                 " or WIDTHxHEIGHT in points; by default the size of the page it goes before");
     AddDestination(blankCommand, edit.destination);
 
     ImagesOptions images;
     auto* imagesCommand = app.add_subcommand(
         "images-to-pdf", "make a PDF of images, one page per image (per frame of a TIFF), one point per pixel");
     imagesCommand->add_option("OUT", images.out, "the new file")->required();
-    imagesCommand->add_option("IMAGE", images.images, ".png .jpg .jpeg .bmp .tif .tiff")->required();
+    imagesCommand->add_option("IMAGE", images.images, ImageExtensions())->required();
 
     try {
         app.parse(argc, argv);
