@@ -197,6 +197,23 @@ TEST_F(Cli, Render) {
     });
 }
 
+// Only --out and --in-place name a file to write: the old form with the new
+// file first, or an output that is one of the inputs, changes nothing.
+TEST_F(Cli, NoCommandWritesOverItsInputs) {
+    RunAll({
+        {"export doc.pdf 3,1 --out two.pdf", 0, ""},
+        {"merge two.pdf doc.pdf", 2, "", "say where the result goes: quirelle merge two.pdf doc.pdf --out NEW.pdf"},
+        {"images-to-pdf scan.tiff scan.tiff", 2, "", "quirelle images-to-pdf scan.tiff scan.tiff --out NEW.pdf"},
+        {"merge doc.pdf two.pdf:1 --out two.pdf", 2, "", "two.pdf: is an input of the command"},
+        {"export two.pdf 1 --out ./two.pdf", 2, "", "./two.pdf: is the same file as two.pdf, an input"},
+        {"rotate two.pdf 1 --by 90 --out two.pdf", 2, "", "to change the file itself, use --in-place"},
+        {"images-to-pdf scan.tiff --out scan.tiff", 2, "", "scan.tiff: is an input"},
+        {"rotate scan.tiff 1 --by 90 --in-place", 2, "", "scan.tiff: an image file cannot be replaced by a PDF"},
+        {"text two.pdf", 0, "Page 3\nQuirelle and quirelle\n\fPage 1\n"},
+        {"info scan.tiff", 0, "pages:       3\n"},
+    });
+}
+
 TEST_F(Cli, EditsWriteNewFilesOrInPlace) {
     RunAll({
         {"export doc.pdf 3,1 --out two.pdf", 0, "two.pdf: 2 pages exported from doc.pdf\n"},
@@ -205,12 +222,12 @@ TEST_F(Cli, EditsWriteNewFilesOrInPlace) {
         {"export locked.pdf 1 --password secret --out x.pdf", 1, "", "does not allow extracting its pages"},
         {"export locked.pdf 2,1 --password owner --out unlocked.pdf", 0, ""},
         {"text unlocked.pdf", 0, "Page 2\n\fPage 1\n"},
-        {"merge all.pdf two.pdf doc.pdf:12-11 scan.tiff:2", 0, "all.pdf: 5 pages from 3 file(s)\n"},
+        {"merge two.pdf doc.pdf:12-11 scan.tiff:2 --out all.pdf", 0, "all.pdf: 5 pages from 3 file(s)\n"},
         {"info all.pdf", 0,
          "1-2: A4 portrait\n             3: Letter portrait, rotated 90\n"
          "             4: Letter landscape\n             5: 40 x 30 pt landscape\n"},
-        {"merge x.pdf two.pdf doc.pdf:40", 2, "", "doc.pdf: page 40 is out of range"},
-        {"merge x.pdf two.pdf missing.pdf", 1, "", "missing.pdf: no such file"},
+        {"merge two.pdf doc.pdf:40 --out x.pdf", 2, "", "doc.pdf: page 40 is out of range"},
+        {"merge two.pdf missing.pdf --out x.pdf", 1, "", "missing.pdf: no such file"},
         {"rotate two.pdf 2 --by 180 --out turned.pdf", 0, "turned.pdf: 1 page rotated by 180 degrees\n"},
         {"info turned.pdf", 0, "1: A4 portrait\n             2: A4 portrait, rotated 180\n"},
         {"rotate two.pdf 1 --by 90", 2, "", "--out NEW.pdf or --in-place"},
@@ -234,10 +251,10 @@ TEST_F(Cli, EditsWriteNewFilesOrInPlace) {
         {"text edit.pdf 2", 0, "Page 1\n"},
         {"blank edit.pdf --at 16 --in-place", 2, "", "--at 16 is out of range: it can be from 1 to 15"},
         {"blank edit.pdf --at 1 --size 0x5 --in-place", 2, "", "--size 0x5"},
-        {"images-to-pdf scans.pdf scan.tiff scan.tiff", 0, "scans.pdf: 6 pages from 2 image(s)\n"},
+        {"images-to-pdf scan.tiff scan.tiff --out scans.pdf", 0, "scans.pdf: 6 pages from 2 image(s)\n"},
         {"info scans.pdf", 0, "1-6: 40 x 30 pt landscape\n"},
-        {"images-to-pdf x.pdf doc.pdf", 2, "", "doc.pdf: not an image file name"},
-        {"images-to-pdf x.pdf missing.png", 1, "", "missing.png: no such file"},
+        {"images-to-pdf doc.pdf --out x.pdf", 2, "", "doc.pdf: not an image file name"},
+        {"images-to-pdf missing.png --out x.pdf", 1, "", "missing.png: no such file"},
     });
 }
 

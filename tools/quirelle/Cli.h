@@ -93,6 +93,11 @@ private:
 // and may be written), so that a long job fails before it starts.
 void CheckWritable(const fs::path& path);
 
+// Throws UsageError when out is the file input (by any name: links are
+// followed), so that no command writes over what it reads; hint says what to
+// do instead.
+void RefuseToOverwrite(const fs::path& out, const fs::path& input, const std::string& hint);
+
 // Asks make(page) for up to depth pages ahead of use(page, future), so that
 // the worker keeps busy while the caller handles the page before.
 template <class Make, class Use>

@@ -133,6 +133,14 @@ const Paper* FindPaper(const Orvane::PDF::Size& size) {
     return nullptr;
 }
 
+void RefuseToOverwrite(const fs::path& out, const fs::path& input, const std::string& hint) {
+    std::error_code error;
+    if (fs::equivalent(out, input, error)) {
+        throw UsageError(out.string() + ": is " + (out == input ? "" : "the same file as " + input.string() + ", ") +
+                         "an input of the command: " + hint);
+    }
+}
+
 std::string PaperNames() {
     std::string names;
     for (const Paper& paper : kPapers) names += (names.empty() ? "" : ", ") + std::string(paper.name);

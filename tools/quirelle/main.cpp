@@ -86,8 +86,8 @@ int main(int argc, char** argv) {
 
     MergeOptions merge;
     auto* mergeCommand = app.add_subcommand("merge", "join files, or some of their pages, into a new file");
-    mergeCommand->add_option("OUT", merge.out, "the new file")->required();
     mergeCommand->add_option("INPUT", merge.inputs, "FILE or FILE:PAGES, for example a.pdf b.pdf:1-3,z")->required();
+    mergeCommand->add_option("--out", merge.out, "the new file (required)");
 
     PageEditOptions edit;
     auto* rotateCommand = app.add_subcommand("rotate", "turn pages clockwise");
@@ -120,8 +120,8 @@ int main(int argc, char** argv) {
     ImagesOptions images;
     auto* imagesCommand = app.add_subcommand(
         "images-to-pdf", "make a PDF of images, one page per image (per frame of a TIFF), one point per pixel");
-    imagesCommand->add_option("OUT", images.out, "the new file")->required();
     imagesCommand->add_option("IMAGE", images.images, ImageExtensions())->required();
+    imagesCommand->add_option("--out", images.out, "the new file (required)");
 
     try {
         app.parse(argc, argv);
