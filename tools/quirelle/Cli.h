@@ -73,8 +73,12 @@ struct Destination {
 class Session {
 public:
     Session();
-    // Opens a PDF or image file; Failure with a one-line reason otherwise.
+    // Opens a PDF or image file with at least one page; Failure with a
+    // one-line reason otherwise.
     int64 Open(const fs::path& path, const std::string& password);
+    // The file last opened: the one the command is working on, which an
+    // error from the library is about.
+    const std::string& CurrentFile() const { return current_; }
     unsigned PageCount(int64 id);
     // Throws Failure when the document's permissions forbid the work.
     void RequireEditPages(int64 id, const fs::path& path);
@@ -87,6 +91,7 @@ public:
 
 private:
     std::unique_ptr<Quirelle> service_;
+    std::string current_;
 };
 
 // Throws Failure unless a file could be created at path (its directory exists

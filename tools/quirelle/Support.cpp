@@ -176,8 +176,12 @@ int64 Session::Open(const fs::path& path, const std::string& password) {
     if (!fs::exists(status)) throw Failure(path.string() + ": no such file");
     if (fs::is_directory(status)) throw Failure(path.string() + ": is a directory");
     if (!std::ifstream(path)) throw Failure(path.string() + ": cannot read the file: " + std::strerror(errno));
+    current_ = path.string();
     const auto opened = service_->OpenDocument(Orvane::ioPath(path), password).get();
-    if (opened.id >= 0) return opened.id;
+    if (opened.id >= 0) {
+        if (PageCount(opened.id) == 0) throw Failure(path.string() + ": no page could be read: the file is damaged");
+        return opened.id;
+    }
     if (opened.passwordError && password.empty()) {
         throw Failure(path.string() + ": the document is encrypted: give its password with --password");
     }
