@@ -17,6 +17,8 @@
 #include <string>
 #include <vector>
 
+#include "Pictures.h"
+
 namespace QuirelleCli {
 
 using Orvane::int64;
@@ -159,6 +161,8 @@ struct RenderOptions {
     int height = 0;
     std::string out;
     std::string format = "png";
+    int pngLevel = kDefaultPngLevel;
+    bool keepGoing = false;
 };
 struct TextOptions {
     std::string file;

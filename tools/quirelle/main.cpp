@@ -86,6 +86,12 @@ int main(int argc, char** argv) {
     renderCommand->add_option("--format", render.format, "png or jpg")
         ->check(CLI::IsMember({"png", "jpg"}))
         ->capture_default_str();
+    renderCommand->add_option("--png-level", render.pngLevel, "PNG compression from 1 (fastest) to 9 (smallest)")
+        ->check(Between(1, 9, true))
+        ->capture_default_str();
+    renderCommand->add_flag("--keep-going", render.keepGoing,
+                            "go on with the other pages when a page cannot be drawn completely (the exit status is "
+                            "still 1)");
 
     TextOptions text;
     auto* textCommand = app.add_subcommand("text", "print the text of pages, separated by form feeds");
