@@ -6,6 +6,7 @@
 // a terminal), as must a search that finds nothing.
 
 #include <gmock/gmock.h>
+#include <QImage>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
@@ -211,6 +212,15 @@ TEST_F(Cli, Render) {
          [](const Result&) {
              EXPECT_EQ(PngSize(dir->File("pics/page-001.png")), std::make_pair(298, 421));
              EXPECT_EQ(PngSize(dir->File("pics/page-012.png")), std::make_pair(306, 396));  // as displayed
+             // Compressed, and grey as the page is.
+             EXPECT_LT(fs::file_size(dir->File("pics/page-001.png")), 20'000u);
+             EXPECT_EQ(ReadFile(dir->File("pics/page-001.png")).at(25), 0);
+         }},
+        {"render photo.pdf 1 --dpi 36 --png-level 1 --out pics", 0, "(page-001.png)", "",
+         [](const Result&) {
+             const QImage picture(QString::fromStdString(dir->File("pics/page-001.png").string()));
+             EXPECT_EQ(picture.pixel(150, 150) & 0xFFFFFF, 0x3080C0u);  // the channels in their order
+             EXPECT_EQ(ReadFile(dir->File("pics/page-001.png")).at(25), 2);  // RGB
          }},
         {"render doc.pdf 11 --width 200 --out pics", 0, "(page-011.png)", "",
          [](const Result&) { EXPECT_EQ(PngSize(dir->File("pics/page-011.png")), std::make_pair(200, 155)); }},

@@ -72,6 +72,7 @@ int RunRender(Session& session, const RenderOptions& options, const std::string&
         if (!options.keepGoing) throw Failure(message + " (--keep-going goes on with the other pages)");
         progress.Clear();
         std::cerr << "quirelle: " << message << "\n";
+        progress.Step();
         status = 1;
     };
     // One page at a time, read when its turn comes and written as soon as it
@@ -101,8 +102,8 @@ int RunRender(Session& session, const RenderOptions& options, const std::string&
             const std::string file = name(page);
             SavePicture(image, directory / file, picture);
             written.push_back(file);
+            progress.Step();
         }
-        progress.Step();
     }
     progress.Clear();
     std::cout << directory.string() << ": " << written.size() << " of " << pages.size() << " page(s) rendered";
