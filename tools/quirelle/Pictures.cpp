@@ -142,7 +142,11 @@ void SavePicture(const QImage& image, const fs::path& target, const PictureOptio
 }
 
 void RemovePartialPictureOnSignal() {
-    for (int signal : {SIGINT, SIGTERM, SIGHUP}) std::signal(signal, OnSignal);
+    // A signal the process was started to ignore (SIGINT for a command run
+    // in the background, SIGHUP under nohup) stays ignored.
+    for (int signal : {SIGINT, SIGTERM, SIGHUP}) {
+        if (std::signal(signal, OnSignal) == SIG_IGN) std::signal(signal, SIG_IGN);
+    }
 }
 
 }  // namespace QuirelleCli

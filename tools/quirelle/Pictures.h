@@ -33,7 +33,8 @@ bool WritePng(const QImage& image, int level, std::FILE* out);
 void SavePicture(const QImage& image, const std::filesystem::path& target, const PictureOptions& options);
 
 // Makes SIGINT, SIGTERM and SIGHUP remove the picture SavePicture is writing
-// before the process ends as the signal says.
+// before the process ends as the signal says (unless the process ignores the
+// signal).
 void RemovePartialPictureOnSignal();
 
 }  // namespace QuirelleCli
