@@ -30,10 +30,9 @@ const std::vector<QImage>& Pages() {
         std::vector<QImage> images;
         for (unsigned page : corpus ? std::vector<unsigned>{0, 40, 200} : std::vector<unsigned>{0, 1, 2}) {
             const auto size = service.GetPageInfo(opened.id, page).get().size;
-            images.push_back(service
-                                 .GeneratePageImage(opened.id, page, int(size.width * 150 / 72),
-                                                    int(size.height * 150 / 72))
-                                 .get());
+            images.push_back(
+                service.GeneratePageImage(opened.id, page, int(size.width * 150 / 72), int(size.height * 150 / 72))
+                    .get());
         }
         return images;
     }();

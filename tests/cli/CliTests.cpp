@@ -6,10 +6,10 @@
 // a terminal), as must a search that finds nothing.
 
 #include <gmock/gmock.h>
-#include <QImage>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
+#include <QImage>
 #include <csignal>
 #include <cstdlib>
 #include <functional>
@@ -69,9 +69,9 @@ protected:
         WriteFile(dir->File("bad.pdf"), "this is not a PDF\n");
         // As a file cut short before its page tree.
         WriteFile(dir->File("cut.pdf"), RawPdf({"<< /Type /Catalog /Pages 9 0 R >>"}));
-        WriteFile(dir->File("cycle.pdf"), RawPdf({"<< /Type /Catalog /Pages 2 0 R >>",
-                                                  "<< /Type /Pages /Kids [3 0 R] /Count 1 >>",
-                                                  "<< /Type /Pages /Parent 2 0 R /Kids [2 0 R] /Count 1 >>"}));
+        WriteFile(dir->File("cycle.pdf"),
+                  RawPdf({"<< /Type /Catalog /Pages 2 0 R >>", "<< /Type /Pages /Kids [3 0 R] /Count 1 >>",
+                          "<< /Type /Pages /Parent 2 0 R /Kids [2 0 R] /Count 1 >>"}));
         // photo.pdf: page 1 holds a photograph of 3000 x 3000 pixels (27 MB
         // decoded), page 2 only text.
         PageLayout photo;
@@ -219,7 +219,7 @@ TEST_F(Cli, Render) {
         {"render photo.pdf 1 --dpi 36 --png-level 1 --out pics", 0, "(page-001.png)", "",
          [](const Result&) {
              const QImage picture(QString::fromStdString(dir->File("pics/page-001.png").string()));
-             EXPECT_EQ(picture.pixel(150, 150) & 0xFFFFFF, 0x3080C0u);  // the channels in their order
+             EXPECT_EQ(picture.pixel(150, 150) & 0xFFFFFF, 0x3080C0u);       // the channels in their order
              EXPECT_EQ(ReadFile(dir->File("pics/page-001.png")).at(25), 2);  // RGB
          }},
         {"render doc.pdf 11 --width 200 --out pics", 0, "(page-011.png)", "",
@@ -270,7 +270,8 @@ TEST_F(Cli, RenderCutShortIsAnError) {
 // started in the background ignores SIGINT) leaves whole pictures and
 // nothing else.
 TEST_F(Cli, InterruptedRenderLeavesOnlyWholePictures) {
-    const std::string command = "cd '" + dir->Path().string() + "' && ('" QUIRELLE_CLI
+    const std::string command = "cd '" + dir->Path().string() +
+                                "' && ('" QUIRELLE_CLI
                                 "' render doc.pdf --dpi 300 --out stop & sleep 0.4; kill -TERM $!; wait $!)";
     const int raw = std::system(command.c_str());
     ASSERT_TRUE(WIFEXITED(raw));

@@ -1,5 +1,7 @@
 #include "ViewerWindow.h"
 
+#include <orvane/pdf/ImageFiles.h>
+
 #include <QAction>
 #include <QDesktopServices>
 #include <QFileDialog>
@@ -14,7 +16,6 @@
 #include <QUrl>
 #include <QVBoxLayout>
 #include <algorithm>
-#include <orvane/pdf/ImageFiles.h>
 
 #include "FindBar.h"
 

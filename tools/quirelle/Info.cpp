@@ -224,8 +224,8 @@ int RunText(Session& session, const TextOptions& options, const std::string& pas
                 std::cout << ToUtf8(future.get()->GetText());
             } catch (const std::exception& e) {
                 std::cout.flush();
-                std::cerr << "quirelle: " << options.file << ": page " << page + 1 << ": cannot read its text: "
-                          << e.what() << "\n";
+                std::cerr << "quirelle: " << options.file << ": page " << page + 1
+                          << ": cannot read its text: " << e.what() << "\n";
                 status = 1;
             }
         });

@@ -60,7 +60,9 @@ bool Encode(png_structp png, png_infop info, const QImage& image, const bool gre
     // and slower to write (bench/PngBench.cpp, on manuals).
     png_set_filter(png, PNG_FILTER_TYPE_BASE, PNG_FILTER_NONE);
     png_set_IHDR(png, info, image.width(), image.height(), 8,
-                 grey ? PNG_COLOR_TYPE_GRAY : alpha ? PNG_COLOR_TYPE_RGB_ALPHA : PNG_COLOR_TYPE_RGB,
+                 grey    ? PNG_COLOR_TYPE_GRAY
+                 : alpha ? PNG_COLOR_TYPE_RGB_ALPHA
+                         : PNG_COLOR_TYPE_RGB,
                  PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_BASE, PNG_FILTER_TYPE_BASE);
     png_write_info(png, info);
     if (!grey) {
@@ -136,7 +138,8 @@ void SavePicture(const QImage& image, const fs::path& target, const PictureOptio
         if (written) error = errno;
         unlink(partialPath);
         partialPending = false;
-        throw Failure(target.string() + ": cannot write the file" + (error ? ": " + std::string(std::strerror(error)) : ""));
+        throw Failure(target.string() + ": cannot write the file" +
+                      (error ? ": " + std::string(std::strerror(error)) : ""));
     }
     partialPending = false;
 }

@@ -96,8 +96,9 @@ int RunRender(Session& session, const RenderOptions& options, const std::string&
         // engine failed on part of the page: never a partial picture.
         const QImage image = service.GeneratePageImage(id, page, size.width(), size.height()).get();
         if (image.isNull()) {
-            problem(page, "the page could not be drawn completely (time budget, memory limit or damage); no picture "
-                          "written");
+            problem(page,
+                    "the page could not be drawn completely (time budget, memory limit or damage); no picture "
+                    "written");
         } else {
             const std::string file = name(page);
             SavePicture(image, directory / file, picture);

@@ -8,8 +8,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <cstdio>
 #include <cmath>
+#include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <iostream>
@@ -115,8 +115,8 @@ void CheckWritable(const fs::path& path) {
 }
 
 const std::vector<Paper> kPapers = {{"A3", 842, 1191},      {"A4", 595, 842},       {"A5", 420, 595},
-                                     {"B5", 499, 709},       {"Letter", 612, 792},   {"Legal", 612, 1008},
-                                     {"Tabloid", 792, 1224}, {"Executive", 522, 756}};
+                                    {"B5", 499, 709},       {"Letter", 612, 792},   {"Legal", 612, 1008},
+                                    {"Tabloid", 792, 1224}, {"Executive", 522, 756}};
 
 const Paper* FindPaper(const std::string& name) {
     for (const Paper& paper : kPapers) {

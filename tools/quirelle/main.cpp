@@ -145,9 +145,9 @@ int main(int argc, char** argv) {
     auto* blankCommand = app.add_subcommand("blank", "insert a blank page so that it becomes page N");
     blankCommand->add_option("FILE", edit.file, "PDF file")->required();
     blankCommand->add_option("--at", edit.at, "N, from 1 to the page count + 1")->required();
-    blankCommand->add_option("--size", edit.size,
-                             PaperNames() +
-                                 " or WIDTHxHEIGHT in points; by default the size of the page it goes before");
+    blankCommand->add_option(
+        "--size", edit.size,
+        PaperNames() + " or WIDTHxHEIGHT in points; by default the size of the page it goes before");
     AddDestination(blankCommand, edit.destination);
 
     ImagesOptions images;
