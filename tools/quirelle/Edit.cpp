@@ -61,6 +61,14 @@ Size ParsePageSize(const std::string& text) {
                      ") or WIDTHxHEIGHT in points (1 to 14400)");
 }
 
+// The files a command reads, as typed, for the message that shows the form
+// with --out.
+std::string Typed(const std::vector<std::string>& inputs) {
+    std::string text;
+    for (const std::string& input : inputs) text += " " + input;
+    return text;
+}
+
 }  // namespace
 
 int RunExport(Session& session, const ExportOptions& options, const std::string& password) {
@@ -74,14 +82,6 @@ int RunExport(Session& session, const ExportOptions& options, const std::string&
     }
     Report(options.out, Pages(pages.size()) + " exported from " + options.file);
     return 0;
-}
-
-// The files a command reads, as typed, for the message that shows the form
-// with --out.
-std::string Typed(const std::vector<std::string>& inputs) {
-    std::string text;
-    for (const std::string& input : inputs) text += " " + input;
-    return text;
 }
 
 int RunMerge(Session& session, const MergeOptions& options, const std::string& password) {
