@@ -11,21 +11,9 @@
 #include "engine/Engine.h"
 #include "engine/PdfDocument.h"
 #include "orvane/Exception.h"
+#include "orvane/pdf/ImageFiles.h"
 
 namespace Orvane::PDF {
-namespace {
-
-bool IsImageExtension(const Orvane::ioPath& path) {
-    std::string extension = path.extension().utf8string();
-    std::transform(extension.begin(), extension.end(), extension.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    for (const char* image : {".png", ".jpg", ".jpeg", ".bmp", ".tif", ".tiff"}) {
-        if (extension == image) return true;
-    }
-    return false;
-}
-
-}  // namespace
 
 IPDFProvider::OpenDocInfo Quirelle::Impl::OpenDocument(const OpenDocumentTask& task) {
     Orvane::ioPath path = task.path;
@@ -33,7 +21,7 @@ IPDFProvider::OpenDocInfo Quirelle::Impl::OpenDocument(const OpenDocumentTask& t
     std::shared_ptr<IDocument> document;
     const Pdfium::SoleUse sole;
     try {
-        if (IsImageExtension(path)) {
+        if (IsImageFileExtension(path.extension().utf8string())) {
             document = CreateImageDocument(path);
         } else if (path.empty()) {
             document = std::make_shared<Pdfium::PdfDocument>(fontProvider);
