@@ -629,14 +629,15 @@ void PdfDocument::KeepEncryptionOf(const PdfDocument& source) {
         pdf_obj* sourceTrailer = pdf_trailer(ctx, from);
         // The dictionary and identifier as read: MuPDF neither decrypts nor
         // encrypts the encryption dictionary's strings.
-        pdf_obj* encrypt = pdf_deep_copy_obj(ctx, pdf_resolve_indirect(ctx, pdf_dict_get(ctx, sourceTrailer, PDF_NAME(Encrypt))));
+        pdf_obj* encrypt =
+            pdf_graft_object(ctx, doc, pdf_resolve_indirect(ctx, pdf_dict_get(ctx, sourceTrailer, PDF_NAME(Encrypt))));
         pdf_obj* ref = NULL;
         fz_var(ref);
         fz_try(ctx) {
             ref = pdf_add_object(ctx, doc, encrypt);
             pdf_dict_put(ctx, trailer, PDF_NAME(Encrypt), ref);
             pdf_dict_put_drop(ctx, trailer, PDF_NAME(ID),
-                              pdf_deep_copy_obj(ctx, pdf_dict_get(ctx, sourceTrailer, PDF_NAME(ID))));
+                              pdf_graft_object(ctx, doc, pdf_dict_get(ctx, sourceTrailer, PDF_NAME(ID))));
             pdf_crypt* crypt = pdf_new_crypt(ctx, encrypt, pdf_dict_get(ctx, trailer, PDF_NAME(ID)));
             // The key the source was opened with (MuPDF keeps 32 bytes,
             // enough for every method).

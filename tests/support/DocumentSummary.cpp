@@ -28,12 +28,29 @@ void line(fz_context* ctx, fz_buffer* out, const char* section, const char* text
     fz_append_byte(ctx, out, '\n');
 }
 
+// Page index by object number (-1 for none), filled by describe(): a page
+// object that left the tree has none.
+struct PageIndex {
+    int* index;
+    int len;
+};
+thread_local PageIndex pageIndex;
+
+int pageNumber(fz_context* ctx, pdf_obj* page) {
+    const int num = pdf_to_num(ctx, page);
+    return num > 0 && num < pageIndex.len ? pageIndex.index[num] : -1;
+}
+
 int pageOf(fz_context* ctx, pdf_document* doc, pdf_obj* dest) {
     if (pdf_is_name(ctx, dest) || pdf_is_string(ctx, dest))
         dest = Orvane::PDF::Pdfium::LookupNamedDestination(ctx, doc, dest);
     if (pdf_is_dict(ctx, dest)) dest = pdf_dict_get(ctx, dest, PDF_NAME(D));
-    pdf_obj* page = pdf_array_get(ctx, dest, 0);
-    return pdf_is_dict(ctx, page) ? pdf_lookup_page_number(ctx, doc, page) : -1;
+    return pageNumber(ctx, pdf_array_get(ctx, dest, 0));
+}
+
+void indent(char* text, int depth) {
+    for (int i = 0; i < depth * 2 && i < 128; ++i) text[i] = ' ';
+    text[depth * 2 < 128 ? depth * 2 : 128] = '\0';
 }
 
 // Items stay marked (a loop of siblings ends): the document is read once.
@@ -45,11 +62,13 @@ void describeOutline(fz_context* ctx, pdf_document* doc, fz_buffer* out, pdf_obj
         if (dest == NULL && pdf_name_eq(ctx, pdf_dict_get(ctx, action, PDF_NAME(S)), PDF_NAME(GoTo)))
             dest = pdf_dict_get(ctx, action, PDF_NAME(D));
         char text[1024];
+        indent(text, depth);
+        const size_t used = strlen(text);
         const char* title = pdf_dict_get_text_string(ctx, item, PDF_NAME(Title));
         if (dest != NULL)
-            fz_snprintf(text, sizeof text, "%*s%s -> page %d", depth * 2, "", title, pageOf(ctx, doc, dest));
+            fz_snprintf(text + used, sizeof text - used, "%s -> page %d", title, pageOf(ctx, doc, dest));
         else
-            fz_snprintf(text, sizeof text, "%*s%s -> %s", depth * 2, "", title,
+            fz_snprintf(text + used, sizeof text - used, "%s -> %s", title,
                         action != NULL ? pdf_dict_get_name(ctx, action, PDF_NAME(S)) : "nothing");
         line(ctx, out, "outline", text);
         describeOutline(ctx, doc, out, pdf_dict_get(ctx, item, PDF_NAME(First)), depth + 1);
@@ -132,7 +151,7 @@ void widgetPages(fz_context* ctx, pdf_document* doc, pdf_obj* field, char* text,
     for (int i = 0; i < (n > 0 ? n : 1); ++i) {
         pdf_obj* widget = n > 0 ? pdf_array_get(ctx, kids, i) : field;
         pdf_obj* page = pdf_dict_get(ctx, widget, PDF_NAME(P));
-        const int number = pdf_is_dict(ctx, page) ? pdf_lookup_page_number(ctx, doc, page) : -1;
+        const int number = pageNumber(ctx, page);
         const size_t used = strlen(text);
         fz_snprintf(text + used, size - used, " %d", number);
     }
@@ -276,6 +295,13 @@ DocumentSummary Summarize(const std::filesystem::path& path, const std::string& 
         const int access = guarded(ctx, [&] { return pdf_authenticate_password(ctx, doc.get(), password.c_str()); });
         if (access == 0) throw std::runtime_error("wrong password for " + file);
         BufferHandle out(ctx, guarded(ctx, [&] { return fz_new_buffer(ctx, 4096); }));
+        std::vector<int> index(size_t(guarded(ctx, [&] { return pdf_xref_len(ctx, doc.get()); })), -1);
+        const int pages = guarded(ctx, [&] { return pdf_count_pages(ctx, doc.get()); });
+        for (int i = 0; i < pages; ++i) {
+            const int num = guarded(ctx, [&] { return pdf_to_num(ctx, pdf_lookup_page_obj(ctx, doc.get(), i)); });
+            if (num > 0 && size_t(num) < index.size()) index[size_t(num)] = i;
+        }
+        pageIndex = PageIndex{index.data(), int(index.size())};
         guarded(ctx, [&] {
             describe(ctx, doc.get(), out.get());
             fz_terminate_buffer(ctx, out.get());
