@@ -3,6 +3,7 @@
 // and encryption. Files are compared by their summaries (DocumentSummary.h).
 
 #include <cstdlib>
+#include <iostream>
 #include <functional>
 #include <optional>
 #include <set>
@@ -227,6 +228,32 @@ TEST_F(DocumentPartsTest, ImportIntoADocumentWithPagesAddsItsPartsBesideTheTarge
     EXPECT_NE(std::find(fields.begin(), fields.end(), "agree_2 [checkbox] = Yes on pages 2"), fields.end());
     EXPECT_NE(std::find(fields.begin(), fields.end(), "size_2 [radiobutton] = L on pages 2"), fields.end());
     EXPECT_EQ(summary.Lines("info"), Summarize(temp.File("target.pdf")).Lines("info"));
+}
+
+// Real documents, when QUIRELLE_CORPUS names a directory of them: Save As of
+// an unedited document carries everything the document had.
+TEST_F(DocumentPartsTest, SaveAsOfARealDocumentKeepsWhatItCarries) {
+    const char* corpus = std::getenv("QUIRELLE_CORPUS");
+    if (corpus == nullptr) GTEST_SKIP() << "QUIRELLE_CORPUS names no directory of documents";
+    int checked = 0;
+    for (const auto& entry : fs::recursive_directory_iterator(corpus)) {
+        if (entry.path().extension() != ".pdf") continue;
+        SCOPED_TRACE(entry.path().string());
+        const IPDFProvider::OpenDocInfo info = Await(service->OpenDocument(entry.path().string(), ""));
+        if (info.id < 0) continue;
+        const fs::path copy = temp.File("copy.pdf");
+        ASSERT_TRUE(Await(service->SaveDocumentAs(info.id, copy)));
+        service->CloseDoument(info.id);
+        const DocumentSummary before = Summarize(entry.path());
+        EXPECT_EQ(Differences(before, Summarize(copy)), Strings());
+        if (QpdfChecks(entry.path(), "")) {
+            EXPECT_TRUE(QpdfChecks(copy, ""));
+        }
+        std::cout << entry.path().filename().string() << ": " << before.Count("outline") << " outline entries, "
+                  << before.Count("field") << " fields, " << before.Count("attachment") << " attachments\n";
+        ++checked;
+    }
+    EXPECT_GT(checked, 0);
 }
 
 }  // namespace

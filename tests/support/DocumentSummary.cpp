@@ -32,6 +32,7 @@ void line(fz_context* ctx, fz_buffer* out, const char* section, const char* text
 // object that left the tree has none.
 struct PageIndex {
     int* index;
+    int* annotation;  // the page whose /Annots lists the object
     int len;
 };
 thread_local PageIndex pageIndex;
@@ -149,9 +150,8 @@ void widgetPages(fz_context* ctx, pdf_document* doc, pdf_obj* field, char* text,
     pdf_obj* kids = pdf_dict_get(ctx, field, PDF_NAME(Kids));
     const int n = pdf_array_len(ctx, kids);
     for (int i = 0; i < (n > 0 ? n : 1); ++i) {
-        pdf_obj* widget = n > 0 ? pdf_array_get(ctx, kids, i) : field;
-        pdf_obj* page = pdf_dict_get(ctx, widget, PDF_NAME(P));
-        const int number = pageNumber(ctx, page);
+        const int num = pdf_to_num(ctx, n > 0 ? pdf_array_get(ctx, kids, i) : field);
+        const int number = num > 0 && num < pageIndex.len ? pageIndex.annotation[num] : -1;
         const size_t used = strlen(text);
         fz_snprintf(text + used, size - used, " %d", number);
     }
@@ -296,12 +296,21 @@ DocumentSummary Summarize(const std::filesystem::path& path, const std::string& 
         if (access == 0) throw std::runtime_error("wrong password for " + file);
         BufferHandle out(ctx, guarded(ctx, [&] { return fz_new_buffer(ctx, 4096); }));
         std::vector<int> index(size_t(guarded(ctx, [&] { return pdf_xref_len(ctx, doc.get()); })), -1);
+        std::vector<int> annotation = index;
         const int pages = guarded(ctx, [&] { return pdf_count_pages(ctx, doc.get()); });
         for (int i = 0; i < pages; ++i) {
-            const int num = guarded(ctx, [&] { return pdf_to_num(ctx, pdf_lookup_page_obj(ctx, doc.get(), i)); });
-            if (num > 0 && size_t(num) < index.size()) index[size_t(num)] = i;
+            guarded(ctx, [&] {
+                pdf_obj* page = pdf_lookup_page_obj(ctx, doc.get(), i);
+                const int num = pdf_to_num(ctx, page);
+                if (num > 0 && size_t(num) < index.size()) index[size_t(num)] = i;
+                pdf_obj* annots = pdf_dict_get(ctx, page, PDF_NAME(Annots));
+                for (int k = 0; k < pdf_array_len(ctx, annots); ++k) {
+                    const int a = pdf_to_num(ctx, pdf_array_get(ctx, annots, k));
+                    if (a > 0 && size_t(a) < annotation.size()) annotation[size_t(a)] = i;
+                }
+            });
         }
-        pageIndex = PageIndex{index.data(), int(index.size())};
+        pageIndex = PageIndex{index.data(), annotation.data(), int(index.size())};
         guarded(ctx, [&] {
             describe(ctx, doc.get(), out.get());
             fz_terminate_buffer(ctx, out.get());
