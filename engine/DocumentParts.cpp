@@ -247,10 +247,14 @@ pdf_obj* copyField(fz_context* ctx, Parts* p, pdf_obj* field, int depth) {
     pdf_obj* kids = pdf_dict_get(ctx, field, PDF_NAME(Kids));
     if (pdf_array_len(ctx, kids) == 0) {
         const int inRange = num > 0 && num < p->g->srcLen;
-        if (!inRange || p->g->dstFromSrc[num] <= 0) return NULL;
-        if (!pdf_name_eq(ctx, pdf_dict_get(ctx, field, PDF_NAME(Subtype)), PDF_NAME(Widget))) return NULL;
-        p->placed[num] = 1;
-        return pdf_new_indirect(ctx, p->dst, p->g->dstFromSrc[num], 0);
+        const int widget = pdf_name_eq(ctx, pdf_dict_get(ctx, field, PDF_NAME(Subtype)), PDF_NAME(Widget));
+        if (widget && inRange && p->g->dstFromSrc[num] > 0) {
+            p->placed[num] = 1;
+            return pdf_new_indirect(ctx, p->dst, p->g->dstFromSrc[num], 0);
+        }
+        // A whole copy keeps the fields that have no widget at all; a widget
+        // whose page stayed behind goes with it.
+        if (widget || !p->whole) return NULL;
     }
     pdf_obj* newKids = pdf_new_array(ctx, p->dst, pdf_array_len(ctx, kids));
     pdf_obj* dict = NULL;
@@ -263,7 +267,7 @@ pdf_obj* copyField(fz_context* ctx, Parts* p, pdf_obj* field, int depth) {
             pdf_obj* kid = copyField(ctx, p, pdf_array_get(ctx, kids, i), depth + 1);
             if (kid != NULL) pdf_array_push_drop(ctx, newKids, kid);
         }
-        if (pdf_array_len(ctx, newKids) > 0) {
+        if (pdf_array_len(ctx, newKids) > 0 || (p->whole && n == 0)) {
             const int len = pdf_dict_len(ctx, field);
             dict = pdf_new_dict(ctx, p->dst, len);
             for (int i = 0; i < len; ++i) {
@@ -273,7 +277,7 @@ pdf_obj* copyField(fz_context* ctx, Parts* p, pdf_obj* field, int depth) {
                     continue;
                 pdf_dict_put_drop(ctx, dict, key, graft(ctx, p, pdf_dict_get_val(ctx, field, i)));
             }
-            pdf_dict_put(ctx, dict, PDF_NAME(Kids), newKids);
+            if (n > 0) pdf_dict_put(ctx, dict, PDF_NAME(Kids), newKids);
             ref = pdf_add_object(ctx, p->dst, dict);
             if (num > 0 && num < p->g->srcLen && p->g->dstFromSrc[num] == 0) p->g->dstFromSrc[num] = pdf_to_num(ctx, ref);
             const int kidCount = pdf_array_len(ctx, newKids);

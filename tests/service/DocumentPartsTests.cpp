@@ -263,24 +263,25 @@ TEST_F(DocumentPartsTest, SaveAsOfARealDocumentKeepsWhatItCarries) {
     EXPECT_GT(checked, 0);
 }
 
-TEST_F(DocumentPartsTest, LoopsInTheOutlineAndTheFieldsEndTheCopy) {
+TEST_F(DocumentPartsTest, LoopsInTheOutlineAndTheFieldsEndTheCopyAndFieldsWithoutWidgetsStay) {
     // Outline items 5 and 6 name each other as /Next and 5 is its own child;
-    // field 7 is its own kid.
+    // field 7 is its own kid; field 9 has no widget.
     const fs::path path = temp.File("loops.pdf");
-    WriteFile(path, RawPdf({"<< /Type /Catalog /Pages 2 0 R /Outlines 4 0 R /AcroForm << /Fields [7 0 R] >> >>",
+    WriteFile(path, RawPdf({"<< /Type /Catalog /Pages 2 0 R /Outlines 4 0 R /AcroForm << /Fields [7 0 R 9 0 R] >> >>",
                             "<< /Type /Pages /Kids [3 0 R] /Count 1 >>",
                             "<< /Type /Page /Parent 2 0 R /MediaBox [0 0 200 200] /Annots [8 0 R] >>",
                             "<< /Type /Outlines /First 5 0 R /Last 6 0 R /Count 2 >>",
                             "<< /Title (a) /Parent 4 0 R /Next 6 0 R /First 5 0 R /Dest [3 0 R /Fit] >>",
                             "<< /Title (b) /Parent 4 0 R /Next 5 0 R /Dest [3 0 R /Fit] >>",
                             "<< /T (f) /FT /Tx /Kids [7 0 R 8 0 R] >>",
-                            "<< /Type /Annot /Subtype /Widget /Rect [0 0 10 10] /Parent 7 0 R >>"}));
+                            "<< /Type /Annot /Subtype /Widget /Rect [0 0 10 10] /Parent 7 0 R >>",
+                            "<< /T (data) /FT /Tx /V (kept) >>"}));
     const int64_t id = Open(path);
     const fs::path copy = temp.File("copy.pdf");
     ASSERT_TRUE(Await(service->SaveDocumentAs(id, copy)));
     EXPECT_TRUE(QpdfChecks(copy, ""));
     EXPECT_EQ(Summarize(copy).Lines("outline"), Strings({"a -> page 0", "b -> page 0"}));
-    EXPECT_EQ(Summarize(copy).Lines("field"), Strings({"f [text] =  on pages 0"}));
+    EXPECT_EQ(Summarize(copy).Lines("field"), Strings({"f [text] =  on pages 0", "data [text] = kept on pages -1"}));
 }
 
 }  // namespace
