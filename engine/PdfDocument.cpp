@@ -485,6 +485,7 @@ PdfDocument::PdfDocument(const std::shared_ptr<IFontProvider>& fonts, const Orva
     path_ = path;
     pageCount_ = unsigned(count);
     permissions_ = permissions;
+    ownerAccess_ = doc->crypt == nullptr || ownerAccess;
 }
 
 PdfDocument::~PdfDocument() {
@@ -610,6 +611,52 @@ void PdfDocument::SaveAs(const Orvane::ioPath& path, int version) const {
     doc->version = ownVersion;
     out.reset();
     temp.commit();
+}
+
+bool PdfDocument::HasOwnerAccess() const {
+    std::lock_guard<std::mutex> lock(metaMutex_);
+    return ownerAccess_;
+}
+
+void PdfDocument::KeepEncryptionOf(const PdfDocument& source) {
+    fz_context* ctx = core_->ctx;
+    pdf_document* from = source.core_->doc;
+    pdf_document* doc = core_->doc;
+    if (source.core_->ctx != ctx) throw Orvane::Exception("the documents belong to different threads");
+    if (from->crypt == nullptr || from == doc) return;
+    guarded(ctx, [&] {
+        pdf_obj* trailer = pdf_trailer(ctx, doc);
+        pdf_obj* sourceTrailer = pdf_trailer(ctx, from);
+        // The dictionary and identifier as read: MuPDF neither decrypts nor
+        // encrypts the encryption dictionary's strings.
+        pdf_obj* encrypt =
+            pdf_graft_object(ctx, doc, pdf_resolve_indirect(ctx, pdf_dict_get(ctx, sourceTrailer, PDF_NAME(Encrypt))));
+        pdf_obj* ref = NULL;
+        fz_var(ref);
+        fz_try(ctx) {
+            ref = pdf_add_object(ctx, doc, encrypt);
+            pdf_dict_put(ctx, trailer, PDF_NAME(Encrypt), ref);
+            pdf_dict_put_drop(ctx, trailer, PDF_NAME(ID),
+                              pdf_graft_object(ctx, doc, pdf_dict_get(ctx, sourceTrailer, PDF_NAME(ID))));
+            pdf_crypt* crypt = pdf_new_crypt(ctx, encrypt, pdf_dict_get(ctx, trailer, PDF_NAME(ID)));
+            // The key the source was opened with (MuPDF keeps 32 bytes,
+            // enough for every method).
+            memcpy(pdf_crypt_key(ctx, crypt), pdf_crypt_key(ctx, from->crypt), 32);
+            pdf_drop_crypt(ctx, doc->crypt);
+            doc->crypt = crypt;
+        }
+        fz_always(ctx) {
+            pdf_drop_obj(ctx, ref);
+            pdf_drop_obj(ctx, encrypt);
+        }
+        fz_catch(ctx) {
+            fz_rethrow(ctx);
+        }
+    });
+    const Permissions permissions = source.ReadPermissions(source.HasOwnerAccess());
+    std::lock_guard<std::mutex> lock(metaMutex_);
+    permissions_ = permissions;
+    ownerAccess_ = source.HasOwnerAccess();
 }
 
 // ---- metadata ----

@@ -99,6 +99,16 @@ public:
     // it is kept for the service and not called from here.
     void SetFormOnChangeHandler(std::function<void()> handler) override;
 
+    // Whether the document was opened with its owner password (an
+    // unencrypted document counts as opened by its owner).
+    bool HasOwnerAccess() const;
+    // Makes this document (a fresh copy of source, made by the page
+    // importer) encrypted as source is: the same encryption dictionary
+    // (method, permissions, both passwords), file identifier and key, so its
+    // saves are encrypted exactly like saves of source. Nothing changes when
+    // source is not encrypted. Document thread only.
+    void KeepEncryptionOf(const PdfDocument& source);
+
     // For the engine's own use (importer, renderer).
     const std::shared_ptr<DocumentCore>& Core() const { return core_; }
     // After the page list changed: renumbers MuPDF's open pages to their new
@@ -134,6 +144,7 @@ private:
     Orvane::ioPath path_;                      // guarded by metaMutex_
     unsigned pageCount_ = 0;                   // guarded by metaMutex_
     Permissions permissions_;                  // guarded by metaMutex_
+    bool ownerAccess_ = true;                  // guarded by metaMutex_
     std::function<void()> formChangeHandler_;  // guarded by metaMutex_
 };
 

@@ -61,11 +61,20 @@ bool Quirelle::Impl::SaveDocument(const SaveDocumentTask& task) {
         return true;
     }
     // Save as writes a fresh copy; the open document only takes the new path.
+    // The copy is encrypted as the document is, unless the owner asked for
+    // a copy without encryption.
+    auto* source = dynamic_cast<Pdfium::PdfDocument*>(document.get());
+    if (task.decrypt && source != nullptr && !source->HasOwnerAccess()) {
+        QUIRELLE_LOG(ERROR) << "Orvane::PDF::Quirelle::Impl::SaveDocument: "
+                            << "a copy without encryption needs the document opened with its owner password";
+        return false;
+    }
     auto copy = std::make_shared<Pdfium::PdfDocument>(fontProvider);
     if (document->GetPageCount() > 0) {
         std::unique_ptr<IPageImporter> importer = Pdfium::CreatePageImporter();
         importer->ImportAllPages(document, copy, 0);
     }
+    if (source != nullptr && !task.decrypt) copy->KeepEncryptionOf(*source);
     copy->Save(target, 0);
     if (copy->GetDocumentPath().empty()) copy->SetDocumentPath(target);
     document->SetDocumentPath(target);

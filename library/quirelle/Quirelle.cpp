@@ -106,6 +106,11 @@ std::future<bool> Quirelle::SaveDocumentAs(const int64& id, const Orvane::ioPath
     return impl->Enqueue(impl->saveQueue, {id, path}, &Impl::SaveDocument);
 }
 
+std::future<bool> Quirelle::SaveDocumentAsDecrypted(const int64& id, const Orvane::ioPath& path) {
+    return impl->Enqueue(impl->saveQueue, Impl::SaveDocumentTask{id, path, true},
+                         [i = impl.get()](const Impl::SaveDocumentTask& task) { return i->SaveDocument(task); });
+}
+
 std::future<bool> Quirelle::ExportPagesTo(const int64& id, const std::vector<unsigned>& pages,
                                           const Orvane::ioPath& path) {
     return impl->Enqueue(impl->exportQueue, {id, pages, path}, &Impl::ExportPages);

@@ -84,6 +84,7 @@ public:
     struct SaveDocumentTask {
         int64_t id;
         Orvane::ioPath path;  // empty: save to the document's own path
+        bool decrypt = false;  // save as: write the copy without encryption
     };
     struct ExportTask {
         int64_t id;

@@ -67,7 +67,9 @@ private:
 struct Destination {
     std::string out;
     bool inPlace = false;
-    // Throws UsageError unless exactly one of the two was given.
+    bool decrypt = false;  // the new file without encryption (owner only)
+    // Throws UsageError unless exactly one of out and inPlace was given, or
+    // for decrypt in place.
     void Check() const;
 };
 
@@ -87,8 +89,9 @@ public:
     void RequireExtractPages(int64 id, const fs::path& path);
     // Writes the document as the destination says, atomically.
     void Save(int64 id, const Destination& destination);
-    // Writes a document to a new file, atomically.
-    void SaveAs(int64 id, const fs::path& out);
+    // Writes a document to a new file, atomically, encrypted as the document
+    // is unless decrypt (which needs the owner password).
+    void SaveAs(int64 id, const fs::path& out, bool decrypt = false);
     Quirelle& Service() { return *service_; }
 
 private:

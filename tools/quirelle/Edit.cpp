@@ -37,11 +37,10 @@ std::string Where(const PageEditOptions& options) {
     return options.destination.inPlace ? options.file : options.destination.out;
 }
 
-// Saving under a new name writes a fresh copy, which leaves the encryption
-// behind; saving in place keeps it. Says so when it matters.
+// A new file keeps the document's encryption unless --decrypt said otherwise.
 std::string EncryptionNote(Session& session, int64 id, const PageEditOptions& options) {
-    if (options.destination.inPlace || !session.Service().IsProtected(id)) return "";
-    return " (written without encryption; --in-place keeps it)";
+    if (!options.destination.decrypt || !session.Service().IsProtected(id)) return "";
+    return " (written without encryption)";
 }
 
 std::string Pages(size_t count) {

@@ -100,6 +100,7 @@ void Progress::Clear() {
 void Destination::Check() const {
     if (inPlace && !out.empty()) throw UsageError("--out and --in-place exclude each other");
     if (!inPlace && out.empty()) throw UsageError("say where the result goes: --out NEW.pdf or --in-place");
+    if (inPlace && decrypt) throw UsageError("--decrypt writes a new file: use it with --out");
 }
 
 void CheckWritable(const fs::path& path) {
@@ -210,7 +211,7 @@ void Session::RequireExtractPages(int64 id, const fs::path& path) {
 }
 
 void Session::Save(int64 id, const Destination& destination) {
-    if (!destination.inPlace) return SaveAs(id, destination.out);
+    if (!destination.inPlace) return SaveAs(id, destination.out, destination.decrypt);
     const std::string path = service_->GetDocumentPath(id).utf8string();
     try {
         if (service_->SaveDocument(id).get()) return;
@@ -222,8 +223,16 @@ void Session::Save(int64 id, const Destination& destination) {
     }
 }
 
-void Session::SaveAs(int64 id, const fs::path& out) {
+void Session::SaveAs(int64 id, const fs::path& out, bool decrypt) {
     try {
+        if (decrypt) {
+            if (service_->SaveDocumentAsDecrypted(id, Orvane::ioPath(out)).get()) return;
+            if (service_->IsProtected(id)) {
+                throw Failure(out.string() +
+                              ": --decrypt needs the document opened with its owner password (--password)");
+            }
+            throw Failure(out.string() + ": cannot write the file");
+        }
         if (service_->SaveDocumentAs(id, Orvane::ioPath(out)).get()) return;
         throw Failure(out.string() + ": cannot write the file");
     } catch (const Failure&) {

@@ -44,6 +44,8 @@ CLI::Validator Between(double low, double high, bool whole) {
 
 void AddDestination(CLI::App* command, Destination& destination) {
     auto* out = command->add_option("--out", destination.out, "write the result to this new file");
+    command->add_flag("--decrypt", destination.decrypt,
+                      "write the new file without encryption (needs the owner password through --password)");
     command->add_flag("--in-place", destination.inPlace, "replace the file (written safely: all or nothing)")
         ->excludes(out);
 }
