@@ -1,9 +1,12 @@
 #include "engine/PageTree.h"
 
+#include <algorithm>
+#include <cstring>
 #include <stdexcept>
 #include <string>
 #include <unordered_set>
 
+#include "engine/Context.h"
 #include "engine/Guarded.h"
 #include "orvane/Exception.h"
 
@@ -83,6 +86,268 @@ void insertKids(fz_context* ctx, pdf_document* doc, pdf_obj* parent, int index, 
     fz_catch(ctx) {
         fz_rethrow(ctx);
     }
+}
+
+// ---- mending on open ----
+
+// Trees of at most this many pages are walked whole when a document opens;
+// larger ones only when their root's children disagree with its count.
+constexpr int kAlwaysWalkedPages = 2000;
+
+// Whether the root's /Count is one a whole walk need not check: larger than
+// kAlwaysWalkedPages, within the object count, and the sum of what the
+// root's children hold. C only.
+int rootLooksSound(fz_context* ctx, pdf_document* doc) {
+    pdf_obj* root = pdf_dict_getp(ctx, pdf_trailer(ctx, doc), "Root/Pages");
+    if (!pdf_is_dict(ctx, root)) return 0;
+    const int claimed = pdf_dict_get_int(ctx, root, PDF_NAME(Count));
+    if (claimed <= kAlwaysWalkedPages || claimed > pdf_xref_len(ctx, doc)) return 0;
+    pdf_obj* kids = pdf_dict_get(ctx, root, PDF_NAME(Kids));
+    int64_t held = 0;
+    for (int i = 0, n = pdf_array_len(ctx, kids); i < n; ++i) {
+        KidInfo kid = readKid(ctx, kids, i);
+        if (!pdf_is_dict(ctx, kid.resolved)) return 0;
+        if (!kid.isNode) {
+            ++held;
+            continue;
+        }
+        const int count = pdf_dict_get_int(ctx, kid.kid, PDF_NAME(Count));
+        if (count <= 0) return 0;
+        held += count;
+    }
+    return held == claimed;
+}
+
+// Rebuilds the cross-reference table from the objects found in the file, as
+// MuPDF does when it cannot read the table. Answers 0 when that fails for
+// the file's sake; running out of memory or time is thrown.
+int rebuildXref(fz_context* ctx, pdf_document* doc) {
+    int rebuilt = 1;
+    fz_try(ctx) {
+        // Look-ups start at the section this index names: after the rebuild
+        // there is one section, so every look-up starts at the first.
+        if (doc->xref_index) memset(doc->xref_index, 0, sizeof(int) * (size_t)doc->max_xref_len);
+        pdf_repair_xref(ctx, doc);
+        if (doc->xref_index) memset(doc->xref_index, 0, sizeof(int) * (size_t)doc->max_xref_len);
+        pdf_repair_obj_stms(ctx, doc);
+        pdf_repair_trailer(ctx, doc);
+    }
+    fz_catch(ctx) {
+        if (fz_caught(ctx) == FZ_ERROR_MEMORY || fz_caught(ctx) == FZ_ERROR_ABORT) fz_rethrow(ctx);
+        fz_warn(ctx, "cannot rebuild the cross-reference table: %s", fz_caught_message(ctx));
+        rebuilt = 0;
+    }
+    return rebuilt;
+}
+
+// Whether object num is a page dictionary; 0 for an object that cannot be
+// read. Running out of memory or time is thrown. C only.
+int isPageObject(fz_context* ctx, pdf_document* doc, int num) {
+    pdf_obj* obj = NULL;
+    int page = 0;
+    fz_var(page);
+    fz_var(obj);
+    fz_try(ctx) {
+        obj = pdf_load_object(ctx, doc, num);
+        page = pdf_is_dict(ctx, obj) && pdf_name_eq(ctx, pdf_dict_get(ctx, obj, PDF_NAME(Type)), PDF_NAME(Page));
+    }
+    fz_always(ctx) {
+        pdf_drop_obj(ctx, obj);
+    }
+    fz_catch(ctx) {
+        if (fz_caught(ctx) == FZ_ERROR_MEMORY || fz_caught(ctx) == FZ_ERROR_ABORT) fz_rethrow(ctx);
+        page = 0;
+    }
+    return page;
+}
+
+// A new root node listing the given objects, hung from the catalog (a new
+// catalog when the trailer has none). C only.
+void plantTree(fz_context* ctx, pdf_document* doc, const int* nums, int n) {
+    pdf_obj* trailer = pdf_trailer(ctx, doc);
+    pdf_obj* node = pdf_add_new_dict(ctx, doc, 3);
+    fz_try(ctx) {
+        pdf_dict_put(ctx, node, PDF_NAME(Type), PDF_NAME(Pages));
+        pdf_dict_put_int(ctx, node, PDF_NAME(Count), n);
+        pdf_obj* kids = pdf_dict_put_array(ctx, node, PDF_NAME(Kids), n);
+        for (int i = 0; i < n; ++i) {
+            pdf_array_push_drop(ctx, kids, pdf_new_indirect(ctx, doc, nums[i], 0));
+            pdf_dict_put(ctx, pdf_array_get(ctx, kids, i), PDF_NAME(Parent), node);
+        }
+        if (!pdf_is_dict(ctx, pdf_dict_get(ctx, trailer, PDF_NAME(Root)))) {
+            pdf_obj* catalog = pdf_add_new_dict(ctx, doc, 2);
+            pdf_dict_put_drop(ctx, trailer, PDF_NAME(Root), catalog);
+            pdf_dict_put(ctx, catalog, PDF_NAME(Type), PDF_NAME(Catalog));
+        }
+        pdf_dict_put(ctx, pdf_dict_get(ctx, trailer, PDF_NAME(Root)), PDF_NAME(Pages), node);
+    }
+    fz_always(ctx) {
+        pdf_drop_obj(ctx, node);
+    }
+    fz_catch(ctx) {
+        fz_rethrow(ctx);
+    }
+}
+
+// Replaces the listing kids[index] of a page listed before by a copy of the
+// page whose /Parent is node. C only.
+void copyListing(fz_context* ctx, pdf_document* doc, pdf_obj* node, pdf_obj* kids, int index) {
+    pdf_obj* page = pdf_resolve_indirect(ctx, pdf_array_get(ctx, kids, index));
+    pdf_obj* copy = pdf_add_object_drop(ctx, doc, pdf_deep_copy_obj(ctx, page));
+    fz_try(ctx) {
+        if (pdf_is_indirect(ctx, node)) pdf_dict_put(ctx, copy, PDF_NAME(Parent), node);
+        pdf_array_put(ctx, kids, index, copy);
+    }
+    fz_always(ctx) {
+        pdf_drop_obj(ctx, copy);
+    }
+    fz_catch(ctx) {
+        fz_rethrow(ctx);
+    }
+}
+
+// What a forgiving walk of the tree found: the pages it holds, and what
+// must change for MuPDF to find exactly those.
+struct Walk {
+    struct Mend {
+        pdf_obj* node;  // as its parent lists it (what a /Parent refers to)
+        pdf_obj* kids;
+        int index;
+        bool drop;  // else a further listing of a page, to be copied
+    };
+    struct Count {
+        pdf_obj* node;
+        int pages;
+    };
+    int pages = 0;
+    int missing = 0;  // entries that are no object (perhaps lost with the xref)
+    std::vector<Mend> mends;
+    std::vector<Count> counts;
+    std::vector<pdf_obj*> brokenContents;  // pages whose /Contents holds no stream
+};
+
+// Whether the page's /Contents names something that is not a stream (a
+// stream cut short in a truncated file reads as a bare dictionary), alone
+// or in its array. C only.
+int contentsBroken(fz_context* ctx, pdf_obj* page) {
+    pdf_obj* contents = pdf_dict_get(ctx, page, PDF_NAME(Contents));
+    if (contents == NULL || pdf_is_stream(ctx, contents)) return 0;
+    if (!pdf_is_array(ctx, contents)) return 1;
+    for (int i = 0, n = pdf_array_len(ctx, contents); i < n; ++i) {
+        if (!pdf_is_stream(ctx, pdf_array_get(ctx, contents, i))) return 1;
+    }
+    return 0;
+}
+
+// Leaves out of the page's /Contents what is not a stream. C only.
+void dropBrokenContents(fz_context* ctx, pdf_obj* page) {
+    pdf_obj* contents = pdf_dict_get(ctx, page, PDF_NAME(Contents));
+    if (!pdf_is_array(ctx, contents)) {
+        pdf_dict_del(ctx, page, PDF_NAME(Contents));
+        return;
+    }
+    for (int i = pdf_array_len(ctx, contents) - 1; i >= 0; --i) {
+        if (!pdf_is_stream(ctx, pdf_array_get(ctx, contents, i))) pdf_array_delete(ctx, contents, i);
+    }
+}
+
+// Walks the tree once, each node at most once: a node met again (a loop or
+// a node shared between branches), one nested too deep and an entry that is
+// no dictionary are left out; pages count once per listing.
+Walk walkForgivingly(fz_context* ctx, pdf_document* doc, bool checkContents) {
+    Walk walk;
+    struct Frame {
+        pdf_obj* node;
+        NodeInfo info;
+        int next;
+        int firstPage;
+    };
+    std::vector<Frame> path;
+    std::unordered_set<pdf_obj*> nodes, pages;
+    pdf_obj* const root = guarded(ctx, [&] {
+        pdf_obj* r = pdf_dict_getp(ctx, pdf_trailer(ctx, doc), "Root/Pages");
+        return pdf_is_dict(ctx, r) ? r : NULL;
+    });
+    if (root == nullptr) return walk;
+    nodes.insert(guarded(ctx, [&] { return pdf_resolve_indirect(ctx, root); }));
+    path.push_back({root, guarded(ctx, [&] { return readNode(ctx, root); }), 0, 0});
+    while (!path.empty()) {
+        Frame& frame = path.back();
+        if (frame.next >= frame.info.kidCount) {
+            const int held = walk.pages - frame.firstPage;
+            if (held != frame.info.claimed) walk.counts.push_back({frame.node, held});
+            path.pop_back();
+            continue;
+        }
+        const int i = frame.next++;
+        pdf_obj* const kids = frame.info.kids;
+        struct Kid {
+            KidInfo info;
+            int isDict;
+        };
+        const Kid kid = guarded(ctx, [&] {
+            Kid k;
+            k.info = readKid(ctx, kids, i);
+            k.isDict = pdf_is_dict(ctx, k.info.resolved);
+            return k;
+        });
+        if (!kid.isDict) {
+            walk.mends.push_back({frame.node, kids, i, true});
+            ++walk.missing;
+        } else if (kid.info.isNode) {
+            if (path.size() >= size_t(kMaxPageTreeDepth) || !nodes.insert(kid.info.resolved).second) {
+                walk.mends.push_back({frame.node, kids, i, true});
+            } else {
+                pdf_obj* const node = kid.info.kid;
+                path.push_back({node, guarded(ctx, [&] { return readNode(ctx, node); }), 0, walk.pages});
+            }
+        } else {
+            if (!pages.insert(kid.info.resolved).second) {
+                walk.mends.push_back({frame.node, kids, i, false});
+            } else if (checkContents) {
+                pdf_obj* const page = kid.info.resolved;
+                if (guarded(ctx, [&] { return contentsBroken(ctx, page); })) walk.brokenContents.push_back(page);
+            }
+            ++walk.pages;
+        }
+    }
+    return walk;
+}
+
+// The page objects among the file's objects, in the order the file holds
+// them (objects of an object stream at the stream's place).
+std::vector<int> findPageObjects(fz_context* ctx, pdf_document* doc) {
+    struct Found {
+        int64_t offset;
+        int index;
+        int num;
+    };
+    std::vector<Found> found;
+    const int objects = guarded(ctx, [&] { return pdf_xref_len(ctx, doc); });
+    for (int num = 1; num < objects; ++num) {
+        const Found place = guarded(ctx, [&] {
+            Found f{-1, 0, num};
+            pdf_xref_entry* entry = pdf_get_xref_entry(ctx, doc, num);
+            if (entry == NULL) return f;
+            if (entry->type == 'n') {
+                f.offset = entry->ofs;
+            } else if (entry->type == 'o' && entry->ofs > 0 && entry->ofs < objects) {
+                pdf_xref_entry* stream = pdf_get_xref_entry(ctx, doc, (int)entry->ofs);
+                f.offset = stream != NULL ? stream->ofs : 0;
+                f.index = entry->gen;
+            }
+            return f;
+        });
+        if (place.offset < 0) continue;
+        if (guarded(ctx, [&] { return isPageObject(ctx, doc, num); })) found.push_back(place);
+    }
+    std::stable_sort(found.begin(), found.end(), [](const Found& a, const Found& b) {
+        return a.offset != b.offset ? a.offset < b.offset : a.index < b.index;
+    });
+    std::vector<int> nums;
+    nums.reserve(found.size());
+    for (const Found& f : found) nums.push_back(f.num);
+    return nums;
 }
 
 // ---- checks ----
@@ -190,6 +455,64 @@ PageTree ReadPageTree(fz_context* ctx, pdf_document* doc) {
     }
     if (tree.leaves.size() != size_t(std::max(start.count, 0))) tree.consistent = false;
     return tree;
+}
+
+TreeRepair MendPageTree(fz_context* ctx, pdf_document* doc) {
+    TreeRepair repair;
+    // A file MuPDF had to repair is walked whole whatever its size: what
+    // it cut short may be anywhere.
+    if (!doc->repair_attempted && guarded(ctx, [&] { return rootLooksSound(ctx, doc); })) return repair;
+    Walk walk = walkForgivingly(ctx, doc, doc->repair_attempted);
+    if ((walk.pages == 0 || walk.missing > 0) && !doc->repair_attempted) {
+        repair.xrefRebuilt = guarded(ctx, [&] { return rebuildXref(ctx, doc); }) != 0;
+        walk = walkForgivingly(ctx, doc, true);
+    }
+    if (walk.pages == 0) {
+        const std::vector<int> pages = findPageObjects(ctx, doc);
+        if (pages.empty()) return repair;
+        // The pages keep what they inherited from the nodes that held them.
+        for (const int num : pages) {
+            try {
+                guarded(ctx, [&] {
+                    pdf_obj* page = pdf_load_object(ctx, doc, num);
+                    fz_try(ctx) {
+                        pdf_flatten_inheritable_page_items(ctx, page);
+                    }
+                    fz_always(ctx) {
+                        pdf_drop_obj(ctx, page);
+                    }
+                    fz_catch(ctx) {
+                        fz_rethrow(ctx);
+                    }
+                });
+            } catch (const Orvane::Exception&) {
+                if (RequestBudget::Expired()) throw;
+            }
+        }
+        guarded(ctx, [&] { plantTree(ctx, doc, pages.data(), int(pages.size())); });
+        repair.treeRebuilt = true;
+        repair.pages = int(pages.size());
+        return repair;
+    }
+    // Last entries first: a dropped entry moves only those after it.
+    for (auto mend = walk.mends.rbegin(); mend != walk.mends.rend(); ++mend) {
+        guarded(ctx, [&] {
+            if (mend->drop) {
+                pdf_array_delete(ctx, mend->kids, mend->index);
+            } else {
+                copyListing(ctx, doc, mend->node, mend->kids, mend->index);
+            }
+        });
+        ++(mend->drop ? repair.dropped : repair.copies);
+    }
+    for (pdf_obj* page : walk.brokenContents) guarded(ctx, [&] { dropBrokenContents(ctx, page); });
+    repair.contents = int(walk.brokenContents.size());
+    for (const Walk::Count& count : walk.counts) {
+        guarded(ctx, [&] { pdf_dict_put_int(ctx, count.node, PDF_NAME(Count), count.pages); });
+    }
+    repair.counts = int(walk.counts.size());
+    repair.pages = walk.pages;
+    return repair;
 }
 
 pdf_obj* PageObject(fz_context* ctx, pdf_document* doc, const PageTree& tree, int i) {

@@ -423,6 +423,19 @@ std::string pdfNumber(double value) {
     return text;
 }
 
+// What MendPageTree did, for the log.
+std::string describe(const TreeRepair& repair) {
+    std::string text;
+    auto add = [&](const std::string& part) { text += (text.empty() ? "" : ", ") + part; };
+    if (repair.xrefRebuilt) add("cross-reference table rebuilt from the objects");
+    if (repair.treeRebuilt) add("page tree rebuilt from the page objects found");
+    if (repair.counts) add(std::to_string(repair.counts) + " page count(s) corrected");
+    if (repair.dropped) add(std::to_string(repair.dropped) + " broken page-tree entries dropped");
+    if (repair.contents) add(std::to_string(repair.contents) + " page content(s) cut short left out");
+    if (repair.copies) add(std::to_string(repair.copies) + " repeated page listing(s) made pages of their own");
+    return text + "; " + std::to_string(repair.pages) + " page(s)";
+}
+
 // Where an insertion at index lands: before that page, or at the end.
 int insertionPoint(unsigned index, int count) {
     return index <= unsigned(count) ? int(index) : count;
@@ -471,10 +484,24 @@ PdfDocument::PdfDocument(const std::shared_ptr<IFontProvider>& fonts, const Orva
         ownerAccess = (access & 4) != 0;
     }
 
+    try {
+        const TreeRepair repair = MendPageTree(ctx, doc);
+        if (repair.Any()) LOG(INFO) << "repaired " << file << ": " << describe(repair);
+    } catch (const Orvane::Exception& e) {
+        if (RequestBudget::Expired()) throw;
+        LOG(WARNING) << "cannot repair the page tree of " << file << ": " << e.what();
+    }
+
     const int count = guarded(
         ctx, [&] { return pdf_count_pages(ctx, doc); }, Failure::File);
     const int objects = guarded(
         ctx, [&] { return pdf_xref_len(ctx, doc); }, Failure::File);
+    // MuPDF reads past objects it cannot load (a refused allocation among
+    // them): what looks like an empty or broken file may be the budget's.
+    if (RequestBudget::Expired()) {
+        throw Orvane::Exception("time budget of " + std::to_string(TimeBudget().count()) +
+                                " ms exceeded while opening " + file);
+    }
     if (count < 0 || count > objects) {
         throw std::runtime_error("cannot open " + file + ": its page tree claims " + std::to_string(count) +
                                  " pages in a file of " + std::to_string(objects) + " objects");
