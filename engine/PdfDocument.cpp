@@ -52,6 +52,47 @@ void checkReadable(const Orvane::ioPath& path) {
     ::close(fd);
 }
 
+// The file opened as if it ended after its last "endobj"; NULL when it
+// holds none or ends there already. C only.
+pdf_document* openUpToLastObject(fz_context* ctx, const char* path) {
+    static const char kEnd[] = "endobj";
+    const size_t endLength = sizeof kEnd - 1;
+    fz_buffer* buffer = fz_read_file(ctx, path);
+    fz_stream* stream = NULL;
+    pdf_document* doc = NULL;
+    fz_var(stream);
+    fz_var(doc);
+    fz_try(ctx) {
+        unsigned char* data = NULL;
+        const size_t length = fz_buffer_storage(ctx, buffer, &data);
+        size_t end = 0;
+        for (size_t at = length >= endLength ? length - endLength + 1 : 0; at-- > 0;) {
+            if (memcmp(data + at, kEnd, endLength) == 0) {
+                end = at + endLength;
+                break;
+            }
+        }
+        // Past the last object: nothing is cut short.
+        int rest = end > 0;
+        for (size_t at = end; rest && at < length; ++at) {
+            if (data[at] > ' ') rest = 2;
+        }
+        if (rest == 2) {
+            fz_resize_buffer(ctx, buffer, end);
+            stream = fz_open_buffer(ctx, buffer);
+            doc = pdf_open_document_with_stream(ctx, stream);
+        }
+    }
+    fz_always(ctx) {
+        fz_drop_stream(ctx, stream);
+        fz_drop_buffer(ctx, buffer);
+    }
+    fz_catch(ctx) {
+        fz_rethrow(ctx);
+    }
+    return doc;
+}
+
 // ---- permissions ----
 
 // The /P bits (PDF numbering, bit 1 lowest) and the handler's revision, read
@@ -459,8 +500,18 @@ PdfDocument::PdfDocument(const std::shared_ptr<IFontProvider>& fonts, const Orva
     checkReadable(path);
     const std::string file = path.utf8string();
     ScopedFontProvider fontScope(fonts.get());
-    Adopt(ctx, guarded(
-                   ctx, [&] { return pdf_open_document(ctx, file.c_str()); }, Failure::File));
+    try {
+        Adopt(ctx, guarded(
+                       ctx, [&] { return pdf_open_document(ctx, file.c_str()); }, Failure::File));
+    } catch (const std::runtime_error& e) {
+        // MuPDF's repair gives up on an object cut short at the end of the
+        // file (a truncated file): the objects before it are opened.
+        pdf_document* shortened = guarded(
+            ctx, [&] { return openUpToLastObject(ctx, file.c_str()); }, Failure::File);
+        if (shortened == nullptr) throw;
+        Adopt(ctx, shortened);
+        LOG(INFO) << "repaired " << file << ": read up to its last whole object (" << e.what() << ")";
+    }
     pdf_document* doc = core_->doc;
 
     bool ownerAccess = false;

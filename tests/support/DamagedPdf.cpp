@@ -179,6 +179,7 @@ std::vector<DamagedPdf> DamagedPdfs() {
         {"xref table gone", WithoutXref(sound), 2},
         {"cut before the second page", sound.substr(0, sound.find("4 0 obj")), 1},
         {"cut in the middle", Truncated(sound, 0.5), 2},
+        {"cut inside a dictionary", sound.substr(0, sound.find("/MediaBox", sound.find("4 0 obj")) + 3), 1},
         {"object stream gone", WithoutObjectStreams(compressed), 2},
         {"xref stream gone", WithoutXref(compressed), 2},
         {"object stream and xref stream gone", WithoutXref(WithoutObjectStreams(compressed)), 2},
