@@ -10,7 +10,8 @@
 # MANUALS (default 60) manuals under 4 MB are picked evenly from the corpus;
 # each gives damaged copies of itself and of a copy rewritten without object
 # streams by qpdf (so that its page tree is plain text a damage can reach).
-# Results per file: BUILD_DIR/damaged-open/results.tsv (1 opened, 0 not).
+# Results per file: BUILD_DIR/damaged-open/results.tsv (2 opened and its
+# first page drawn, 1 opened without a page drawn, 0 not opened).
 set -euo pipefail
 build=$(realpath "${1:-build/release}")
 reference=${2:+$(realpath "$2")}
@@ -36,11 +37,11 @@ for ((i = 0; i < ${#all[@]} && ${#sources[@]} < manuals * 2; i += step)); do
 done
 "$build/bench/quirelle_make_damaged" "$work/files" "${sources[@]}"
 
-# 1 when the program opens the file (in its own process, within 60 s).
+# What the program makes of the file, in its own process, within 60 s.
 opens() {
     local out
     out=$(timeout 60 "$1" render 10 1 "$2" 2>&1 </dev/null) || { echo 0; return; }
-    case $out in *"cannot open"*) echo 0 ;; *pages=*) echo 1 ;; *) echo 0 ;; esac
+    case $out in *"cannot open"*) echo 0 ;; *pages=1*) echo 2 ;; *pages=*) echo 1 ;; *) echo 0 ;; esac
 }
 export -f opens
 
@@ -53,9 +54,14 @@ find "$work/files" -name '*.pdf' | sort | xargs -P 2 -I{} bash -c '
     echo "$line"' > "$work/results.tsv"
 
 awk -F'\t' -v ref="${reference:+1}" '
-    { files++; if (!$2) fail++; if (!$3) qt++; if (ref && !$4) old++;
+    { files++; if (!$2) fail++; if (!$3) qt++; if (ref && !$4) old++
+      if ($2 == 1) empty++; if ($3 == 1) qtEmpty++; if (ref && $4 == 1) oldEmpty++
       if (ref && $4 && !$2) { worse++; print "now fails: " $1 }
+      if (ref && $4 == 2 && $2 < 2) print "no longer draws a page: " $1
       if ($3 && !$2) print "QtPdf opens, this build does not: " $1 }
     END { printf "files %d; cannot open: this build %d, QtPdf %d", files, fail, qt
-          if (ref) printf ", reference build %d; opened by the reference build and not by this one: %d", old, worse
+          if (ref) printf ", reference build %d", old
+          printf "\nopened without a page drawn: this build %d, QtPdf %d", empty, qtEmpty
+          if (ref) printf ", reference build %d", oldEmpty
+          if (ref) printf "\nopened by the reference build and not by this one: %d", worse
           printf "\n" }' "$work/results.tsv"
