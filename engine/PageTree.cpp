@@ -166,6 +166,13 @@ int isPageObject(fz_context* ctx, pdf_document* doc, int num) {
     return page;
 }
 
+// dict[key] = a reference of its own to the object ref refers to (MuPDF's
+// 16-bit reference counts pin an object shared by many, see copyUnshared).
+// C only.
+void putReference(fz_context* ctx, pdf_document* doc, pdf_obj* dict, pdf_obj* key, pdf_obj* ref) {
+    pdf_dict_put_drop(ctx, dict, key, pdf_new_indirect(ctx, doc, pdf_to_num(ctx, ref), pdf_to_gen(ctx, ref)));
+}
+
 // A new root node listing the given objects, hung from the catalog (a new
 // catalog when the trailer has none). C only.
 void plantTree(fz_context* ctx, pdf_document* doc, const int* nums, int n) {
@@ -177,7 +184,7 @@ void plantTree(fz_context* ctx, pdf_document* doc, const int* nums, int n) {
         pdf_obj* kids = pdf_dict_put_array(ctx, node, PDF_NAME(Kids), n);
         for (int i = 0; i < n; ++i) {
             pdf_array_push_drop(ctx, kids, pdf_new_indirect(ctx, doc, nums[i], 0));
-            pdf_dict_put(ctx, pdf_array_get(ctx, kids, i), PDF_NAME(Parent), node);
+            putReference(ctx, doc, pdf_array_get(ctx, kids, i), PDF_NAME(Parent), node);
         }
         if (!pdf_is_dict(ctx, pdf_dict_get(ctx, trailer, PDF_NAME(Root)))) {
             pdf_obj* catalog = pdf_add_new_dict(ctx, doc, 2);
@@ -194,16 +201,78 @@ void plantTree(fz_context* ctx, pdf_document* doc, const int* nums, int n) {
     }
 }
 
-// Replaces the listing kids[index] of a page listed before by a copy of the
-// page whose /Parent is node. C only.
-void copyListing(fz_context* ctx, pdf_document* doc, pdf_obj* node, pdf_obj* kids, int index) {
-    pdf_obj* page = pdf_resolve_indirect(ctx, pdf_array_get(ctx, kids, index));
-    pdf_obj* copy = pdf_add_object_drop(ctx, doc, pdf_deep_copy_obj(ctx, page));
+// Makes room for n new objects at once and answers the first one's number.
+// MuPDF grows its tables by one entry for every object it adds, and a
+// reallocation that moves them makes thousands of additions quadratic. C only.
+int reserveObjects(fz_context* ctx, pdf_document* doc, int n) {
+    const int first = pdf_xref_len(ctx, doc);
+    if (n > 0) pdf_get_populating_xref_entry(ctx, doc, first + n - 1);
+    return first;
+}
+
+pdf_obj* copyUnshared(fz_context* ctx, pdf_document* doc, pdf_obj* obj, int depth);
+
+// Puts copies of key and value into dict. C only.
+void copyEntry(fz_context* ctx, pdf_document* doc, pdf_obj* dict, pdf_obj* key, pdf_obj* value, int depth) {
+    pdf_obj* fresh = pdf_new_name(ctx, pdf_to_name(ctx, key));
     fz_try(ctx) {
-        if (pdf_is_indirect(ctx, node)) pdf_dict_put(ctx, copy, PDF_NAME(Parent), node);
-        pdf_array_put(ctx, kids, index, copy);
+        pdf_dict_put_drop(ctx, dict, fresh, copyUnshared(ctx, doc, value, depth));
     }
     fz_always(ctx) {
+        pdf_drop_obj(ctx, fresh);
+    }
+    fz_catch(ctx) {
+        fz_rethrow(ctx);
+    }
+}
+
+// A copy of obj that shares no object with it. MuPDF counts references in
+// 16 bits and never frees an object whose count reached the top: thousands
+// of copies sharing their numbers and references (as pdf_deep_copy_obj
+// shares them) would pin those for good. Nesting past 32 levels is shared.
+// C only.
+pdf_obj* copyUnshared(fz_context* ctx, pdf_document* doc, pdf_obj* obj, int depth) {
+    if (pdf_is_indirect(ctx, obj)) return pdf_new_indirect(ctx, doc, pdf_to_num(ctx, obj), pdf_to_gen(ctx, obj));
+    if (pdf_is_int(ctx, obj)) return pdf_new_int(ctx, pdf_to_int64(ctx, obj));
+    if (pdf_is_real(ctx, obj)) return pdf_new_real(ctx, pdf_to_real(ctx, obj));
+    if (pdf_is_string(ctx, obj)) return pdf_new_string(ctx, pdf_to_str_buf(ctx, obj), pdf_to_str_len(ctx, obj));
+    if (pdf_is_name(ctx, obj)) return pdf_new_name(ctx, pdf_to_name(ctx, obj));
+    if (depth > 32 || !(pdf_is_array(ctx, obj) || pdf_is_dict(ctx, obj))) return pdf_keep_obj(ctx, obj);
+    const int dict = pdf_is_dict(ctx, obj);
+    const int n = dict ? pdf_dict_len(ctx, obj) : pdf_array_len(ctx, obj);
+    pdf_obj* copy = dict ? pdf_new_dict(ctx, doc, n) : pdf_new_array(ctx, doc, n);
+    fz_try(ctx) {
+        for (int i = 0; i < n; ++i) {
+            if (dict) {
+                copyEntry(ctx, doc, copy, pdf_dict_get_key(ctx, obj, i), pdf_dict_get_val(ctx, obj, i), depth + 1);
+            } else {
+                pdf_array_push_drop(ctx, copy, copyUnshared(ctx, doc, pdf_array_get(ctx, obj, i), depth + 1));
+            }
+        }
+    }
+    fz_catch(ctx) {
+        pdf_drop_obj(ctx, copy);
+        fz_rethrow(ctx);
+    }
+    return copy;
+}
+
+// Replaces the listing kids[index] of a page listed before by a copy of the
+// page whose /Parent is node, as object num (reserved; filled from the
+// highest number down, the incremental table grows once). C only.
+void copyListing(fz_context* ctx, pdf_document* doc, pdf_obj* node, pdf_obj* kids, int index, int num) {
+    pdf_obj* page = pdf_resolve_indirect(ctx, pdf_array_get(ctx, kids, index));
+    pdf_obj* copy = copyUnshared(ctx, doc, page, 0);
+    pdf_obj* ref = NULL;
+    fz_var(ref);
+    fz_try(ctx) {
+        pdf_update_object(ctx, doc, num, copy);
+        ref = pdf_new_indirect(ctx, doc, num, 0);
+        if (pdf_is_indirect(ctx, node)) putReference(ctx, doc, copy, PDF_NAME(Parent), node);
+        pdf_array_put(ctx, kids, index, ref);
+    }
+    fz_always(ctx) {
+        pdf_drop_obj(ctx, ref);
         pdf_drop_obj(ctx, copy);
     }
     fz_catch(ctx) {
@@ -499,13 +568,17 @@ TreeRepair MendPageTree(fz_context* ctx, pdf_document* doc) {
         repair.pages = int(pages.size());
         return repair;
     }
+    int copies = 0;
+    for (const Walk::Mend& mend : walk.mends) copies += !mend.drop;
+    const int firstCopy = guarded(ctx, [&] { return reserveObjects(ctx, doc, copies); });
     // Last entries first: a dropped entry moves only those after it.
     for (auto mend = walk.mends.rbegin(); mend != walk.mends.rend(); ++mend) {
+        const int num = firstCopy + copies - 1 - repair.copies;
         guarded(ctx, [&] {
             if (mend->drop) {
                 pdf_array_delete(ctx, mend->kids, mend->index);
             } else {
-                copyListing(ctx, doc, mend->node, mend->kids, mend->index);
+                copyListing(ctx, doc, mend->node, mend->kids, mend->index, num);
             }
         });
         ++(mend->drop ? repair.dropped : repair.copies);
