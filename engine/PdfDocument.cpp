@@ -506,8 +506,15 @@ PdfDocument::PdfDocument(const std::shared_ptr<IFontProvider>& fonts, const Orva
     } catch (const std::runtime_error& e) {
         // MuPDF's repair gives up on an object cut short at the end of the
         // file (a truncated file): the objects before it are opened.
-        pdf_document* shortened = guarded(
-            ctx, [&] { return openUpToLastObject(ctx, file.c_str()); }, Failure::File);
+        pdf_document* shortened = nullptr;
+        try {
+            shortened = guarded(
+                ctx, [&] { return openUpToLastObject(ctx, file.c_str()); }, Failure::File);
+        } catch (const Orvane::Exception&) {
+            if (RequestBudget::Expired()) throw;
+        } catch (const std::runtime_error&) {
+        }
+        // The file's own failure, not the second attempt's.
         if (shortened == nullptr) throw;
         Adopt(ctx, shortened);
         LOG(INFO) << "repaired " << file << ": read up to its last whole object (" << e.what() << ")";
