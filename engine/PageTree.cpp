@@ -91,36 +91,85 @@ void insertKids(fz_context* ctx, pdf_document* doc, pdf_obj* parent, int index, 
 // ---- mending on open ----
 
 // Opening a sound file must not cost a walk of its tree (about 1.7 us a
-// page). Trees of at most this many pages are walked whole; larger ones
-// when their root's count exceeds the file's objects or, for a root of at
-// most this many children, differs from the sum of what its children claim.
-// A lie below the root of a large tree, or in a root of more children, is
-// not looked for.
-constexpr int kAlwaysWalkedPages = 64;
+// page, for loading every page's dictionary). A root whose count equals its
+// number of children is taken for a flat list of pages when those name
+// existing objects, none twice and not the root: that needs no object
+// loaded. Other trees of at most kAlwaysWalkedPages pages are walked whole;
+// larger ones when their count exceeds the file's objects or, for a root of
+// at most kRootChildrenChecked children, differs from the sum of what the
+// children claim. A lie below the root of a large tree, or in a root of
+// more children, is not looked for.
+constexpr int kAlwaysWalkedPages = 16;
 constexpr int kRootChildrenChecked = 64;
 
-// Whether the root's /Count need not be checked by a whole walk. C only.
-int rootLooksSound(fz_context* ctx, pdf_document* doc) {
-    pdf_obj* root = pdf_dict_getp(ctx, pdf_trailer(ctx, doc), "Root/Pages");
-    if (!pdf_is_dict(ctx, root)) return 0;
-    const int claimed = pdf_dict_get_int(ctx, root, PDF_NAME(Count));
-    if (claimed <= kAlwaysWalkedPages || claimed > pdf_xref_len(ctx, doc)) return 0;
-    pdf_obj* kids = pdf_dict_get(ctx, root, PDF_NAME(Kids));
-    const int n = pdf_array_len(ctx, kids);
-    if (n > kRootChildrenChecked) return 1;
+// What rootLooksSound needs to know of the root. C only.
+struct RootInfo {
+    pdf_obj* kids;
+    int children;
+    int claimed;
+    int rootNum;
+    int objects;
+    int dict;
+};
+
+RootInfo readRoot(fz_context* ctx, pdf_document* doc) {
+    RootInfo info;
+    pdf_obj* ref = pdf_dict_getp(ctx, pdf_trailer(ctx, doc), "Root/Pages");
+    info.dict = pdf_is_dict(ctx, ref);
+    info.kids = pdf_dict_get(ctx, ref, PDF_NAME(Kids));
+    info.children = pdf_array_len(ctx, info.kids);
+    info.claimed = pdf_dict_get_int(ctx, ref, PDF_NAME(Count));
+    info.rootNum = pdf_to_num(ctx, ref);
+    info.objects = pdf_xref_len(ctx, doc);
+    return info;
+}
+
+// The object number of kids[i] when it refers to an object the file has,
+// else 0; loads nothing. C only.
+int childNumber(fz_context* ctx, pdf_document* doc, pdf_obj* kids, int i, int objects) {
+    pdf_obj* kid = pdf_array_get(ctx, kids, i);
+    if (!pdf_is_indirect(ctx, kid)) return 0;
+    const int num = pdf_to_num(ctx, kid);
+    if (num <= 0 || num >= objects) return 0;
+    pdf_xref_entry* entry = pdf_get_xref_entry(ctx, doc, num);
+    return entry != NULL && (entry->type == 'n' || entry->type == 'o') ? num : 0;
+}
+
+// The sum of what the root's children claim: 1 a page, /Count a node; -1
+// when a child is no dictionary or a node claims nothing. C only.
+int64_t childrenClaim(fz_context* ctx, pdf_obj* kids, int n) {
     int64_t held = 0;
     for (int i = 0; i < n; ++i) {
         KidInfo kid = readKid(ctx, kids, i);
-        if (!pdf_is_dict(ctx, kid.resolved)) return 0;
+        if (!pdf_is_dict(ctx, kid.resolved)) return -1;
         if (!kid.isNode) {
             ++held;
             continue;
         }
         const int count = pdf_dict_get_int(ctx, kid.kid, PDF_NAME(Count));
-        if (count <= 0) return 0;
+        if (count <= 0) return -1;
         held += count;
     }
-    return held == claimed;
+    return held;
+}
+
+// Whether the root's /Count need not be checked by a whole walk.
+bool rootLooksSound(fz_context* ctx, pdf_document* doc) {
+    const RootInfo root = guarded(ctx, [&] { return readRoot(ctx, doc); });
+    if (!root.dict || root.claimed <= 0 || root.claimed > root.objects) return false;
+    if (root.claimed == root.children) {
+        std::vector<char> seen(size_t(root.objects), 0);
+        if (root.rootNum > 0 && root.rootNum < root.objects) seen[size_t(root.rootNum)] = 1;
+        for (int i = 0; i < root.children; ++i) {
+            const int num = guarded(ctx, [&] { return childNumber(ctx, doc, root.kids, i, root.objects); });
+            if (num == 0 || seen[size_t(num)]) return false;
+            seen[size_t(num)] = 1;
+        }
+        return true;
+    }
+    if (root.claimed <= kAlwaysWalkedPages) return false;
+    if (root.children > kRootChildrenChecked) return true;
+    return guarded(ctx, [&] { return childrenClaim(ctx, root.kids, root.children); }) == root.claimed;
 }
 
 // Rebuilds the cross-reference table from the objects found in the file, as
@@ -535,7 +584,7 @@ TreeRepair MendPageTree(fz_context* ctx, pdf_document* doc) {
     TreeRepair repair;
     // A file MuPDF had to repair is walked whole whatever its size: what
     // it cut short may be anywhere.
-    if (!doc->repair_attempted && guarded(ctx, [&] { return rootLooksSound(ctx, doc); })) return repair;
+    if (!doc->repair_attempted && rootLooksSound(ctx, doc)) return repair;
     Walk walk = walkForgivingly(ctx, doc, doc->repair_attempted);
     if ((walk.pages == 0 || walk.missing > 0) && !doc->repair_attempted) {
         repair.xrefRebuilt = guarded(ctx, [&] { return rebuildXref(ctx, doc); }) != 0;
