@@ -44,9 +44,9 @@ struct TreeRepair {
 
 // Makes the freshly opened document's page tree hold the pages it really
 // has, so that MuPDF's page lookup (which trusts every /Count) finds each
-// of them. A tree whose root count is small, larger than the file's object
-// count or at odds with the root's children (of a root of at most 64), and
-// every tree of a file MuPDF had to repair, is walked once; nodes that loop
+// of them. A tree whose root count is larger than the file's object count
+// or at odds with the root's children (see rootLooksSound), and every tree
+// of a file MuPDF had to repair, is walked once; nodes that loop
 // or repeat and entries that are no object are dropped, wrong counts set,
 // and a page listed more than once becomes one page object per listing
 // (copies sharing its content, so that an edit of one listing leaves the
