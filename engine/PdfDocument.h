@@ -30,9 +30,13 @@ public:
     // A new, empty document without pages and without a path. Needs the
     // calling thread's engine context (PdfiumInitializer::InitLibrary).
     explicit PdfDocument(const std::shared_ptr<IFontProvider>& fonts);
-    // Opens and parses the file (UTF-8 path). Throws std::runtime_error for a
-    // missing, unreadable or non-PDF file and for a page tree that claims more
-    // pages than the file has objects; std::logic_error("PASSWORD_ERROR") when
+    // Opens and parses the file (UTF-8 path). A damaged file is opened with
+    // the pages it holds (see MendPageTree): a page tree whose counts lie,
+    // loop or list a page more than once, a broken or looping chain of
+    // cross-reference sections, a tree that reaches no page. Throws
+    // std::runtime_error for a missing, unreadable or non-PDF file,
+    // Orvane::Exception naming the limit when the time budget or the memory
+    // limit ends the open; std::logic_error("PASSWORD_ERROR") when
     // the file needs a password and the given one is neither its user nor its
     // owner password. A file that opens without a password (empty user
     // password) also opens with a wrong one, with user access. The owner
