@@ -70,6 +70,18 @@ QVector<int> ThumbnailStrip::SelectedPages() const {
     return pages;
 }
 
+void ThumbnailStrip::SelectPages(const QVector<int>& pages) {
+    QItemSelection selection;
+    for (int page : pages) {
+        if (page >= 0 && page < count()) selection.select(model()->index(page, 0), model()->index(page, 0));
+    }
+    selectionModel()->select(selection, QItemSelectionModel::ClearAndSelect);
+    if (!pages.isEmpty() && pages.first() >= 0 && pages.first() < count()) {
+        selectionModel()->setCurrentIndex(model()->index(pages.first(), 0), QItemSelectionModel::NoUpdate);
+        scrollToItem(item(pages.first()));
+    }
+}
+
 void ThumbnailStrip::SetCurrentPage(int page) {
     if (page < 0 || page >= count()) return;
     setCurrentRow(page, QItemSelectionModel::NoUpdate);
