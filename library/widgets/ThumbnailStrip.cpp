@@ -35,7 +35,7 @@ ThumbnailStrip::ThumbnailStrip(IPDFProvider& service, QWidget* parent)
     connect(source_, &PageSource::LayoutChanged, this, &ThumbnailStrip::Rebuild);
     connect(source_, &PageSource::ImageArrived, this, [this](int page) {
         QListWidgetItem* it = item(page);
-        if (it == nullptr) return;
+        if (it == nullptr || source_->At(page).image.isNull()) return;
         // A thin frame, so that a white page stands out from the strip.
         QPixmap picture = QPixmap::fromImage(source_->At(page).image);
         QPainter painter(&picture);
@@ -61,6 +61,7 @@ int64_t ThumbnailStrip::Document() const {
 
 void ThumbnailStrip::Reload() {
     source_->Reload();
+    Rebuild();  // one row per page at once, as the selection is set right after an edit
 }
 
 QVector<int> ThumbnailStrip::SelectedPages() const {
