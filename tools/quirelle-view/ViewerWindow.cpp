@@ -163,6 +163,7 @@ void ViewerWindow::BuildMenus() {
     QMenu* edit = menuBar()->addMenu(tr("&Edit"));
     undoAction_ = add(edit, tr("&Undo"), QKeySequence::Undo, &ViewerWindow::Undo);
     redoAction_ = add(edit, tr("&Redo"), QKeySequence::Redo, &ViewerWindow::Redo);
+    redoAction_->setShortcuts({QKeySequence(tr("Ctrl+Shift+Z")), QKeySequence(tr("Ctrl+Y"))});
 
     QMenu* viewMenu = menuBar()->addMenu(tr("&View"));
     add(viewMenu, tr("&Find..."), QKeySequence::Find, [this] { findBar_->Activate(); });
