@@ -9,8 +9,8 @@
 #include <QGestureEvent>
 #include <QKeyEvent>
 #include <QNativeGestureEvent>
-#include <QPinchGesture>
 #include <QPainter>
+#include <QPinchGesture>
 #include <QScrollBar>
 #include <QWheelEvent>
 #include <algorithm>

@@ -16,8 +16,8 @@
 #include <QProcess>
 #include <QScrollBar>
 #include <QSettings>
-#include <QTemporaryDir>
 #include <QSignalSpy>
+#include <QTemporaryDir>
 #include <QTest>
 #include <atomic>
 #include <future>
@@ -52,7 +52,7 @@ public:
         if (viewType == IPageInfoObserver::PrintView) printed.emplace_back(width, height);
         return Quirelle::GeneratePageImage(id, page, width, height, viewType);
     }
-    std::set<unsigned> requested, cancelled;  // GUI thread only
+    std::set<unsigned> requested, cancelled;   // GUI thread only
     std::vector<std::pair<int, int>> printed;  // picture sizes asked with the printing view
 };
 
@@ -109,7 +109,8 @@ protected:
         const int64_t id = window.Document();
         for (int page = 0; page < service.GetPageCount(id); ++page) {
             auto text = service.GetPageTextObject(id, static_cast<unsigned>(page)).get();
-            pages.emplace_back(text ? text->GetText() : L"", service.GetPageInfo(id, static_cast<unsigned>(page)).get().rotation);
+            pages.emplace_back(text ? text->GetText() : L"",
+                               service.GetPageInfo(id, static_cast<unsigned>(page)).get().rotation);
         }
         return pages;
     }
@@ -370,14 +371,16 @@ TEST_F(ViewerTest, PageCommandsActWhereTheUserLooks) {
     EXPECT_EQ(Pages().at(1).second, IPage::Rotate0);
 
     // Moving up twice moves twice; the view follows the page.
-    for (int i = 0; i < 2; ++i) Edit([&] { QTest::keyClick(&window, Qt::Key_Up, Qt::ControlModifier | Qt::ShiftModifier); });
+    for (int i = 0; i < 2; ++i)
+        Edit([&] { QTest::keyClick(&window, Qt::Key_Up, Qt::ControlModifier | Qt::ShiftModifier); });
     EXPECT_EQ(Texts().at(23), L"Page 26\n");
     EXPECT_EQ(view.CurrentPage(), 23);
 
     // From the strip: its selection, which follows the pages moved down.
     strip.setFocus();
     strip.SelectPages({1, 2});
-    for (int i = 0; i < 2; ++i) Edit([&] { QTest::keyClick(&window, Qt::Key_Down, Qt::ControlModifier | Qt::ShiftModifier); });
+    for (int i = 0; i < 2; ++i)
+        Edit([&] { QTest::keyClick(&window, Qt::Key_Down, Qt::ControlModifier | Qt::ShiftModifier); });
     EXPECT_EQ(strip.SelectedPages(), (QVector<int>{3, 4}));
     EXPECT_EQ(Texts().at(3), L"Page 2\n");
     EXPECT_EQ(Texts().at(4), L"Page 3\n");
@@ -514,7 +517,8 @@ TEST_F(ViewerTest, RemembersRecentFilesAndWhereEachDocumentWasLeft) {
     view.GoToPage(6);
     ASSERT_TRUE(QTest::qWaitFor([&] { return view.CurrentPage() == 6; }, kTimeout));
     Open(b);
-    EXPECT_EQ(window.RecentFiles(), (QStringList{QString::fromStdString(b.string()), QString::fromStdString(a.string())}));
+    EXPECT_EQ(window.RecentFiles(),
+              (QStringList{QString::fromStdString(b.string()), QString::fromStdString(a.string())}));
     Open(a);
     EXPECT_DOUBLE_EQ(view.Zoom(), 2.0);
     EXPECT_TRUE(QTest::qWaitFor([&] { return view.CurrentPage() == 6; }, kTimeout)) << view.CurrentPage();
@@ -528,14 +532,15 @@ TEST_F(ViewerTest, RemembersRecentFilesAndWhereEachDocumentWasLeft) {
 // command line answers --help and --version instead of opening them.
 TEST_F(ViewerTest, RefusesAFileWithoutPagesAndAnswersHelpAndVersion) {
     const auto empty = temp.File("empty.pdf");
-    QuirelleTest::WriteFile(empty, QuirelleTest::RawPdf({"<< /Type /Catalog /Pages 2 0 R >>",
-                                                         "<< /Type /Pages /Kids [] /Count 0 >>"}));
+    QuirelleTest::WriteFile(
+        empty, QuirelleTest::RawPdf({"<< /Type /Catalog /Pages 2 0 R >>", "<< /Type /Pages /Kids [] /Count 0 >>"}));
     QSignalSpy opened(&window, &ViewerWindow::Opened), error(&window, &ViewerWindow::ErrorShown);
     window.OpenFile(QString::fromStdString(empty.string()));
     ASSERT_TRUE(opened.wait(kTimeout));
     EXPECT_FALSE(opened.first().first().toBool());
     ASSERT_EQ(error.size(), 1);
-    EXPECT_TRUE(error.first().first().toString().contains("no page could be read")) << error.first().first().toString().toStdString();
+    EXPECT_TRUE(error.first().first().toString().contains("no page could be read"))
+        << error.first().first().toString().toStdString();
     EXPECT_EQ(window.Document(), -1);
 
     struct Case {

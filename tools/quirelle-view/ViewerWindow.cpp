@@ -394,8 +394,7 @@ QVector<int> ViewerWindow::TargetPages() const {
     return pages;
 }
 
-void ViewerWindow::RunSteps(std::shared_ptr<Steps> steps, size_t next,
-                            std::function<void(const QString& error)> done) {
+void ViewerWindow::RunSteps(std::shared_ptr<Steps> steps, size_t next, std::function<void(const QString& error)> done) {
     if (next == steps->size()) return done(QString());
     WhenReady(this, (*steps)[next](), [this, steps, next, done](std::future<void>& answer) {
         try {
@@ -514,7 +513,8 @@ void ViewerWindow::MovePages(const QVector<int>& pages, int destination) {
     if (doc_ < 0 || busy_ || pages.isEmpty()) return;
     const int64_t doc = doc_;
     const int count = view_->PageCount(), n = pages.size();
-    const auto before = static_cast<int>(std::count_if(pages.begin(), pages.end(), [&](int p) { return p < destination; }));
+    const auto before =
+        static_cast<int>(std::count_if(pages.begin(), pages.end(), [&](int p) { return p < destination; }));
     const int start = destination - before;  // where the moved run lands
     QVector<int> landed;
     for (int i = 0; i < n; ++i) landed.push_back(start + i);
@@ -546,7 +546,8 @@ void ViewerWindow::Rotate(IPDFProvider::PageRotation rotation) {
     auto turn = [this, doc, pages](IPDFProvider::PageRotation way) {
         Steps steps;
         for (int page : pages)
-            steps.push_back([this, doc, page, way] { return service_.RotatePage(doc, static_cast<unsigned>(page), way); });
+            steps.push_back(
+                [this, doc, page, way] { return service_.RotatePage(doc, static_cast<unsigned>(page), way); });
         return steps;
     };
     const auto back = rotation == IPDFProvider::RotateClockwise ? IPDFProvider::RotateCounterClockwise
@@ -569,7 +570,8 @@ void ViewerWindow::DeleteSelected() {
         const int64_t doc = doc_;
         QVector<int> descending = pages;
         std::sort(descending.rbegin(), descending.rend());
-        auto steps = std::make_shared<Steps>(Steps{[this, doc, descending] { return service_.DeletePages(doc, Unsigned(descending)); }});
+        auto steps = std::make_shared<Steps>(
+            Steps{[this, doc, descending] { return service_.DeletePages(doc, Unsigned(descending)); }});
         busy_ = true;
         RunSteps(steps, 0, [this, name, pages](const QString& error) {
             done_.clear();
@@ -618,8 +620,11 @@ void ViewerWindow::ImportFrom(const QString& path) {
         QVector<int> added;
         for (int page = position; page < position + count; ++page) added.push_back(page);
         auto slot = std::make_shared<int>(-1);
-        PageEdit edit{tr("Import %n page(s)", nullptr, count), RemoveSteps(added, slot), RestoreSteps(added, slot),
-                      {std::max(0, position - 1)}, added};
+        PageEdit edit{tr("Import %n page(s)", nullptr, count),
+                      RemoveSteps(added, slot),
+                      RestoreSteps(added, slot),
+                      {std::max(0, position - 1)},
+                      added};
         Commit(edit, {[this, source, doc, position] { return service_.ImportAllPages(source, doc, position); },
                       [this, source] { return service_.CloseDoument(source); }});
     });
@@ -721,9 +726,9 @@ void ViewerWindow::Print(const std::shared_ptr<QPrinter>& printer, const QVector
 // One page after the other: its size, then its picture at the printer's
 // resolution fitted to the paper (view type 2, as for printing), drawn when
 // it arrives. The GUI stays responsive meanwhile.
-void ViewerWindow::PrintPage(std::shared_ptr<QPrinter> printer, std::shared_ptr<QPainter> painter,
-                             QVector<int> pages, int index, int64_t doc) {
-    if (index == pages.size() || doc != doc_) {
+void ViewerWindow::PrintPage(std::shared_ptr<QPrinter> printer, std::shared_ptr<QPainter> painter, QVector<int> pages,
+                             int index, int64_t doc) {
+    if (index >= pages.size() || doc != doc_) {
         const bool ok = painter->end() && index == pages.size();
         statusBar()->showMessage(ok ? tr("Printed %n page(s)", nullptr, pages.size()) : tr("Printing failed"), 5000);
         return emit Printed(ok);

@@ -137,7 +137,7 @@ private:
     int64_t scratch_ = -1;  // hidden document holding the pages that undo may bring back
     QString path_;
     std::vector<PageEdit> done_, undone_;
-    int savedAt_ = 0;          // done_.size() when last saved; -1: that state is gone
+    int savedAt_ = 0;           // done_.size() when last saved; -1: that state is gone
     bool unknownEdit_ = false;  // an edit failed part way: the document differs from every saved state
     bool busy_ = false;         // an edit or save is running
     bool closeApproved_ = false;
