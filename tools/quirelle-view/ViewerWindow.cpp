@@ -138,10 +138,8 @@ void ViewerWindow::BuildMenus() {
     };
     QMenu* file = menuBar()->addMenu(tr("&File"));
     QAction* open = add(file, tr("&Open..."), QKeySequence::Open, [this] {
-        KeepWorkThen([this] {
-            const QString path = QFileDialog::getOpenFileName(this, tr("Open"), QString(), kOpenFilter);
-            if (!path.isEmpty()) OpenFile(path);
-        });
+        const QString path = QFileDialog::getOpenFileName(this, tr("Open"), QString(), kOpenFilter);
+        if (!path.isEmpty()) OpenFile(path);  // asks about unsaved edits
     });
     recentMenu_ = file->addMenu(tr("Open &recent"));
     connect(recentMenu_, &QMenu::aboutToShow, this, &ViewerWindow::FillRecentMenu);
