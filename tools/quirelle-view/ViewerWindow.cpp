@@ -770,8 +770,7 @@ void ViewerWindow::ToggleFullScreen() {
 void ViewerWindow::StartPresentation() {
     if (doc_ < 0 || presentation_ != nullptr) return;
     // A window of its own that goes with this one.
-    presentation_ =
-        new PresentationWindow(service_, doc_, view_->PageCount(), std::max(0, view_->CurrentPage()), this);
+    presentation_ = new PresentationWindow(service_, doc_, view_->PageCount(), std::max(0, view_->CurrentPage()), this);
     presentation_->setWindowFlag(Qt::Window);
     presentation_->setAttribute(Qt::WA_DeleteOnClose);
     connect(presentation_, &PresentationWindow::Left, this, [this](int page) {
