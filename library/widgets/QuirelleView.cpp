@@ -6,12 +6,16 @@
 #include "QuirelleView.h"
 
 #include <QApplication>
+#include <QGestureEvent>
 #include <QKeyEvent>
+#include <QNativeGestureEvent>
 #include <QPainter>
+#include <QPinchGesture>
 #include <QScrollBar>
 #include <QWheelEvent>
 #include <algorithm>
 #include <array>
+#include <climits>
 #include <cmath>
 
 #include "GuiThread.h"
@@ -23,9 +27,12 @@ namespace {
 
 constexpr int kGap = 10;  // between pages and around them
 constexpr double kMinZoom = 0.1;
-constexpr double kMaxZoom = 16.0;
-constexpr std::array<double, 13> kZoomSteps{0.25, 0.33, 0.5, 0.67, 0.75, 1.0, 1.25, 1.5, 2.0, 3.0, 4.0, 6.0, 8.0};
+constexpr double kMaxZoom = 64.0;
+constexpr std::array<double, 19> kZoomSteps{0.25, 0.33, 0.5, 0.67, 0.75, 1.0,  1.25, 1.5,  2.0, 3.0,
+                                            4.0,  6.0,  8.0, 12.0, 16.0, 24.0, 32.0, 48.0, 64.0};
+constexpr size_t kHistoryDepth = 100;
 const QColor kBackground(0x5a, 0x5a, 0x5a);
+const QColor kDarkBackground(0x20, 0x20, 0x20);
 const QColor kHighlight(255, 210, 0, 110);
 const QColor kCurrentHighlight(255, 120, 0, 150);
 
@@ -65,6 +72,23 @@ QPointF FromDisplayed(const PageSource::Page& page, const QPointF& shown) {
     return {u + page.rect.left, page.rect.top - v};
 }
 
+// Lightness inverted with hue and saturation kept: in HSL terms L' = 1 - L,
+// which for each channel c with the pixel's largest M and smallest m is
+// c' = c + 255 - M - m. White paper turns black, black text white, a red
+// stays red.
+QImage Darkened(const QImage& image) {
+    QImage out = image.convertToFormat(QImage::Format_RGB32);
+    for (int y = 0; y < out.height(); ++y) {
+        auto* line = reinterpret_cast<QRgb*>(out.scanLine(y));
+        for (int x = 0; x < out.width(); ++x) {
+            const int r = qRed(line[x]), g = qGreen(line[x]), b = qBlue(line[x]);
+            const int shift = 255 - std::max({r, g, b}) - std::min({r, g, b});
+            line[x] = qRgb(r + shift, g + shift, b + shift);
+        }
+    }
+    return out;
+}
+
 }  // namespace
 
 QuirelleView::QuirelleView(IPDFProvider& service, QWidget* parent)
@@ -72,6 +96,7 @@ QuirelleView::QuirelleView(IPDFProvider& service, QWidget* parent)
     setVerticalScrollBarPolicy(Qt::ScrollBarAlwaysOn);  // a fitted zoom must not change the viewport's width
     setFocusPolicy(Qt::StrongFocus);
     viewport()->setMouseTracking(true);
+    viewport()->grabGesture(Qt::PinchGesture);
     connect(source_, &PageSource::LayoutChanged, this, [this] { Relayout(true); });
     connect(source_, &PageSource::ImageArrived, this, [this](int page) {
         viewport()->update(PageRect(page));
@@ -83,6 +108,10 @@ QuirelleView::~QuirelleView() = default;
 
 void QuirelleView::SetDocument(int64_t id) {
     highlights_.clear();
+    darkPictures_.clear();
+    back_.clear();
+    forward_.clear();
+    emit HistoryChanged();
     currentPage_ = -1;
     source_->SetDocument(id);
     verticalScrollBar()->setValue(0);
@@ -101,7 +130,15 @@ QImage QuirelleView::PageImage(int page) const {
 
 void QuirelleView::Reload() {
     highlights_.clear();
+    darkPictures_.clear();
     source_->Reload();
+    // The new page count at once (sizes follow), so that GoToPage can land
+    // on a page the edit added.
+    Relayout(true);
+}
+
+QSizeF QuirelleView::PageSize(int page) const {
+    return page >= 0 && page < PageCount() ? source_->At(page).size : QSizeF();
 }
 
 double QuirelleView::PixelsPerPoint() const {
@@ -209,8 +246,17 @@ void QuirelleView::UpdateCurrentPage() {
     }
 }
 
+double QuirelleView::MaxZoom() const {
+    // Content coordinates and scroll bars are ints: a long document gets less
+    // than 6400 % rather than an overflow.
+    double height = 0.0;
+    for (int page = 0; page < PageCount(); ++page) height += source_->At(page).size.height();
+    const double limit = (INT_MAX / 2.0) / std::max(1.0, height * logicalDpiY() / 72.0);
+    return std::max(kMinZoom, std::min(kMaxZoom, limit));
+}
+
 void QuirelleView::ApplyZoom(double zoom, ZoomMode mode) {
-    zoom = std::clamp(zoom, kMinZoom, kMaxZoom);
+    zoom = std::clamp(zoom, kMinZoom, MaxZoom());
     if (mode == mode_ && std::abs(zoom - zoom_) < 1e-6) return;
     const bool changed = std::abs(zoom - zoom_) >= 1e-6;
     mode_ = mode;
@@ -226,18 +272,91 @@ void QuirelleView::SetZoomMode(ZoomMode mode) {
     ApplyZoom(zoom_, mode);
 }
 
-void QuirelleView::ZoomIn() {
-    auto next = std::upper_bound(kZoomSteps.begin(), kZoomSteps.end(), zoom_ + 1e-3);
-    ApplyZoom(next == kZoomSteps.end() ? kZoomSteps.back() : *next, ZoomMode::Custom);
+void QuirelleView::Step(bool in, std::optional<QPoint> anchor) {
+    double zoom = 0.0;
+    if (in) {
+        auto next = std::upper_bound(kZoomSteps.begin(), kZoomSteps.end(), zoom_ + 1e-3);
+        zoom = next == kZoomSteps.end() ? kZoomSteps.back() : *next;
+    } else {
+        auto next = std::lower_bound(kZoomSteps.begin(), kZoomSteps.end(), zoom_ - 1e-3);
+        zoom = next == kZoomSteps.begin() ? kZoomSteps.front() : *std::prev(next);
+    }
+    ZoomAt(zoom, anchor.value_or(viewport()->rect().center()));
 }
 
-void QuirelleView::ZoomOut() {
-    auto next = std::lower_bound(kZoomSteps.begin(), kZoomSteps.end(), zoom_ - 1e-3);
-    ApplyZoom(next == kZoomSteps.begin() ? kZoomSteps.front() : *std::prev(next), ZoomMode::Custom);
+void QuirelleView::ZoomIn(std::optional<QPoint> anchor) {
+    Step(true, anchor);
+}
+void QuirelleView::ZoomOut(std::optional<QPoint> anchor) {
+    Step(false, anchor);
+}
+
+void QuirelleView::ZoomAt(double zoom, const QPoint& anchor) {
+    QScrollBar* h = horizontalScrollBar();
+    QScrollBar* v = verticalScrollBar();
+    // The page point under the anchor, or else the anchor's share of the content.
+    const auto hit = PageAt(anchor);
+    const double fx = (anchor.x() + h->value()) / std::max(1.0, double(contentWidth_));
+    const double fy = (anchor.y() + v->value()) / std::max(1.0, double(contentHeight_));
+    ApplyZoom(zoom, ZoomMode::Custom);
+    if (hit) {
+        const QPointF now = MapFromPage(hit->first, hit->second);
+        h->setValue(h->value() + static_cast<int>(std::lround(now.x() - anchor.x())));
+        v->setValue(v->value() + static_cast<int>(std::lround(now.y() - anchor.y())));
+    } else {
+        h->setValue(static_cast<int>(std::lround(fx * contentWidth_)) - anchor.x());
+        v->setValue(static_cast<int>(std::lround(fy * contentHeight_)) - anchor.y());
+    }
+}
+
+QuirelleView::Position QuirelleView::CurrentPosition() const {
+    if (tops_.empty()) return {};
+    const int y = verticalScrollBar()->value();
+    const int page = std::min(PageAtY(y), PageCount() - 1);
+    const double height = std::max(1.0, DisplaySize(page).height());
+    return {page, std::clamp((y - tops_[static_cast<size_t>(page)]) / height, -1.0, 1.0)};
+}
+
+void QuirelleView::SetPosition(const Position& position) {
+    if (position.page < 0 || position.page >= PageCount()) return;
+    verticalScrollBar()->setValue(tops_[static_cast<size_t>(position.page)] +
+                                  static_cast<int>(position.fraction * DisplaySize(position.page).height()));
+}
+
+void QuirelleView::JumpToPage(int page, std::optional<double> pageY) {
+    if (page < 0 || page >= PageCount()) return;
+    back_.push_back(CurrentPosition());
+    if (back_.size() > kHistoryDepth) back_.erase(back_.begin());
+    forward_.clear();
+    GoToPage(page, pageY);
+    emit HistoryChanged();
+}
+
+void QuirelleView::GoBack() {
+    if (back_.empty()) return;
+    forward_.push_back(CurrentPosition());
+    SetPosition(back_.back());
+    back_.pop_back();
+    emit HistoryChanged();
+}
+
+void QuirelleView::GoForward() {
+    if (forward_.empty()) return;
+    back_.push_back(CurrentPosition());
+    SetPosition(forward_.back());
+    forward_.pop_back();
+    emit HistoryChanged();
+}
+
+void QuirelleView::SetDarkMode(bool dark) {
+    if (dark == dark_) return;
+    dark_ = dark;
+    darkPictures_.clear();
+    viewport()->update();
 }
 
 void QuirelleView::GoToPage(int page, std::optional<double> pageY) {
-    if (page < 0 || page >= PageCount()) return;
+    if (page < 0 || page >= static_cast<int>(tops_.size())) return;
     int y = tops_[static_cast<size_t>(page)] - kGap;
     const PageSource::Page& info = source_->At(page);
     if (pageY && *pageY != 0.0 && info.known) {
@@ -283,15 +402,22 @@ std::optional<std::pair<int, QPointF>> QuirelleView::PageAt(const QPoint& viewpo
 
 void QuirelleView::paintEvent(QPaintEvent*) {
     QPainter painter(viewport());
-    painter.fillRect(viewport()->rect(), kBackground);
+    painter.fillRect(viewport()->rect(), dark_ ? kDarkBackground : kBackground);
     const QRect visible = viewport()->rect();
     for (int page = PageAtY(verticalScrollBar()->value()); page < PageCount(); ++page) {
         const QRect where = PageRect(page);
         if (where.top() > visible.bottom()) break;
         painter.fillRect(where.translated(2, 2), QColor(0, 0, 0, 90));
-        const QImage& image = source_->At(page).image;
+        QImage image = source_->At(page).image;
+        if (dark_ && !image.isNull()) {
+            // Recoloured once per picture that arrives.
+            auto cached = darkPictures_.find(page);
+            if (cached == darkPictures_.end() || cached->first != image.cacheKey())
+                cached = darkPictures_.insert(page, qMakePair(image.cacheKey(), Darkened(image)));
+            image = cached->second;
+        }
         if (image.isNull()) {
-            painter.fillRect(where, Qt::white);
+            painter.fillRect(where, dark_ ? Qt::black : Qt::white);
         } else {
             // An older picture of another size is scaled until the new one comes.
             painter.setRenderHint(QPainter::SmoothPixmapTransform, image.size() != where.size() * devicePixelRatioF());
@@ -337,6 +463,9 @@ void QuirelleView::keyPressEvent(QKeyEvent* event) {
         case Qt::Key_End:
             bar->setValue(bar->maximum());
             break;
+        case Qt::Key_Backspace:
+            GoBack();
+            break;
         case Qt::Key_Plus:
         case Qt::Key_Equal:
             if (!control) return QAbstractScrollArea::keyPressEvent(event);
@@ -354,8 +483,30 @@ void QuirelleView::keyPressEvent(QKeyEvent* event) {
 
 void QuirelleView::wheelEvent(QWheelEvent* event) {
     if (!(event->modifiers() & Qt::ControlModifier)) return QAbstractScrollArea::wheelEvent(event);
-    event->angleDelta().y() > 0 ? ZoomIn() : ZoomOut();
+    const QPoint at = event->position().toPoint();
+    event->angleDelta().y() > 0 ? ZoomIn(at) : ZoomOut(at);
     event->accept();
+}
+
+bool QuirelleView::viewportEvent(QEvent* event) {
+    // Pinching: a touch screen's pinch gesture, or a touchpad's native one.
+    if (event->type() == QEvent::Gesture) {
+        auto* gesture = static_cast<QGestureEvent*>(event);
+        if (auto* pinch = static_cast<QPinchGesture*>(gesture->gesture(Qt::PinchGesture))) {
+            if (pinch->changeFlags() & QPinchGesture::ScaleFactorChanged)
+                ZoomAt(zoom_ * pinch->scaleFactor(), viewport()->mapFromGlobal(pinch->centerPoint().toPoint()));
+            gesture->accept(pinch);
+            return true;
+        }
+    }
+    if (event->type() == QEvent::NativeGesture) {
+        auto* gesture = static_cast<QNativeGestureEvent*>(event);
+        if (gesture->gestureType() == Qt::ZoomNativeGesture) {
+            ZoomAt(zoom_ * (1.0 + gesture->value()), gesture->pos());
+            return true;
+        }
+    }
+    return QAbstractScrollArea::viewportEvent(event);
 }
 
 void QuirelleView::CheckLink(const QPoint& viewportPoint) {
@@ -393,6 +544,10 @@ void QuirelleView::mouseMoveEvent(QMouseEvent* event) {
 }
 
 void QuirelleView::mousePressEvent(QMouseEvent* event) {
+    if (event->button() == Qt::BackButton || event->button() == Qt::ForwardButton) {
+        event->button() == Qt::BackButton ? GoBack() : GoForward();
+        return event->accept();
+    }
     pressPoint_ = event->pos();
     QAbstractScrollArea::mousePressEvent(event);
 }
@@ -414,7 +569,7 @@ void QuirelleView::mouseReleaseEvent(QMouseEvent* event) {
             return;  // the page went away meanwhile
         }
         if (target.pageIndex >= 0) {
-            GoToPage(target.pageIndex, target.y);
+            JumpToPage(target.pageIndex, target.y);
         } else if (!target.uri.empty()) {
             emit UriActivated(QString::fromStdString(target.uri));
         }

@@ -9,7 +9,10 @@
 // Pages are drawn as the service answers; only the visible pages and one
 // screen ahead are asked for, and requests for pages scrolled away are
 // withdrawn. A zoom change draws the old pictures scaled until the new ones
-// arrive. The view never edits the document: after an edit, call Reload().
+// arrive; zoom goes from 10 % to 6400 %, and above 24 megapixels a page's
+// picture is asked smaller and drawn scaled, so that memory stays bounded at
+// any zoom. Link jumps and JumpToPage are remembered for Back and Forward.
+// The view never edits the document: after an edit, call Reload().
 // GUI thread only; the service must outlive the view.
 
 #include <QAbstractScrollArea>
@@ -44,14 +47,37 @@ public:
     int PageCount() const;
     // The page that fills most of the view; -1 without pages.
     int CurrentPage() const { return currentPage_; }
+    // A page's size in points as displayed (estimated until the service answers).
+    QSizeF PageSize(int page) const;
 
     // 1.0 shows a page at its printed size on this screen.
     double Zoom() const { return zoom_; }
     ZoomMode Mode() const { return mode_; }
     void SetZoom(double zoom);  // switches to ZoomMode::Custom
     void SetZoomMode(ZoomMode mode);
-    void ZoomIn();  // the next step: 25 % ... 800 %
-    void ZoomOut();
+    // The next step (25 % ... 6400 %), keeping the point under anchor (a
+    // viewport point; the centre by default) where it is.
+    void ZoomIn(std::optional<QPoint> anchor = std::nullopt);
+    void ZoomOut(std::optional<QPoint> anchor = std::nullopt);
+    void ZoomAt(double zoom, const QPoint& anchor);
+
+    // Where the view's top stands: a page and how far down it (0..1).
+    struct Position {
+        int page = -1;
+        double fraction = 0.0;
+    };
+    Position CurrentPosition() const;
+    void SetPosition(const Position& position);
+    // GoToPage that Back returns from.
+    void JumpToPage(int page, std::optional<double> pageY = std::nullopt);
+    bool CanGoBack() const { return !back_.empty(); }
+    bool CanGoForward() const { return !forward_.empty(); }
+    void GoBack();
+    void GoForward();
+
+    // Pages recoloured for reading in the dark: lightness inverted, hues kept.
+    void SetDarkMode(bool dark);
+    bool DarkMode() const { return dark_; }
 
     // Scrolls so that the page's top (or the point's height, page space) is at the top.
     void GoToPage(int page, std::optional<double> pageY = std::nullopt);
@@ -79,6 +105,7 @@ signals:
     void ZoomChanged(double zoom);
     void UriActivated(const QString& uri);
     void ImageArrived(int page);
+    void HistoryChanged();
 
 protected:
     void paintEvent(QPaintEvent* event) override;
@@ -86,6 +113,7 @@ protected:
     void scrollContentsBy(int dx, int dy) override;
     void keyPressEvent(QKeyEvent* event) override;
     void wheelEvent(QWheelEvent* event) override;
+    bool viewportEvent(QEvent* event) override;
     void mouseMoveEvent(QMouseEvent* event) override;
     void mousePressEvent(QMouseEvent* event) override;
     void mouseReleaseEvent(QMouseEvent* event) override;
@@ -99,6 +127,8 @@ private:
     void ApplyZoom(double zoom, ZoomMode mode);
     int PageAtY(int y) const;  // content coordinates
     void CheckLink(const QPoint& viewportPoint);
+    double MaxZoom() const;
+    void Step(bool in, std::optional<QPoint> anchor);
 
     PageSource* source_;
     double zoom_ = 1.0;
@@ -114,6 +144,9 @@ private:
     bool linkQueryBusy_ = false;
     std::optional<QPoint> nextLinkQuery_;
     QPoint pressPoint_;
+    std::vector<Position> back_, forward_;
+    bool dark_ = false;
+    mutable QHash<int, QPair<qint64, QImage>> darkPictures_;  // page: source picture's key, recoloured copy
 };
 
 }  // namespace Orvane::PDF

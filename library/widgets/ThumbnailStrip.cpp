@@ -35,7 +35,7 @@ ThumbnailStrip::ThumbnailStrip(IPDFProvider& service, QWidget* parent)
     connect(source_, &PageSource::LayoutChanged, this, &ThumbnailStrip::Rebuild);
     connect(source_, &PageSource::ImageArrived, this, [this](int page) {
         QListWidgetItem* it = item(page);
-        if (it == nullptr) return;
+        if (it == nullptr || source_->At(page).image.isNull()) return;
         // A thin frame, so that a white page stands out from the strip.
         QPixmap picture = QPixmap::fromImage(source_->At(page).image);
         QPainter painter(&picture);
@@ -61,6 +61,7 @@ int64_t ThumbnailStrip::Document() const {
 
 void ThumbnailStrip::Reload() {
     source_->Reload();
+    Rebuild();  // one row per page at once, as the selection is set right after an edit
 }
 
 QVector<int> ThumbnailStrip::SelectedPages() const {
@@ -68,6 +69,18 @@ QVector<int> ThumbnailStrip::SelectedPages() const {
     for (const QModelIndex& index : selectionModel()->selectedIndexes()) pages.push_back(index.row());
     std::sort(pages.begin(), pages.end());
     return pages;
+}
+
+void ThumbnailStrip::SelectPages(const QVector<int>& pages) {
+    QItemSelection selection;
+    for (int page : pages) {
+        if (page >= 0 && page < count()) selection.select(model()->index(page, 0), model()->index(page, 0));
+    }
+    selectionModel()->select(selection, QItemSelectionModel::ClearAndSelect);
+    if (!pages.isEmpty() && pages.first() >= 0 && pages.first() < count()) {
+        selectionModel()->setCurrentIndex(model()->index(pages.first(), 0), QItemSelectionModel::NoUpdate);
+        scrollToItem(item(pages.first()));
+    }
 }
 
 void ThumbnailStrip::SetCurrentPage(int page) {

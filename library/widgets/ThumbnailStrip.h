@@ -28,6 +28,8 @@ public:
     void Reload();
     // Selected pages, ascending.
     QVector<int> SelectedPages() const;
+    // Selects exactly these pages.
+    void SelectPages(const QVector<int>& pages);
     // Marks the page as current and scrolls to it; the selection stays.
     void SetCurrentPage(int page);
     // Whether the page's thumbnail has arrived.

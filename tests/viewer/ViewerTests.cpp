@@ -1,7 +1,10 @@
 // The desktop viewer's window on a real service, under a virtual X server:
 // what it draws (grabbed pixels), which pages it asks for while scrolling,
-// the find bar's highlight and a thumbnail drag saved to a file. Each test
-// leaves a screenshot in the build's artifacts/viewer.
+// the find bar's highlight, page edits with undo and the unsaved-changes
+// prompt, where page commands act, navigation, zoom, printing to a PDF file,
+// full screen, presentation, dark pages, remembered places and the command
+// line. Settings live in a temporary directory; prompts are answered by the
+// tests. Each test leaves a screenshot in the build's artifacts/viewer.
 
 #include <gtest/gtest.h>
 
@@ -9,14 +12,19 @@
 #include <QDir>
 #include <QLineEdit>
 #include <QMouseEvent>
+#include <QPrinter>
+#include <QProcess>
 #include <QScrollBar>
+#include <QSettings>
 #include <QSignalSpy>
+#include <QTemporaryDir>
 #include <QTest>
 #include <atomic>
 #include <future>
 #include <set>
 
 #include "FindBar.h"
+#include "PresentationWindow.h"
 #include "ViewerWindow.h"
 #include "tests/support/PdfBuilder.h"
 
@@ -39,7 +47,13 @@ public:
         if (viewType == IPageInfoObserver::DefaultView) cancelled.insert(page);
         Quirelle::CancelAsyncTasks(id, page, viewType);
     }
-    std::set<unsigned> requested, cancelled;  // GUI thread only
+    std::future<QImage> GeneratePageImage(const int64& id, unsigned page, int width, int height,
+                                          IPageInfoObserver::ViewType viewType) override {
+        if (viewType == IPageInfoObserver::PrintView) printed.emplace_back(width, height);
+        return Quirelle::GeneratePageImage(id, page, width, height, viewType);
+    }
+    std::set<unsigned> requested, cancelled;   // GUI thread only
+    std::vector<std::pair<int, int>> printed;  // picture sizes asked with the printing view
 };
 
 // Counts answers on the worker; remembers the default view's answered pages.
@@ -79,6 +93,36 @@ protected:
         const auto* test = ::testing::UnitTest::GetInstance()->current_test_info();
         window.grab().save(dir + "/" + test->name() + ".png");
         service.UnregisterEventHandler(&answers);
+        window.unsavedPrompt = [](const QString&) { return ViewerWindow::Unsaved::Discard; };
+        window.close();
+        QSettings().clear();
+    }
+    // Runs a page command and waits until its edit is done.
+    void Edit(const std::function<void()>& command) {
+        QSignalSpy edited(&window, &ViewerWindow::Edited);
+        command();
+        ASSERT_TRUE(edited.wait(kTimeout));
+    }
+    // Each page's text and rotation, as the service has them now.
+    std::vector<std::pair<std::wstring, int>> Pages() {
+        std::vector<std::pair<std::wstring, int>> pages;
+        const int64_t id = window.Document();
+        for (int page = 0; page < service.GetPageCount(id); ++page) {
+            auto text = service.GetPageTextObject(id, static_cast<unsigned>(page)).get();
+            pages.emplace_back(text ? text->GetText() : L"",
+                               service.GetPageInfo(id, static_cast<unsigned>(page)).get().rotation);
+        }
+        return pages;
+    }
+    std::vector<std::wstring> Texts() {
+        std::vector<std::wstring> texts;
+        for (const auto& page : Pages()) texts.push_back(page.first);
+        return texts;
+    }
+    static std::vector<std::wstring> Numbered(std::initializer_list<int> numbers) {
+        std::vector<std::wstring> texts;
+        for (int n : numbers) texts.push_back(L"Page " + std::to_wstring(n) + L"\n");
+        return texts;
     }
     void Open(const std::filesystem::path& path) {
         QSignalSpy opened(&window, &ViewerWindow::Opened);
@@ -232,10 +276,294 @@ TEST_F(ViewerTest, DraggingAThumbnailMovesThePageAndSaveKeepsTheOrder) {
     EXPECT_EQ(order, expected);
 }
 
+// Every page edit undone and redone; unsaved edits survive quit and open
+// unless the user says otherwise, and are saved when asked.
+TEST_F(ViewerTest, UndoesEveryPageEditAndAsksBeforeLosingIt) {
+    const auto path = temp.File("four.pdf"), extra = temp.File("two.pdf");
+    PdfBuilder().AddNumberedPages(4).Save(path);
+    PdfBuilder().AddNumberedPages(2).Save(extra);
+    Open(path);
+    QStringList asked;
+    ViewerWindow::Unsaved answer = ViewerWindow::Unsaved::Cancel;
+    window.unsavedPrompt = [&](const QString& file) {
+        asked << file;
+        return answer;
+    };
+    window.confirmPrompt = [](const QString& question) -> bool {
+        ADD_FAILURE() << "asked " << question.toStdString() << " though undo can bring the pages back";
+        return true;
+    };
+    QuirelleView& view = window.View();
+    view.setFocus();
+    const auto original = Texts();
+
+    Edit([&] { QTest::keyClick(&window, Qt::Key_R, Qt::ControlModifier); });
+    EXPECT_EQ(Pages().at(0).second, IPage::Rotate90);
+    EXPECT_TRUE(window.Modified());
+    EXPECT_TRUE(window.windowTitle().endsWith('*'));
+
+    // Cancel keeps the window and the document; nothing was lost.
+    QTest::keyClick(&window, Qt::Key_Q, Qt::ControlModifier);
+    window.OpenFile(QString::fromStdString(extra.string()));
+    QTest::qWait(50);
+    EXPECT_EQ(asked.size(), 2);
+    EXPECT_TRUE(window.isVisible());
+    EXPECT_EQ(service.GetPageCount(window.Document()), 4);
+
+    Edit([&] { QTest::keyClick(&window, Qt::Key_Z, Qt::ControlModifier); });
+    EXPECT_EQ(Pages().at(0).second, IPage::Rotate0);
+    EXPECT_FALSE(window.Modified());
+    Edit([&] { QTest::keyClick(&window, Qt::Key_Z, Qt::ControlModifier | Qt::ShiftModifier); });
+    EXPECT_EQ(Pages().at(0).second, IPage::Rotate90);
+
+    // Delete (no question: undo brings it back), blank page, import and a
+    // move, each undone in turn back to the rotated original.
+    view.GoToPage(2);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return view.CurrentPage() == 2; }, kTimeout));
+    Edit([&] { QTest::keyClick(&window, Qt::Key_Delete, Qt::ControlModifier); });
+    EXPECT_EQ(Texts(), Numbered({1, 2, 4}));
+    Edit([&] { window.ImportFrom(QString::fromStdString(extra.string())); });
+    const int at = view.CurrentPage() + 1;
+    EXPECT_EQ(service.GetPageCount(window.Document()), 5) << "import after page " << at;
+    Edit([&] { QTest::keyClick(&window, Qt::Key_B, Qt::ControlModifier | Qt::ShiftModifier); });
+    EXPECT_EQ(service.GetPageCount(window.Document()), 6);
+    Edit([&] { window.MovePages({0}, 6); });
+    EXPECT_EQ(Texts().back(), L"Page 1\n");
+    const auto edited = Pages();
+    for (int i = 0; i < 4; ++i) Edit([&] { window.Undo(); });
+    EXPECT_EQ(Texts(), original);
+    EXPECT_EQ(Pages().at(0).second, IPage::Rotate90);
+    for (int i = 0; i < 4; ++i) Edit([&] { window.Redo(); });
+    EXPECT_EQ(Pages(), edited);
+    for (int i = 0; i < 3; ++i) Edit([&] { window.Undo(); });
+    EXPECT_EQ(Texts(), Numbered({1, 2, 4}));
+
+    // Quit, answered Save: the file holds the edits, then the window closes.
+    answer = ViewerWindow::Unsaved::Save;
+    QSignalSpy saved(&window, &ViewerWindow::Saved);
+    QTest::keyClick(&window, Qt::Key_Q, Qt::ControlModifier);
+    ASSERT_TRUE(saved.wait(kTimeout));
+    EXPECT_TRUE(QTest::qWaitFor([&] { return !window.isVisible(); }, kTimeout));
+    Quirelle reader(nullptr);
+    const int64_t id = reader.OpenDocument(path.string(), "").get().id;
+    ASSERT_EQ(reader.GetPageCount(id), 3);
+    EXPECT_EQ(reader.GetPageInfo(id, 0).get().rotation, IPage::Rotate90);
+    EXPECT_EQ(reader.GetPageTextObject(id, 2).get()->GetText(), L"Page 4\n");
+}
+
+// Page commands act on the page in view, or on the thumbnails' selection
+// while the strip has the focus; moved pages stay selected or in view.
+TEST_F(ViewerTest, PageCommandsActWhereTheUserLooks) {
+    const auto path = temp.File("thirty.pdf");
+    PdfBuilder().AddNumberedPages(30).Save(path);
+    Open(path);
+    ThumbnailStrip& strip = window.Thumbnails();
+    QuirelleView& view = window.View();
+    QTest::mouseClick(strip.viewport(), Qt::LeftButton, Qt::NoModifier, strip.visualItemRect(strip.item(1)).center());
+    ASSERT_EQ(strip.SelectedPages(), QVector<int>{1});
+
+    // Reading page 26 with page 2's thumbnail still selected.
+    view.setFocus();
+    view.GoToPage(25);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return view.CurrentPage() == 25; }, kTimeout));
+    Edit([&] { QTest::keyClick(&window, Qt::Key_R, Qt::ControlModifier); });
+    EXPECT_EQ(Pages().at(25).second, IPage::Rotate90);
+    EXPECT_EQ(Pages().at(1).second, IPage::Rotate0);
+
+    // Moving up twice moves twice; the view follows the page.
+    for (int i = 0; i < 2; ++i)
+        Edit([&] { QTest::keyClick(&window, Qt::Key_Up, Qt::ControlModifier | Qt::ShiftModifier); });
+    EXPECT_EQ(Texts().at(23), L"Page 26\n");
+    EXPECT_EQ(view.CurrentPage(), 23);
+
+    // From the strip: its selection, which follows the pages moved down.
+    strip.setFocus();
+    strip.SelectPages({1, 2});
+    for (int i = 0; i < 2; ++i)
+        Edit([&] { QTest::keyClick(&window, Qt::Key_Down, Qt::ControlModifier | Qt::ShiftModifier); });
+    EXPECT_EQ(strip.SelectedPages(), (QVector<int>{3, 4}));
+    EXPECT_EQ(Texts().at(3), L"Page 2\n");
+    EXPECT_EQ(Texts().at(4), L"Page 3\n");
+    Edit([&] { QTest::keyClick(&window, Qt::Key_R, Qt::ControlModifier); });
+    EXPECT_EQ(Pages().at(3).second, IPage::Rotate90);
+    EXPECT_EQ(Pages().at(23).second, IPage::Rotate90);
+    EXPECT_EQ(Pages().at(0).second, IPage::Rotate0);
+}
+
+// Back and Forward through link and page jumps (keys and mouse buttons), the
+// page box, Escape on the find bar, and zoom about the pointer to 6400 %.
+TEST_F(ViewerTest, NavigatesBackForwardByPageBoxAndZoomsAboutThePointer) {
+    Open(QuirelleTest::SamplesDir() / "sample.pdf");
+    ASSERT_TRUE(WaitForPage(0));
+    QuirelleView& view = window.View();
+    view.setFocus();
+    auto at = [&](int page) { return QTest::qWaitFor([&] { return view.CurrentPage() == page; }, kTimeout); };
+    QTest::mouseClick(view.viewport(), Qt::LeftButton, Qt::NoModifier, view.MapFromPage(0, {100, 644}).toPoint());
+    ASSERT_TRUE(at(1));
+    QTest::keyClick(&window, Qt::Key_Left, Qt::AltModifier);
+    EXPECT_TRUE(at(0));
+    QTest::keyClick(&window, Qt::Key_Right, Qt::AltModifier);
+    EXPECT_TRUE(at(1));
+    QTest::keyClick(&view, Qt::Key_Backspace);
+    EXPECT_TRUE(at(0));
+    QTest::mouseClick(view.viewport(), Qt::ForwardButton);
+    EXPECT_TRUE(at(1));
+    QTest::mouseClick(view.viewport(), Qt::BackButton);
+    EXPECT_TRUE(at(0));
+
+    window.PageBox()->setFocus();
+    window.PageBox()->selectAll();
+    QTest::keyClicks(window.PageBox(), "3");
+    QTest::keyClick(window.PageBox(), Qt::Key_Return);
+    EXPECT_TRUE(at(2));
+    QTest::keyClick(&window, Qt::Key_Left, Qt::AltModifier);
+    EXPECT_TRUE(at(0));
+    EXPECT_EQ(window.PageBox()->text(), "1");
+
+    QTest::keyClick(&window, Qt::Key_F, Qt::ControlModifier);
+    ASSERT_TRUE(window.Find().isVisible());
+    QTest::keyClick(window.Find().Field(), Qt::Key_Escape);
+    EXPECT_FALSE(window.Find().isVisible());
+
+    // Ctrl+wheel over the red swatch keeps it under the pointer.
+    const QPoint pointer = view.MapFromPage(0, {122, 530}).toPoint();
+    for (int i = 0; i < 3; ++i) {
+        QWheelEvent wheel(pointer, view.viewport()->mapToGlobal(pointer), QPoint(), QPoint(0, 120), Qt::NoButton,
+                          Qt::ControlModifier, Qt::NoScrollPhase, false);
+        QApplication::sendEvent(view.viewport(), &wheel);
+        const QPointF now = view.MapFromPage(0, {122, 530});
+        EXPECT_LE((now - QPointF(pointer)).manhattanLength(), 3.0) << "after step " << i;
+    }
+    for (int i = 0; i < 20; ++i) QTest::keyClick(&window, Qt::Key_Plus, Qt::ControlModifier);
+    EXPECT_DOUBLE_EQ(view.Zoom(), 64.0);
+    // Asked no larger than 24 megapixels, drawn scaled.
+    const int page = view.CurrentPage();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return view.PageImage(page).width() > 2000; }, kTimeout));
+    EXPECT_LE(qint64(view.PageImage(page).width()) * view.PageImage(page).height(), 24'000'000);
+}
+
+// Printing: the chosen pages, each drawn with the printing view at the
+// printer's resolution and fitted to the paper.
+TEST_F(ViewerTest, PrintsChosenPagesToAPdfFile) {
+    Open(QuirelleTest::SamplesDir() / "sample.pdf");
+    auto printer = std::make_shared<QPrinter>(QPrinter::HighResolution);
+    printer->setOutputFormat(QPrinter::PdfFormat);
+    const auto out = temp.File("printed.pdf");
+    printer->setOutputFileName(QString::fromStdString(out.string()));
+    printer->setResolution(100);
+    printer->setPageSize(QPageSize(QPageSize::A4));
+    QSignalSpy printed(&window, &ViewerWindow::Printed);
+    window.Print(printer, {0, 2});
+    ASSERT_TRUE(printed.wait(kTimeout));
+    ASSERT_TRUE(printed.first().first().toBool());
+    const QRect paper = printer->pageRect(QPrinter::DevicePixel).toRect();
+    ASSERT_EQ(service.printed.size(), 2u);
+    for (const auto& [width, height] : service.printed) {
+        EXPECT_NEAR(std::max(double(width) / paper.width(), double(height) / paper.height()), 1.0, 0.01)
+            << width << "x" << height << " on " << paper.width() << "x" << paper.height();
+    }
+    Quirelle reader(nullptr);
+    const int64_t id = reader.OpenDocument(out.string(), "").get().id;
+    ASSERT_EQ(reader.GetPageCount(id), 2);
+    const QImage first = reader.GeneratePageImage(id, 0, 210, 297).get();
+    int red = 0;
+    for (int y = 0; y < first.height(); ++y)
+        for (int x = 0; x < first.width(); ++x) red += Near(first.pixelColor(x, y), 0xE53935, 40);
+    EXPECT_GT(red, 20);
+}
+
+// F11 and Escape; F5, PgDn and Escape; dark pages keep their hues.
+TEST_F(ViewerTest, FullScreenPresentationAndDarkPages) {
+    Open(QuirelleTest::SamplesDir() / "sample.pdf");
+    ASSERT_TRUE(WaitForPage(0));
+    QTest::keyClick(&window, Qt::Key_F11);
+    EXPECT_TRUE(window.isFullScreen());
+    QTest::keyClick(&window, Qt::Key_Escape);
+    EXPECT_FALSE(window.isFullScreen());
+
+    QTest::keyClick(&window, Qt::Key_F5);
+    PresentationWindow* show = window.Presentation();
+    ASSERT_NE(show, nullptr);
+    QSignalSpy shown(show, &PresentationWindow::PageShown);
+    QTest::keyClick(show, Qt::Key_PageDown);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return show->Page() == 1 && !show->Picture().isNull(); }, kTimeout));
+    const QSize screen = show->size() * show->devicePixelRatioF();
+    EXPECT_TRUE(show->Picture().width() == screen.width() || show->Picture().height() == screen.height());
+    QTest::keyClick(show, Qt::Key_Escape);
+    EXPECT_EQ(window.Presentation(), nullptr);
+    EXPECT_TRUE(QTest::qWaitFor([&] { return window.View().CurrentPage() == 1; }, kTimeout));
+
+    window.View().GoToPage(0);
+    QApplication::setActiveWindow(&window);
+    QTest::keyClick(&window, Qt::Key_D, Qt::ControlModifier | Qt::ShiftModifier);
+    ASSERT_TRUE(window.View().DarkMode());
+    ASSERT_TRUE(WaitForPage(0));
+    QuirelleView& view = window.View();
+    const QColor red = Pixel(window, InWindow(view.MapFromPage(0, {122, 530})));
+    const QColor margin = Pixel(window, InWindow(view.MapFromPage(0, {560, 760})));
+    EXPECT_LT(margin.lightness(), 20);
+    EXPECT_GT(red.red(), 2 * red.green()) << red.name().toStdString();
+    EXPECT_TRUE(QSettings().value("darkMode").toBool());
+}
+
+// Recent files, and each document back at its page and zoom.
+TEST_F(ViewerTest, RemembersRecentFilesAndWhereEachDocumentWasLeft) {
+    const auto a = temp.File("a.pdf"), b = temp.File("b.pdf");
+    PdfBuilder().AddNumberedPages(10).Save(a);
+    PdfBuilder().AddNumberedPages(3).Save(b);
+    Open(a);
+    QuirelleView& view = window.View();
+    view.SetZoom(2.0);
+    view.GoToPage(6);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return view.CurrentPage() == 6; }, kTimeout));
+    Open(b);
+    EXPECT_EQ(window.RecentFiles(),
+              (QStringList{QString::fromStdString(b.string()), QString::fromStdString(a.string())}));
+    Open(a);
+    EXPECT_DOUBLE_EQ(view.Zoom(), 2.0);
+    EXPECT_TRUE(QTest::qWaitFor([&] { return view.CurrentPage() == 6; }, kTimeout)) << view.CurrentPage();
+    QSignalSpy opened(&window, &ViewerWindow::Opened);
+    window.OpenFile(QString::fromStdString(b.string()), 2);
+    ASSERT_TRUE(opened.wait(kTimeout));
+    EXPECT_TRUE(QTest::qWaitFor([&] { return view.CurrentPage() == 2; }, kTimeout));
+}
+
+// A file without a readable page is an error, not "Page 0 of 0"; the
+// command line answers --help and --version instead of opening them.
+TEST_F(ViewerTest, RefusesAFileWithoutPagesAndAnswersHelpAndVersion) {
+    const auto empty = temp.File("empty.pdf");
+    QuirelleTest::WriteFile(
+        empty, QuirelleTest::RawPdf({"<< /Type /Catalog /Pages 2 0 R >>", "<< /Type /Pages /Kids [] /Count 0 >>"}));
+    QSignalSpy opened(&window, &ViewerWindow::Opened), error(&window, &ViewerWindow::ErrorShown);
+    window.OpenFile(QString::fromStdString(empty.string()));
+    ASSERT_TRUE(opened.wait(kTimeout));
+    EXPECT_FALSE(opened.first().first().toBool());
+    ASSERT_EQ(error.size(), 1);
+    EXPECT_TRUE(error.first().first().toString().contains("no page could be read"))
+        << error.first().first().toString().toStdString();
+    EXPECT_EQ(window.Document(), -1);
+
+    struct Case {
+        QString argument, expected;
+    };
+    for (const Case& c : {Case{"--help", "--page"}, Case{"--version", QUIRELLE_VERSION}}) {
+        QProcess viewer;
+        viewer.start(QUIRELLE_VIEWER, {c.argument});
+        ASSERT_TRUE(viewer.waitForFinished(kTimeout));
+        EXPECT_EQ(viewer.exitCode(), 0) << c.argument.toStdString();
+        EXPECT_TRUE(viewer.readAllStandardOutput().contains(c.expected.toUtf8())) << c.argument.toStdString();
+    }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     QApplication app(argc, argv);
+    // Settings (recent files, places, dark mode) in a directory of their own.
+    QTemporaryDir settings;
+    QCoreApplication::setOrganizationName("QuirelleTests");
+    QSettings::setDefaultFormat(QSettings::IniFormat);
+    QSettings::setPath(QSettings::IniFormat, QSettings::UserScope, settings.path());
     ::testing::InitGoogleTest(&argc, argv);
     return RUN_ALL_TESTS();
 }

@@ -1,7 +1,8 @@
 // quirelle-view: a desktop viewer on the Quirelle widgets.
-//   quirelle-view [FILE]   a PDF or an image file; without one, a dialog asks.
+//   quirelle-view [--page N] [FILE]   a PDF or an image file; without one, a dialog asks.
 
 #include <QApplication>
+#include <QCommandLineParser>
 #include <QFileDialog>
 #include <QTimer>
 
@@ -10,12 +11,36 @@
 int main(int argc, char** argv) {
     QApplication app(argc, argv);
     QApplication::setApplicationName("quirelle-view");
+    QApplication::setOrganizationName("Quirelle");
+    QApplication::setApplicationVersion(QUIRELLE_VERSION);
+
+    QCommandLineParser parser;
+    parser.setApplicationDescription(
+        QObject::tr("Views, prints and edits the pages of PDF and image files (.png .jpg .bmp .tif)."));
+    parser.addHelpOption();
+    parser.addVersionOption();
+    const QCommandLineOption pageOption(
+        "page", QObject::tr("Opens FILE at page N (from 1) instead of where it was left."), QObject::tr("N"));
+    parser.addOption(pageOption);
+    parser.addPositionalArgument("FILE", QObject::tr("The document to open; without one, a dialog asks."), "[FILE]");
+    parser.process(app);  // --help and --version print and exit here; an unknown option is an error
+    const QStringList files = parser.positionalArguments();
+    if (files.size() > 1) parser.showHelp(2);
+    int page = -1;
+    if (parser.isSet(pageOption)) {
+        bool ok = false;
+        page = parser.value(pageOption).toInt(&ok) - 1;
+        if (!ok || page < 0 || files.isEmpty()) {
+            fprintf(stderr, "quirelle-view: --page takes a page number from 1 and a FILE\n");
+            return 2;
+        }
+    }
+
     Orvane::PDF::Quirelle service(nullptr);  // outlives the window, which is destroyed first
     Orvane::PDF::ViewerWindow window(service);
     window.show();
-    const QStringList args = QApplication::arguments();
-    if (args.size() > 1) {
-        window.OpenFile(args.at(1));
+    if (!files.isEmpty()) {
+        window.OpenFile(files.first(), page);
     } else {
         QTimer::singleShot(0, &window, [&window] {
             const QString path = QFileDialog::getOpenFileName(&window, QObject::tr("Open"), QString(),
