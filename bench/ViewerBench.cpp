@@ -76,17 +76,7 @@ Fixtures& Files() {
             fixtures.longDocument = fixtures.temp.File("long.pdf");
             WriteLongDocument(fixtures.longDocument, kLongPages);
             fixtures.outlinedDocument = fixtures.temp.File("outlined.pdf");
-            QuirelleTest::PdfBuilder outlined;
-            outlined.AddNumberedPages(kLongPages).AddPageLabels({{0, "r"}, {10, "D"}});
-            std::vector<QuirelleTest::OutlineEntry> entries;
-            for (int chapter = 0; chapter < kLongPages / 2; ++chapter) {
-                entries.push_back({"Chapter " + std::to_string(chapter + 1), 0, 2 * chapter});
-                for (int section = 1; section <= 3; ++section) {
-                    entries.push_back({"Section " + std::to_string(section), 1,
-                                       std::min(2 * chapter + (section + 1) / 2, kLongPages - 1)});
-                }
-            }
-            outlined.AddOutline(entries).Save(fixtures.outlinedDocument);
+            WriteOutlinedDocument(fixtures.outlinedDocument, kLongPages);
             fixtures.hugeDocument = fixtures.temp.File("huge.pdf");
             WriteHugeDocument(fixtures.hugeDocument, kHugePages);
         } catch (const std::exception& e) {
@@ -358,27 +348,39 @@ void Import(benchmark::State& st) {
     }
 }
 
+double Median(std::vector<double> values) {
+    std::sort(values.begin(), values.end());
+    return values.empty() ? 0 : values[values.size() / 2];
+}
+
+// One save takes some tens of milliseconds, which the other processes of a
+// shared machine easily double: the median of several of each.
 void SaveAsOutlined(benchmark::State& st) {
     if (!Ready(st)) return;
+    constexpr int kSaves = 9;
     for (auto _ : st) {
-        const fs::path inPlace = Files().temp.File("in-place.pdf");
-        fs::copy_file(Files().outlinedDocument, inPlace, fs::copy_options::overwrite_existing);
-        OpenService reference(inPlace);
-        Clock::time_point start = Clock::now();
-        const bool savedInPlace = reference.service.SaveDocument(reference.id).get();
-        const double inPlaceSeconds = Seconds(start);
-
-        OpenService open(Files().outlinedDocument);
+        std::vector<double> inPlaceSeconds, asSeconds;
+        bool saved = true;
         const fs::path out = Files().temp.File("outlined-copy.pdf");
-        start = Clock::now();
-        const bool saved = open.service.SaveDocumentAs(open.id, out.string()).get();
-        const double seconds = Seconds(start);
-        st.SetIterationTime(seconds);
-        if (!saved || !savedInPlace) {
+        for (int i = 0; i < kSaves && saved; ++i) {
+            const fs::path inPlace = Files().temp.File("in-place.pdf");
+            fs::copy_file(Files().outlinedDocument, inPlace, fs::copy_options::overwrite_existing);
+            OpenService reference(inPlace);
+            Clock::time_point start = Clock::now();
+            saved = reference.service.SaveDocument(reference.id).get();
+            inPlaceSeconds.push_back(Seconds(start));
+
+            OpenService open(Files().outlinedDocument);
+            start = Clock::now();
+            saved = open.service.SaveDocumentAs(open.id, out.string()).get() && saved;
+            asSeconds.push_back(Seconds(start));
+        }
+        if (!saved) {
             st.SkipWithError("a save failed");
             break;
         }
-        st.counters["save_in_place_ms"] = 1e3 * inPlaceSeconds;
+        st.SetIterationTime(Median(asSeconds));
+        st.counters["save_in_place_ms"] = 1e3 * Median(inPlaceSeconds);
         st.counters["out_MiB"] = static_cast<double>(fs::file_size(out)) / (1 << 20);
         fs::remove(out);
     }

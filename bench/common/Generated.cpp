@@ -170,4 +170,18 @@ void WriteLongDocument(const fs::path& path, int pages) {
     builder.Save(path);
 }
 
+void WriteOutlinedDocument(const fs::path& path, int pages) {
+    QuirelleTest::PdfBuilder builder;
+    builder.AddNumberedPages(pages).AddPageLabels({{0, "r"}, {10, "D"}});
+    std::vector<QuirelleTest::OutlineEntry> entries;
+    for (int chapter = 0; chapter < pages / 2; ++chapter) {
+        entries.push_back({"Chapter " + std::to_string(chapter + 1), 0, 2 * chapter});
+        for (int section = 1; section <= 3; ++section) {
+            entries.push_back({"Section " + std::to_string(section), 1,
+                               std::min(2 * chapter + (section + 1) / 2, pages - 1)});
+        }
+    }
+    builder.AddOutline(entries).Save(path);
+}
+
 }  // namespace QuirelleBench

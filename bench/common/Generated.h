@@ -21,6 +21,11 @@ HeavyDocument BuildHeavyDocument();
 // Pages of running text (30 lines of 10 pt), "quartz" once on every 10th page.
 void WriteLongDocument(const std::filesystem::path& path, int pages);
 
+// Numbered pages with page labels (roman, then arabic from the 11th) and an
+// outline of two entries per page: a chapter every other page, three
+// sections under each.
+void WriteOutlinedDocument(const std::filesystem::path& path, int pages);
+
 // A page tree as TeX writes one: nodes of at most 10 kids, every page
 // sharing one font and one small content stream. Written directly, since the
 // document builder would take long over 100,000 pages.

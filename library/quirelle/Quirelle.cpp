@@ -108,7 +108,7 @@ std::future<bool> Quirelle::SaveDocumentAs(const int64& id, const Orvane::ioPath
 
 std::future<bool> Quirelle::SaveDocumentAsDecrypted(const int64& id, const Orvane::ioPath& path) {
     return impl->Enqueue(impl->saveQueue, Impl::SaveDocumentTask{id, path, true},
-                         [i = impl.get()](const Impl::SaveDocumentTask& task) { return i->SaveDocument(task); });
+                         [](Impl& i, const Impl::SaveDocumentTask& task) { return i.SaveDocument(task); });
 }
 
 std::future<bool> Quirelle::ExportPagesTo(const int64& id, const std::vector<unsigned>& pages,
