@@ -107,8 +107,7 @@ std::future<bool> Quirelle::SaveDocumentAs(const int64& id, const Orvane::ioPath
 }
 
 std::future<bool> Quirelle::SaveDocumentAsDecrypted(const int64& id, const Orvane::ioPath& path) {
-    return impl->Enqueue(impl->saveQueue, Impl::SaveDocumentTask{id, path, true},
-                         [](Impl& i, const Impl::SaveDocumentTask& task) { return i.SaveDocument(task); });
+    return impl->Enqueue(impl->saveQueue, {id, path, true}, &Impl::SaveDocument);
 }
 
 std::future<bool> Quirelle::ExportPagesTo(const int64& id, const std::vector<unsigned>& pages,
