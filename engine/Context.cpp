@@ -427,6 +427,19 @@ RequestBudget::RequestBudget() {
     r.expired = TimeBudget().count() <= 0;
 }
 
+RequestBudget::RequestBudget(std::chrono::steady_clock::time_point deadline, size_t blockLimit) {
+    RequestState& r = request;
+    if (r.depth++ > 0) return;
+    r.deadline = deadline;
+    r.blockLimit = blockLimit;
+    r.allocations = 0;
+    r.expired = std::chrono::steady_clock::now() >= deadline;
+}
+
+size_t RequestBudget::BlockLimit() {
+    return request.depth > 0 ? request.blockLimit : kDefaultBlockLimit;
+}
+
 RequestBudget::~RequestBudget() {
     if (--request.depth == 0) request.expired = false;
 }

@@ -233,7 +233,12 @@ public:
             seams.push_back(target.height);
             const milliseconds budget = Remaining();
             const std::optional<unsigned char> value = pending.Take();
+            // Helpers keep to the request's budget too: a decoder or the
+            // allocator stops them where no abort flag is looked at.
+            const Clock::time_point deadline = RequestBudget::Deadline().value_or(Clock::now() + budget);
+            const size_t blockLimit = RequestBudget::BlockLimit();
             const std::function<void(int, fz_context*)> draw = [&](int band, fz_context* ctx) {
+                const RequestBudget joined(deadline, blockLimit);
                 results[band] = drawRows(ctx, list.get(), ctm, target, seams[band], seams[band + 1], value, budget);
             };
             BandPool::Instance().Run(ctx_, static_cast<int>(results.size()), draw);
