@@ -12,6 +12,7 @@
 
 #include "engine/Engine.h"
 #include "engine/PdfDocument.h"
+#include "tests/support/HostilePdf.h"
 #include "tests/support/PdfBuilder.h"
 
 namespace QuirelleFuzz {
@@ -324,7 +325,14 @@ Quirelle& SharedService() {
 }
 
 std::vector<std::string> EngineSeeds() {
-    return FixtureDocuments();
+    std::vector<std::string> seeds = FixtureDocuments();
+    // Files that ask for endless work, one of each class. The huge path is
+    // left out: it holds every render for seconds, and the seeds run in
+    // every test run.
+    for (const QuirelleTest::HostilePdf& hostile : QuirelleTest::HostilePdfs()) {
+        if (hostile.name != "huge path") seeds.push_back(hostile.bytes);
+    }
+    return seeds;
 }
 
 std::vector<std::string> ImageSeeds() {
