@@ -70,6 +70,25 @@ struct RequestState {
 };
 thread_local RequestState request;
 
+// Why the thread's latest allocation was refused.
+enum class Refusal : unsigned char {
+    Request,  // the request's budget is spent or the block is above its block limit
+    Limit,    // the process's memory limit (or the system) has no room
+};
+
+// What the calling thread's engine work ran into. Read and written by the
+// thread alone: the allocator, the lock callbacks and the store's scavenging
+// all run on the thread that allocates.
+struct ThreadEngineState {
+    Refusal lastRefusal = Refusal::Limit;
+    // MuPDF's FreeType and glyph-cache locks the thread holds now (a bit each).
+    unsigned heldLocks = 0;
+    // Allocations MuPDF finally went without (after scavenging, if any).
+    size_t refusals = 0;
+    size_t refusedWork = 0;  // RequestBudget::NoteRefusedWork
+};
+thread_local ThreadEngineState engineState;
+
 // Whether an allocation of size must fail for the thread's request. The clock
 // is read every few allocations only: MuPDF allocates a lot, in small pieces.
 bool refusedByRequest(size_t size) {
@@ -78,6 +97,12 @@ bool refusedByRequest(size_t size) {
     if (size > r.blockLimit) return true;
     if (!r.expired && (++r.allocations & 15u) == 0 && std::chrono::steady_clock::now() >= r.deadline) r.expired = true;
     return r.expired;
+}
+
+bool refusedByRequestNoted(size_t size) {
+    if (!refusedByRequest(size)) return false;
+    engineState.lastRefusal = Refusal::Request;
+    return true;
 }
 
 // ---- allocator: counts what MuPDF holds and refuses to pass the limit ----
@@ -95,12 +120,18 @@ bool reserve(size_t bytes) {
     return true;
 }
 
+void* refusedByLimit() {
+    engineState.lastRefusal = Refusal::Limit;
+    return nullptr;
+}
+
 void* countedMalloc(void*, size_t size) {
-    if (size > SIZE_MAX - kHeader || refusedByRequest(size) || !reserve(size)) return nullptr;
+    if (size > SIZE_MAX - kHeader || refusedByRequestNoted(size)) return nullptr;
+    if (!reserve(size)) return refusedByLimit();
     auto* block = static_cast<unsigned char*>(std::malloc(size + kHeader));
     if (block == nullptr) {
         memoryInUse.fetch_sub(size, std::memory_order_relaxed);
-        return nullptr;
+        return refusedByLimit();
     }
     *reinterpret_cast<size_t*>(block) = size;
     return block + kHeader;
@@ -122,11 +153,12 @@ void* countedRealloc(void* user, void* ptr, size_t size) {
     auto* block = static_cast<unsigned char*>(ptr) - kHeader;
     const size_t old = *reinterpret_cast<size_t*>(block);
     if (size > SIZE_MAX - kHeader) return nullptr;
-    if (size > old && (refusedByRequest(size) || !reserve(size - old))) return nullptr;
+    if (size > old && refusedByRequestNoted(size)) return nullptr;
+    if (size > old && !reserve(size - old)) return refusedByLimit();
     auto* grown = static_cast<unsigned char*>(std::realloc(block, size + kHeader));
     if (grown == nullptr) {
         if (size > old) memoryInUse.fetch_sub(size - old, std::memory_order_relaxed);
-        return nullptr;
+        return refusedByLimit();
     }
     if (size < old) memoryInUse.fetch_sub(old - size, std::memory_order_relaxed);
     *reinterpret_cast<size_t*>(grown) = size;
@@ -196,10 +228,15 @@ std::array<EngineLock, FZ_LOCK_MAX> engineLocks;
 // thread, outside engine calls; other threads see it through soleMutex.
 std::atomic<bool> locksOff{false};
 
+// The allocation lock is taken around every allocation and reference count
+// and is never held while MuPDF allocates on its own account (its allocator
+// takes it itself); only the others are noted, whether locks are on or off.
 void lockEngine(void*, int lock) {
     if (!locksOff.load(std::memory_order_relaxed)) engineLocks[lock].lock();
+    if (lock != FZ_LOCK_ALLOC) engineState.heldLocks |= 1u << lock;
 }
 void unlockEngine(void*, int lock) {
+    if (lock != FZ_LOCK_ALLOC) engineState.heldLocks &= ~(1u << lock);
     if (!locksOff.load(std::memory_order_relaxed)) engineLocks[lock].unlock();
 }
 
@@ -390,6 +427,19 @@ RequestBudget::RequestBudget() {
     r.expired = TimeBudget().count() <= 0;
 }
 
+RequestBudget::RequestBudget(std::chrono::steady_clock::time_point deadline, size_t blockLimit) {
+    RequestState& r = request;
+    if (r.depth++ > 0) return;
+    r.deadline = deadline;
+    r.blockLimit = blockLimit;
+    r.allocations = 0;
+    r.expired = std::chrono::steady_clock::now() >= deadline;
+}
+
+size_t RequestBudget::BlockLimit() {
+    return request.depth > 0 ? request.blockLimit : kDefaultBlockLimit;
+}
+
 RequestBudget::~RequestBudget() {
     if (--request.depth == 0) request.expired = false;
 }
@@ -410,7 +460,60 @@ void RequestBudget::AllowBlocksOf(size_t bytes) {
     if (request.depth > 0) request.blockLimit = std::max(request.blockLimit, bytes);
 }
 
+size_t RequestBudget::Refusals() {
+    return engineState.refusals;
+}
+
+void RequestBudget::NoteRefusedWork() {
+    ++engineState.refusedWork;
+}
+
+size_t RequestBudget::RefusedWork() {
+    return engineState.refusedWork;
+}
+
 }  // namespace Orvane::PDF::Pdfium
+
+// ---- the store's scavenging ----
+//
+// When an allocation is refused, MuPDF's allocator asks the store to evict
+// cached resources and tries again, until the store has nothing left to give.
+// Evicting drops resources outside the allocation lock, and a dropped font
+// takes the FreeType lock to free its face (directly, or as the last holder
+// of a tile, an image or a font description). A thread refused while it held
+// the FreeType or the glyph-cache lock (FreeType allocating as it loads or
+// renders a glyph, the glyph cache growing) would then wait for itself for
+// ever; with the locks off it would re-enter FreeType in the middle of one of
+// its own calls. Both locks are always taken before the allocation lock, so
+// no other order can close a cycle through the scavenging.
+//
+// The allocator is linked through this function (-Wl,--wrap, see
+// CMakeLists.txt), which refuses to scavenge
+// - for a refusal of the request's (its budget is spent, or the block is above
+//   its block limit): no eviction lets that allocation pass, and a spent budget
+//   refuses every allocation, so scavenging would only empty the store, once
+//   per allocation, for nothing;
+// - while the thread holds MuPDF's FreeType or glyph-cache lock: the
+//   allocation fails as if the store were empty, and MuPDF leaves the lock
+//   through its own error handling, as for any allocation that fails there.
+// A refusal of the memory limit with no such lock held scavenges as MuPDF
+// would. Every allocation that fails in the end is counted for the thread
+// (RequestBudget::Refusals), so that work MuPDF carried on with after a
+// failure it swallowed is known to be incomplete.
+
+extern "C" {
+int __real_fz_store_scavenge(fz_context* ctx, size_t size, int* phase);
+
+int __wrap_fz_store_scavenge(fz_context* ctx, size_t size, int* phase) {
+    using namespace Orvane::PDF::Pdfium;
+    ThreadEngineState& state = engineState;
+    if (state.lastRefusal == Refusal::Limit && state.heldLocks == 0 && __real_fz_store_scavenge(ctx, size, phase)) {
+        return 1;
+    }
+    ++state.refusals;
+    return 0;
+}
+}  // extern "C"
 
 namespace Orvane::PDF {
 

@@ -114,6 +114,10 @@ size_t PageCacheLimit();
 class RequestBudget {
 public:
     RequestBudget();
+    // For a thread working for another thread's request (a band of its
+    // picture): the request's deadline and block limit (Deadline(),
+    // BlockLimit() there). Inside a budget of the calling thread, joins it.
+    RequestBudget(std::chrono::steady_clock::time_point deadline, size_t blockLimit);
     ~RequestBudget();
     RequestBudget(const RequestBudget&) = delete;
     RequestBudget& operator=(const RequestBudget&) = delete;
@@ -125,6 +129,32 @@ public:
     // Raises the largest single allocation of the calling thread's request
     // (the default suits everything but drawing into big bitmaps).
     static void AllowBlocksOf(size_t bytes);
+    // The calling thread's request's largest single allocation.
+    static size_t BlockLimit();
+    // How many allocations the calling thread's engine work went without so
+    // far (refused by the budget or the memory limit, after whatever the
+    // store could give up). MuPDF carries on after many failures inside a
+    // page's content; a count that grew over a run tells that the run is
+    // incomplete. Counts on every thread, in a budget or not.
+    static size_t Refusals();
+    // Work refused before MuPDF started it because no budget could see it end
+    // (a drawing call whose size is known to be beyond bounds), counted for
+    // the calling thread like Refusals().
+    static void NoteRefusedWork();
+    static size_t RefusedWork();
+};
+
+// What the calling thread's engine work ran into from construction on.
+class RunLimits {
+public:
+    RunLimits() : refusals_(RequestBudget::Refusals()), work_(RequestBudget::RefusedWork()) {}
+    // An allocation was refused: what ran is incomplete.
+    bool ShortOfMemory() const { return RequestBudget::Refusals() != refusals_; }
+    bool WorkRefused() const { return RequestBudget::RefusedWork() != work_; }
+
+private:
+    size_t refusals_;
+    size_t work_;
 };
 
 // Largest single allocation of a request unless raised: a decoded image or

@@ -11,6 +11,8 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <string>
+#include <unordered_map>
 
 #include "engine/Context.h"
 #include "orvane/pdf/Document.h"
@@ -48,6 +50,17 @@ struct DocumentCore {
     // page recorded before it is never drawn again. Document thread only.
     uint64_t generation = 0;
     void Changed() { ++generation; }
+
+    // Pages whose content ran past the time budget, by page object number,
+    // with the generation and budget of that run and what it answered: the
+    // same answer is given at once until the document changes or the budget
+    // is raised. Document thread only.
+    struct PastBudget {
+        uint64_t generation;
+        long long budgetMs;
+        std::string message;
+    };
+    std::unordered_map<int, PastBudget> pastBudget;
 
 private:
     static inline std::atomic<uint64_t> nextSerial{1};

@@ -3,6 +3,8 @@
 #include <atomic>
 #include <cmath>
 
+#include "engine/Context.h"
+
 namespace Orvane::PDF::Pdfium {
 namespace {
 
@@ -52,7 +54,42 @@ void clipImageMask(fz_context* ctx, fz_device* dev, fz_image* image, fz_matrix c
     }
 }
 
+using BeginTile = int (*)(fz_context*, fz_device*, fz_rect, fz_rect, float, float, fz_matrix, int);
+std::atomic<BeginTile> drawBeginTile{nullptr};
+// What the thread's draw device draws, in device space.
+thread_local fz_rect tilingArea = fz_empty_rect;
+
+// Called by MuPDF inside its own error frames: plain C. area, view and the
+// steps are in pattern space, ctm maps pattern space to the device's.
+int beginTile(fz_context* ctx, fz_device* dev, fz_rect area, fz_rect view, float xstep, float ystep, fz_matrix ctm,
+              int id) {
+    if (RequestBudget::Expired()) {
+        fz_throw(ctx, FZ_ERROR_GENERIC, "tiling pattern not drawn: the time budget is spent");
+    }
+    const fz_rect filled = fz_intersect_rect(fz_transform_rect(area, ctm), tilingArea);
+    if (!fz_is_empty_rect(filled)) {
+        const double pixels = (double(filled.x1) - filled.x0) * (double(filled.y1) - filled.y0);
+        const double cellPixels =
+            std::fabs(double(ctm.a) * ctm.d - double(ctm.b) * ctm.c) * std::fabs(double(xstep) * ystep);
+        // Not with the comparison negated: NaN steps are refused too.
+        const double cells = pixels / cellPixels;
+        if (!(cells <= kFreeTileCells || cells <= kMaxCellsPerPixel * pixels)) {
+            RequestBudget::NoteRefusedWork();
+            fz_throw(ctx, FZ_ERROR_GENERIC, "tiling pattern of %g cells over %.0f pixels refused", cells, pixels);
+        }
+    }
+    return drawBeginTile.load()(ctx, dev, area, view, xstep, ystep, ctm, id);
+}
+
 }  // namespace
+
+void LimitTiling(fz_device* drawDevice, fz_rect area) {
+    tilingArea = area;
+    if (drawDevice->begin_tile != nullptr && drawDevice->begin_tile != beginTile) {
+        drawBeginTile = drawDevice->begin_tile;
+        drawDevice->begin_tile = beginTile;
+    }
+}
 
 void LimitImageDecoding(fz_device* drawDevice) {
     if (drawDevice->fill_image != nullptr && drawDevice->fill_image != fillImage) {

@@ -18,4 +18,18 @@ constexpr double kMaxImageOversampling = 1024;
 // Wraps the image calls of a draw device (made by fz_new_draw_device).
 void LimitImageDecoding(fz_device* drawDevice);
 
+// Tiling patterns: MuPDF's draw device paints a pattern cell by cell over
+// the area it fills, in one call that neither allocates nor looks at any
+// abort flag, so a cell far smaller than a pixel over a page holds it for
+// hours. Beyond this many cells, and more than kMaxCellsPerPixel a pixel
+// of the area filled, a pattern is refused before it is drawn (the picture
+// is then incomplete: see RequestBudget::NoteRefusedWork).
+constexpr double kFreeTileCells = 4.0 * 1024 * 1024;
+constexpr double kMaxCellsPerPixel = 4;
+
+// Wraps the tiling call of a draw device that draws the rows of area (device
+// space): refuses a pattern whose cells are too many, and any pattern once
+// the request's budget is spent. The device is used on the calling thread.
+void LimitTiling(fz_device* drawDevice, fz_rect area);
+
 }  // namespace Orvane::PDF::Pdfium

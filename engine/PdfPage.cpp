@@ -637,6 +637,51 @@ PdfPage::Geometry PdfPage::ReadGeometry() const {
     });
 }
 
+void PdfPage::ThrowIfPastBudget() const {
+    if (core_->pastBudget.empty()) return;
+    const auto found = core_->pastBudget.find(pdf_to_num(Context(), Native()->obj));
+    if (found == core_->pastBudget.end()) return;
+    const DocumentCore::PastBudget& past = found->second;
+    if (past.generation != core_->generation || TimeBudget().count() > past.budgetMs) {
+        core_->pastBudget.erase(found);
+        return;
+    }
+    throw Orvane::Exception(past.message);
+}
+
+void PdfPage::FailRun(const char* what, Cut cut) const {
+    const long long budget = TimeBudget().count();
+    std::string message = "page " + std::to_string(Number()) + ": " + what;
+    switch (cut) {
+        case Cut::Time:
+            message += " ran past the time budget of " + std::to_string(budget) + " ms";
+            break;
+        case Cut::Work:
+            message += " refused: the page asks for more work than the time budget of " + std::to_string(budget) +
+                       " ms allows";
+            break;
+        case Cut::Memory:
+            message += " ran out of memory (engine memory limit " + std::to_string(MemoryLimit() >> 20) + " MiB)";
+            break;
+    }
+    if (cut != Cut::Memory) {
+        const int object = pdf_to_num(Context(), Native()->obj);
+        if (object > 0) core_->pastBudget[object] = DocumentCore::PastBudget{core_->generation, budget, message};
+    }
+    throw Orvane::Exception(message);
+}
+
+void PdfPage::CheckRun(const char* what, bool expired, const RunLimits& limits) const {
+    CheckRun(what, expired, limits.WorkRefused(), limits.ShortOfMemory());
+}
+
+void PdfPage::CheckRun(const char* what, bool expired, bool workRefused, bool shortOfMemory) const {
+    if (expired) FailRun(what, Cut::Time);
+    if (workRefused) FailRun(what, Cut::Work);
+    // Past the budget every allocation is refused: the budget is the cause.
+    if (shortOfMemory) FailRun(what, RequestBudget::Expired() ? Cut::Time : Cut::Memory);
+}
+
 Size PdfPage::GetSize() const {
     const Geometry g = ReadGeometry();
     const double width = g.box.x1 - g.box.x0;
@@ -663,6 +708,7 @@ void PdfPage::SetRotation(Rotation rotation) {
 
 const std::vector<PageObjectInfo>& PdfPage::Objects() {
     if (objects_) return *objects_;
+    ThrowIfPastBudget();
     const RequestBudget budget;
     fz_context* ctx = Context();
     pdf_page* page = Native();
@@ -697,15 +743,13 @@ const std::vector<PageObjectInfo>& PdfPage::Objects() {
     FormHookScope scope(&hook);
     if (hook.original) processor.get()->op_Do_form = onDoForm;
 
+    const RunLimits limits;
     guarded(ctx, [&] {
         pdf_process_contents(ctx, processor.get(), doc, content.resources, content.contents, &cookie);
         pdf_close_processor(ctx, processor.get());
         fz_close_device(ctx, device.get());
     });
-    if (deadline.Expired()) {
-        throw Orvane::Exception("page " + std::to_string(Number()) + ": listing its objects took longer than " +
-                                std::to_string(PageTimeBudget().count()) + " ms");
-    }
+    CheckRun("listing its objects", deadline.Expired(), limits);
     if (cookie.errors > 0) {
         LOG(WARNING) << "page " << Number() << ": objects read with " << cookie.errors << " error(s)";
     }
@@ -742,9 +786,10 @@ std::optional<Rect> PdfPage::GetObjectBoundsAt(double x, double y, int kind) {
 }
 
 std::shared_ptr<ITextObject> PdfPage::GetTextObject() {
+    ThrowIfPastBudget();
     const RequestBudget budget;
     ScopedFontProvider fonts(core_->fonts.get());
-    return ExtractText(Context(), Native());
+    return ExtractText(*this);
 }
 
 std::vector<std::shared_ptr<IAnnotation>> PdfPage::ReadAnnotations(int subtype) {

@@ -45,6 +45,20 @@ public:
     fz_context* Context() const { return core_->ctx; }
     pdf_page* Native() const { return reinterpret_cast<pdf_page*>(page_.get()); }
 
+    // For a page whose content ran past the time budget before (same
+    // document generation, budget not raised since): throws what that run
+    // threw, at once.
+    void ThrowIfPastBudget() const;
+    // Throws for a run over the page's content (what: "rendering", ...) that
+    // the limits cut short: past the time budget (remembered for the page,
+    // as is work refused for being beyond any budget) or short of memory.
+    enum class Cut { Time, Work, Memory };
+    [[noreturn]] void FailRun(const char* what, Cut cut) const;
+    // Fails the run when limits cut it short: the deadline expired, work was
+    // refused, or an allocation was refused.
+    void CheckRun(const char* what, bool expired, const RunLimits& limits) const;
+    void CheckRun(const char* what, bool expired, bool workRefused, bool shortOfMemory) const;
+
 private:
     struct Geometry {
         fz_rect box;  // crop box in page space, normalised

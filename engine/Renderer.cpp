@@ -103,14 +103,13 @@ bool GlyphBound(const Recording& recording, const Target& target) {
 // How one run over the page (or over a band of it) ended.
 struct RunResult {
     bool expired = false;
+    // The limits cut the run short where MuPDF carries on: a picture made
+    // without some of what it should show.
+    bool workRefused = false;
+    bool shortOfMemory = false;
     int errors = 0;
     std::exception_ptr failure;
 };
-
-[[noreturn]] void throwOverBudget(int page) {
-    throw Orvane::Exception("page " + std::to_string(page) + ": rendering took longer than " +
-                            std::to_string(PageTimeBudget().count()) + " ms");
-}
 
 // Runs body(cookie) under a deadline of budget; with a cookie MuPDF counts a
 // failing operator and goes on instead of throwing, so a damaged page shows
@@ -120,6 +119,7 @@ RunResult runWithin(milliseconds budget, Body&& body) noexcept {
     RunResult result;
     fz_cookie cookie{};
     std::optional<Deadline> deadline;
+    const RunLimits limits;
     try {
         deadline.emplace(cookie, budget);
         body(cookie);
@@ -127,6 +127,8 @@ RunResult runWithin(milliseconds budget, Body&& body) noexcept {
         result.failure = std::current_exception();
     }
     result.expired = deadline && deadline->Expired();
+    result.workRefused = limits.WorkRefused();
+    result.shortOfMemory = limits.ShortOfMemory();
     result.errors = cookie.errors;
     return result;
 }
@@ -148,6 +150,7 @@ RunResult drawRows(fz_context* ctx, fz_display_list* list, fz_matrix ctm, const 
                             guarded(ctx, [&] { return fz_new_draw_device(ctx, fz_identity, pixmap.get()); }));
         LimitImageDecoding(device.get());
         const fz_rect rows = fz_make_rect(0, float(top), float(target.width), float(bottom));
+        LimitTiling(device.get(), rows);
         guarded(ctx, [&] {
             fz_run_display_list(ctx, list, device.get(), ctm, rows, &cookie);
             fz_close_device(ctx, device.get());
@@ -177,6 +180,8 @@ public:
         if (target.pixels == nullptr) throw std::invalid_argument("Render: unusable bitmap");
         PendingClear pending(target, clear);
         start_ = Clock::now();
+        source_ = pdfPage;
+        pdfPage->ThrowIfPastBudget();
         ctx_ = pdfPage->Context();
         page_ = pdfPage->Native();
         usage_ = flag ? "Print" : "View";
@@ -228,16 +233,25 @@ public:
             seams.push_back(target.height);
             const milliseconds budget = Remaining();
             const std::optional<unsigned char> value = pending.Take();
+            // Helpers keep to the request's budget too: a decoder or the
+            // allocator stops them where no abort flag is looked at.
+            const Clock::time_point deadline = RequestBudget::Deadline().value_or(Clock::now() + budget);
+            const size_t blockLimit = RequestBudget::BlockLimit();
             const std::function<void(int, fz_context*)> draw = [&](int band, fz_context* ctx) {
+                const RequestBudget joined(deadline, blockLimit);
                 results[band] = drawRows(ctx, list.get(), ctm, target, seams[band], seams[band + 1], value, budget);
             };
             BandPool::Instance().Run(ctx_, static_cast<int>(results.size()), draw);
         }
         int errors = 0;
+        RunResult cut;
         for (const RunResult& result : results) {
-            if (result.expired) throwOverBudget(page_->super.number);
+            cut.expired |= result.expired;
+            cut.workRefused |= result.workRefused;
+            cut.shortOfMemory |= result.shortOfMemory;
             errors += result.errors;
         }
+        Check(cut);
         for (const RunResult& result : results) {
             if (result.failure) std::rethrow_exception(result.failure);
         }
@@ -245,6 +259,11 @@ public:
     }
 
 private:
+    // A picture that the limits cut short is no picture of the page.
+    void Check(const RunResult& result) const {
+        source_->CheckRun("rendering", result.expired, result.workRefused, result.shortOfMemory);
+    }
+
     milliseconds Remaining() const {
         return PageTimeBudget() - std::chrono::duration_cast<milliseconds>(Clock::now() - start_);
     }
@@ -275,13 +294,14 @@ private:
                             }));
         DeviceHandle device(ctx_, guarded(ctx_, [&] { return fz_new_draw_device(ctx_, fz_identity, pixmap.get()); }));
         LimitImageDecoding(device.get());
+        LimitTiling(device.get(), fz_make_rect(0, 0, float(target.width), float(target.height)));
         const RunResult result = runWithin(Remaining(), [&](fz_cookie& cookie) {
             guarded(ctx_, [&] {
                 pdf_run_page_with_usage(ctx_, page_, device.get(), ctm, usage_, &cookie);
                 fz_close_device(ctx_, device.get());
             });
         });
-        if (result.expired) throwOverBudget(page_->super.number);
+        Check(result);
         if (result.failure) std::rethrow_exception(result.failure);
         LogErrors(result.errors);
     }
@@ -301,7 +321,8 @@ private:
                 fz_close_device(ctx_, device.get());
             });
         });
-        if (result.expired) throwOverBudget(page_->super.number);
+        // Never kept, nor drawn from, when cut short.
+        Check(result);
         if (result.failure) return std::nullopt;
         size_t glyphs = 0;
         auto guards = std::make_shared<const std::vector<SeamGuard>>(FindSeamGuards(ctx_, list.get(), glyphs));
@@ -312,6 +333,7 @@ private:
     }
 
     Clock::time_point start_;
+    const PdfPage* source_ = nullptr;
     fz_context* ctx_ = nullptr;
     pdf_page* page_ = nullptr;
     const char* usage_ = "View";

@@ -16,6 +16,7 @@
 #include "engine/Geometry.h"
 #include "engine/Guarded.h"
 #include "engine/Handles.h"
+#include "engine/PdfPage.h"
 #include "engine/Watchdog.h"
 #include "orvane/Exception.h"
 
@@ -314,7 +315,9 @@ std::vector<SearchResultInfo> TextObject::FindText(const std::wstring& needle, i
     return hits;
 }
 
-std::shared_ptr<ITextObject> ExtractText(fz_context* ctx, pdf_page* page) {
+std::shared_ptr<ITextObject> ExtractText(const PdfPage& source) {
+    fz_context* ctx = source.Context();
+    pdf_page* page = source.Native();
     struct Frame {
         fz_rect bounds;    // the page as displayed, MuPDF's space
         fz_matrix toPage;  // MuPDF's space -> page space
@@ -335,15 +338,13 @@ std::shared_ptr<ITextObject> ExtractText(fz_context* ctx, pdf_page* page) {
     DeviceHandle device(ctx, guarded(ctx, [&] { return fz_new_stext_device(ctx, stext.get(), &options); }));
     fz_cookie cookie{};  // a failing operator ends the page instead of throwing
     const Deadline deadline(cookie, PageTimeBudget());
+    const RunLimits limits;
     guarded(ctx, [&] {
         fz_run_page_contents(ctx, &page->super, device.get(), fz_identity, &cookie);
         fz_close_device(ctx, device.get());
     });
     device.reset();
-    if (deadline.Expired()) {
-        throw Orvane::Exception("page " + std::to_string(page->super.number) + ": reading its text took longer than " +
-                                std::to_string(PageTimeBudget().count()) + " ms");
-    }
+    source.CheckRun("reading its text", deadline.Expired(), limits);
     if (cookie.errors > 0) {
         LOG(WARNING) << "page " << page->super.number << ": text read with " << cookie.errors << " error(s)";
     }

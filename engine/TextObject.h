@@ -37,7 +37,8 @@ private:
 };
 
 // Extracts the text of the page's content stream (annotations not included).
-// Throws Orvane::Exception when MuPDF fails.
-std::shared_ptr<ITextObject> ExtractText(fz_context* ctx, pdf_page* page);
+// Throws Orvane::Exception when MuPDF fails or the limits cut the run short.
+class PdfPage;
+std::shared_ptr<ITextObject> ExtractText(const PdfPage& page);
 
 }  // namespace Orvane::PDF::Pdfium

@@ -13,6 +13,7 @@
 #include "engine/Engine.h"
 #include "engine/PdfDocument.h"
 #include "tests/support/DamagedPdf.h"
+#include "tests/support/HostilePdf.h"
 #include "tests/support/PdfBuilder.h"
 
 namespace QuirelleFuzz {
@@ -325,10 +326,15 @@ Quirelle& SharedService() {
 }
 
 std::vector<std::string> EngineSeeds() {
-    // The fixtures, and one file of every class of damage the engine
-    // repairs on open: the fuzzer starts inside the repair paths.
+    // The fixtures, one file of every class of damage the engine repairs on
+    // open (the fuzzer starts inside the repair paths) and one of every class
+    // of endless work. The huge path is left out: it holds every render for
+    // seconds, and the seeds run in every test run.
     std::vector<std::string> seeds = FixtureDocuments();
     for (const QuirelleTest::DamagedPdf& damaged : QuirelleTest::DamagedPdfs()) seeds.push_back(damaged.bytes);
+    for (const QuirelleTest::HostilePdf& hostile : QuirelleTest::HostilePdfs()) {
+        if (hostile.name != "huge path") seeds.push_back(hostile.bytes);
+    }
     return seeds;
 }
 

@@ -1,8 +1,6 @@
 // Small hand-made files that once hung, crashed or held the engine: each must
 // now end in a value or an Orvane::Exception, and leave its document usable.
 
-#include <zlib.h>
-
 #include <QImage>
 #include <chrono>
 #include <string>
@@ -16,6 +14,7 @@
 #include "tests/engine/DocumentTestSupport.h"
 #include "tests/support/DamagedPdf.h"
 #include "tests/support/EngineTest.h"
+#include "tests/support/HostilePdf.h"
 
 namespace QuirelleTest {
 namespace {
@@ -34,29 +33,6 @@ std::vector<std::string> OnePage(const std::string& resources, const std::string
     return {kCatalog, "<< /Type /Pages /Kids [3 0 R] /Count 1 >>",
             "<< /Type /Page /Parent 2 0 R /MediaBox [0 0 200 200] /Resources " + resources + " /Contents 4 0 R >>",
             RawStream("", content)};
-}
-
-// The zlib stream of `size` zero bytes, written directly: the same block
-// repeated (each ends in a full flush), so even gigabytes take milliseconds.
-std::string DeflatedZeros(size_t size) {
-    constexpr size_t kChunk = 1 << 20;
-    z_stream z{};
-    deflateInit2(&z, 9, Z_DEFLATED, -15, 9, Z_DEFAULT_STRATEGY);
-    std::string zeros(kChunk, '\0');
-    std::string block(kChunk, '\0');
-    z.next_in = reinterpret_cast<Bytef*>(zeros.data());
-    z.avail_in = kChunk;
-    z.next_out = reinterpret_cast<Bytef*>(block.data());
-    z.avail_out = kChunk;
-    deflate(&z, Z_FULL_FLUSH);
-    block.resize(kChunk - z.avail_out);
-    deflateEnd(&z);
-    std::string out = "\x78\xda";
-    for (size_t i = 0; i < size / kChunk; ++i) out += block;
-    out += std::string("\x03\x00", 2);  // an empty final block
-    const uint32_t adler = uint32_t((size / kChunk * kChunk) % 65521) << 16 | 1u;
-    for (int shift = 24; shift >= 0; shift -= 8) out += char((adler >> shift) & 0xFF);
-    return out;
 }
 
 class HostileFiles : public EngineTest {

@@ -4,15 +4,21 @@
 #include <mupdf/fitz.h>
 
 #include <QImage>
+#include <chrono>
+#include <functional>
+#include <future>
 #include <thread>
 
 #include "engine/Context.h"
+#include "engine/DisplayListCache.h"
+#include "engine/DocumentCore.h"
 #include "engine/Engine.h"
 #include "engine/PdfDocument.h"
 #include "engine/Watchdog.h"
 #include "orvane/Exception.h"
 #include "orvane/pdf/EngineLimits.h"
 #include "tests/support/EngineTest.h"
+#include "tests/support/HostilePdf.h"
 
 namespace QuirelleTest {
 namespace {
@@ -56,6 +62,138 @@ TEST_F(Limits, PageRunsPastTheirBudgetAreAbortedWithAnException) {
     }
     SetEngineLimits(saved);
     EXPECT_NO_THROW(renderer->Render(document->GetPage(0), bitmap, false));
+}
+
+// A picture of the page at width x height, or the exception's message.
+struct Picture {
+    QImage image;
+    std::string failure;
+};
+
+Picture Render(const std::shared_ptr<IPage>& page, int width, int height) {
+    Picture result{QImage(width, height, QImage::Format_RGB32), {}};
+    result.image.fill(Qt::white);
+    std::shared_ptr<IBitmap> bitmap = Pdfium::CreateBitmap(width, height, IBitmap::Bgrx, result.image.bits(),
+                                                           static_cast<int>(result.image.bytesPerLine()));
+    try {
+        const Pdfium::RequestBudget budget;  // as the service gives every request
+        Pdfium::CreatePageRenderer()->Render(page, bitmap, false);
+    } catch (const Orvane::Exception& e) {
+        result.failure = e.what();
+        result.image = QImage();
+    }
+    return result;
+}
+
+bool NamesALimit(const std::string& message) {
+    return message.find("time budget") != std::string::npos || message.find("memory limit") != std::string::npos;
+}
+
+TEST_F(Limits, EveryClassOfEndlessWorkEndsWithinTheBudgetAndThenAnswersAtOnce) {
+    SetTimeBudget(std::chrono::seconds(1));
+    for (const HostilePdf& hostile : HostilePdfs()) {
+        // One huge path is flattened and scan-converted in single calls that
+        // nothing bounds yet: it holds a render a few seconds.
+        if (hostile.name == "huge path") continue;
+        SCOPED_TRACE(hostile.name);
+        const auto path = temp.File("hostile.pdf");
+        WriteFile(path, hostile.bytes);
+        auto document = std::make_shared<Pdfium::PdfDocument>(nullptr, path.string(), "");
+        const std::function<std::string()> requests[] = {
+            [&] { return Render(document->GetPage(0), 200, 200).failure; },
+            [&] { return Render(document->GetPage(0), 800, 800).failure; },
+            [&] {
+                document->GetPage(0)->GetTextObject();
+                return std::string();
+            },
+            [&] {
+                document->GetPage(0)->GetObjectBoundsAt(100, 100, IPageObject::Path);
+                return std::string();
+            },
+        };
+        std::string first;
+        for (const auto& request : requests) {
+            const auto start = std::chrono::steady_clock::now();
+            std::string failure;
+            try {
+                failure = request();
+            } catch (const Orvane::Exception& e) {
+                failure = e.what();
+            }
+            const auto took = std::chrono::steady_clock::now() - start;
+            const bool pastBudget = NamesALimit(first);
+            EXPECT_LT(took, std::chrono::milliseconds(pastBudget ? 10 : 1500)) << failure;
+            // What the file itself makes impossible fails at once, as a bad file.
+            if (!failure.empty() && !NamesALimit(failure)) EXPECT_LT(took, std::chrono::milliseconds(100)) << failure;
+            if (pastBudget) EXPECT_EQ(failure, first);
+            if (first.empty()) first = failure;
+        }
+        if (hostile.name == "tiny-cell tiling") EXPECT_NE(first.find("refused"), std::string::npos) << first;
+        // A raised budget tries the page again.
+        SetTimeBudget(std::chrono::milliseconds(1001));
+        if (first.find("ran past") != std::string::npos) {
+            const auto start = std::chrono::steady_clock::now();
+            Render(document->GetPage(0), 200, 200);
+            EXPECT_GT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(10));
+        }
+        SetTimeBudget(std::chrono::seconds(1));
+    }
+}
+
+TEST_F(Limits, APictureCutShortByTheMemoryLimitIsNoPicture) {
+    PageLayout page;
+    for (int i = 0; i < 40; ++i) page.text.push_back({72, 740.0 - 16 * i, 12, "A line of text to be drawn at any size"});
+    page.images.push_back({Rect{100, 500, 500, 100}, 1500, 1500, 0x3060C0});
+    const auto path = temp.File("photo.pdf");
+    PdfBuilder().AddPage(page).Save(path);
+    auto document = std::make_shared<Pdfium::PdfDocument>(nullptr, path.string(), "");
+    const Picture whole = Render(document->GetPage(0), 1224, 1584);
+    ASSERT_TRUE(whole.failure.empty()) << whole.failure;
+    int cut = 0;
+    for (size_t room : {size_t(1) << 20, size_t(4) << 20, size_t(8) << 20, size_t(16) << 20}) {
+        Pdfium::DisplayListCache::Instance().DropDocument(Pdfium::CurrentContext(), document->Core()->serial);
+        SetMemoryLimit(Pdfium::MemoryInUse() + room);
+        const Picture picture = Render(document->GetPage(0), 1224, 1584);
+        SetEngineLimits(saved);
+        if (picture.failure.empty()) {
+            EXPECT_TRUE(picture.image == whole.image) << "a picture within " << (room >> 20) << " MiB differs";
+        } else {
+            EXPECT_NE(picture.failure.find("memory limit"), std::string::npos) << picture.failure;
+            ++cut;
+        }
+    }
+    EXPECT_GT(cut, 0);
+}
+
+// A refused allocation makes MuPDF evict cached resources, and evicting a
+// font takes MuPDF's FreeType lock: an allocation refused to a thread that
+// holds that lock must fail, not wait for the lock.
+TEST_F(Limits, NoRefusedAllocationWaitsForALockItsThreadHolds) {
+    const auto path = temp.File("text.pdf");
+    PdfBuilder().AddNumberedPages(20).Save(path);
+    auto document = std::make_shared<Pdfium::PdfDocument>(nullptr, path.string(), "");
+    for (unsigned i = 0; i < 20; ++i) Render(document->GetPage(i), 300, 300);
+    // The font stays in the store, held by nothing else.
+    Pdfium::DisplayListCache::Instance().DropDocument(Pdfium::CurrentContext(), document->Core()->serial);
+    fz_purge_glyph_cache(Pdfium::CurrentContext());
+    auto refused = std::async(std::launch::async, [limits = saved]() mutable {
+        const Pdfium::ScopedContext scoped;
+        fz_context* ctx = scoped.get();
+        limits.memoryLimitBytes = Pdfium::MemoryInUse();
+        SetEngineLimits(limits);
+        fz_lock(ctx, FZ_LOCK_FREETYPE);
+        void* block = fz_malloc_no_throw(ctx, 64 << 20);
+        fz_unlock(ctx, FZ_LOCK_FREETYPE);
+        fz_free(ctx, block);
+        return block == nullptr;
+    });
+    if (refused.wait_for(std::chrono::seconds(20)) != std::future_status::ready) {
+        ADD_FAILURE() << "the refused allocation waits for its own thread's lock";
+        std::abort();  // the thread can never end
+    }
+    EXPECT_TRUE(refused.get());
+    SetEngineLimits(saved);
+    document.reset();
 }
 
 TEST_F(Limits, SetsTheAbortFlagOnceTheDeadlinePasses) {
