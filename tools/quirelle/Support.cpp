@@ -178,10 +178,19 @@ int64 Session::Open(const fs::path& path, const std::string& password) {
     if (fs::is_directory(status)) throw Failure(path.string() + ": is a directory");
     if (!std::ifstream(path)) throw Failure(path.string() + ": cannot read the file: " + std::strerror(errno));
     current_ = path.string();
+    const auto started = std::chrono::steady_clock::now();
     const auto opened = service_->OpenDocument(Orvane::ioPath(path), password).get();
+    // The open's answer has no room for a reason; an open that failed after
+    // the whole time budget was stopped by the budget, not by the file.
+    const auto budget = Orvane::PDF::GetEngineLimits().timeBudget;
+    const bool budgetSpent = std::chrono::steady_clock::now() - started >= budget;
     if (opened.id >= 0) {
         if (PageCount(opened.id) == 0) throw Failure(path.string() + ": no page could be read: the file is damaged");
         return opened.id;
+    }
+    if (budgetSpent && !opened.passwordError) {
+        throw Failure(path.string() + ": the time budget of " + std::to_string(budget.count()) +
+                      " ms ran out while opening it (--time-budget)");
     }
     if (opened.passwordError && password.empty()) {
         throw Failure(path.string() + ": the document is encrypted: give its password with --password");
