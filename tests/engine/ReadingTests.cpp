@@ -216,5 +216,65 @@ TEST_F(Reading, CopiedTextJoinsHyphenatedWordsAndSpellsOutLigatures) {
     EXPECT_TRUE(Pdfium::SelectAllText(*FirstPage(PageLayout{})->GetTextObject()).text.empty());
 }
 
+// The pixels of a tile against the same pixels of the whole picture: how many
+// differ, and by how much at most in any channel.
+std::pair<int, int> CompareTile(const std::shared_ptr<IPage>& page, const Rect& region, double scale, int wholeWidth,
+                                int wholeHeight, int left, int top) {
+    const QImage tile = Pdfium::RenderTile(page, region, scale, false);
+    EXPECT_EQ(tile.size(), QSize(300, 300));
+    const Picture whole(page, wholeWidth, wholeHeight);
+    int differing = 0, most = 0;
+    for (int y = 0; y < tile.height(); ++y) {
+        const auto* row = reinterpret_cast<const uint32_t*>(tile.constScanLine(y));
+        for (int x = 0; x < tile.width(); ++x) {
+            const uint32_t a = row[x], b = whole.At(left + x, top + y);
+            differing += a != b;
+            for (int shift = 0; shift < 32; shift += 8) {
+                most = std::max(most, std::abs(int((a >> shift) & 0xFF) - int((b >> shift) & 0xFF)));
+            }
+        }
+    }
+    return {differing, most};
+}
+
+TEST_F(Reading, TilesHoldThePixelsOfTheWholePicture) {
+    PageLayout page = TwoColumns();
+    page.rects = {{{100, 650, 400, 400}, 0x3366CC}};
+    page.images = {{{150, 380, 350, 250}, 16, 16, 0xCC2200, 128}};
+    for (int rotate : {0, 90}) {
+        SCOPED_TRACE(rotate);
+        page.rotate = rotate;
+        page.extraContent.clear();
+        // At 1.5 pixels a point the page is 918 x 1188 (turned: 1188 x 918).
+        const Rect region{100, 500, 300, 300};
+        const int left = rotate ? 450 : 150, top = rotate ? 150 : 438;
+        const int width = rotate ? 1188 : 918, height = rotate ? 918 : 1188;
+        EXPECT_EQ(CompareTile(FirstPage(page), region, 1.5, width, height, left, top), std::make_pair(0, 0));
+        // MuPDF's rasteriser clips a slanted edge where it crosses the
+        // border of what it draws, and steps the clipped edge from there: on
+        // such an edge a tile's anti-aliasing may differ by a level or two.
+        page.extraContent = "0 0.5 0 RG 3 w 40 40 m 560 760 l 300 100 l S";
+        const auto [differing, most] = CompareTile(FirstPage(page), region, 1.5, width, height, left, top);
+        EXPECT_LT(differing, 400);
+        EXPECT_LE(most, 8);
+    }
+}
+
+TEST_F(Reading, TileArgumentsAreChecked) {
+    const auto page = FirstPage(TwoColumns());
+    const std::function<void()> calls[] = {
+        [&] { Pdfium::RenderTile(page, {0, 0, 10, 10}, 1, false); },             // empty (top below bottom)
+        [&] { Pdfium::RenderTile(page, {700, 900, 800, 800}, 1, false); },       // off the page
+        [&] { Pdfium::RenderTile(page, {0, 100, 100, 0}, 0, false); },           // no scale
+        [&] { Pdfium::RenderTile(page, {0, 792, 612, 0}, 100, false); },         // 3,7 gigapixels
+        [&] { Pdfium::RenderTile(page, {0, NAN, 100, 0}, 1, false); },           // not finite
+    };
+    for (const auto& call : calls) EXPECT_THROW(call(), std::invalid_argument);
+    // At 3200 % a tile of 512 x 512 pixels is 16 x 16 points, and white where nothing is drawn.
+    const QImage tile = Pdfium::RenderTile(page, {500, 100, 516, 84}, 32, false);
+    EXPECT_EQ(tile.size(), QSize(512, 512));
+    EXPECT_EQ(tile.pixel(0, 0), 0xFFFFFFFFu);
+}
+
 }  // namespace
 }  // namespace QuirelleTest
