@@ -144,6 +144,9 @@ void Quirelle::Impl::PurgeQueuedWork(const int64_t& id, std::vector<std::shared_
     PurgeFrom(pageImageQueue, byId, discarded);
     PurgeFrom(objectBoundsQueue, byId, discarded);
     PurgeFrom(textObjectQueue, byId, discarded);
+    PurgeFrom(tileQueue, byId, discarded);
+    pendingTiles.remove_if(byIdField);
+    PurgeFrom(readingQueue, byIdField, discarded);
     PurgeFrom(rotationQueue, byId, discarded);
     PurgeFrom(callerWorkQueue, byIdField, discarded);
     PurgeFrom(

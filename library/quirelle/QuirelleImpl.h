@@ -18,6 +18,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <future>
 #include <list>
 #include <map>
@@ -128,6 +129,28 @@ public:
     };
     using PendingImages = std::set<PageImageTask, ByPageIndex>;
 
+    // A tile: GenerateTile's record, and a pending asynchronous tile.
+    struct TileTask {
+        int64_t id;
+        unsigned page;
+        Rect region;
+        double scale;
+        ViewType viewType;
+        bool SameTile(const TileTask& other) const {
+            return id == other.id && page == other.page && region.left == other.region.left &&
+                   region.top == other.region.top && region.right == other.region.right &&
+                   region.bottom == other.region.bottom && scale == other.scale && viewType == other.viewType;
+        }
+    };
+
+    // A reading query (outline, labels, information, selection): its
+    // document and the packaged work that answers its future. Dropped
+    // unrun, the work breaks its promise.
+    struct ReadingWork {
+        int64_t id;
+        std::function<void()> run;
+    };
+
     struct SearchRequest {
         int64_t id;         // the document searched
         unsigned step;      // position of the next page, counted from startPage without wrapping
@@ -164,6 +187,18 @@ public:
     void RemovePendingPageInfo(const PageInfoRequest& key);  // queueMutex held
     void RemovePendingPageImage(const PageImageTask& key);   // queueMutex held
     PendingImages& PendingSetFor(ViewType viewType) { return viewType == 0 ? pendingImages[0] : pendingImages[1]; }
+
+    // ---- reading (Reading.cpp) ----
+
+    // Queues body(document) for the worker; the document is the open one
+    // (std::invalid_argument "Invalid doc handle" through the future if not).
+    template <class Result, class Body>
+    std::future<Result> EnqueueReading(const int64_t& id, Body&& body);
+    void AddTileRequest(const TileTask& request);
+    void CancelTileRequests(const int64_t& id, const std::function<bool(const TileTask&)>& matches);
+    QImage RenderTile(const TileTask& task) const;  // throws
+    void ServeReadingWork();
+    void ServePendingTile();
 
     // ---- searches (caller's thread) ----
 
@@ -235,8 +270,11 @@ public:
     std::list<PageInfoRequest> pageInfoRequests;                    // guarded by queueMutex
     Queue<PageTask, PageInfo> pageInfoQueue;                        // guarded by queueMutex
     Queue<PageImageTask, QImage> pageImageQueue;                    // guarded by queueMutex
+    Queue<TileTask, QImage> tileQueue;                              // guarded by queueMutex
+    std::list<TileTask> pendingTiles;                               // guarded by queueMutex; oldest first
     Queue<PagePositionTask, Rect> objectBoundsQueue;                // guarded by queueMutex
     Queue<PageTask, std::shared_ptr<ITextObject>> textObjectQueue;  // guarded by queueMutex
+    std::list<ReadingWork> readingQueue;                            // guarded by queueMutex
     Queue<RotationPageTask, void> rotationQueue;                    // guarded by queueMutex
     std::list<CallerWork> callerWorkQueue;                          // guarded by queueMutex
     Queue<ImportPageTask, void> importQueue;                        // guarded by queueMutex
@@ -264,6 +302,7 @@ public:
     std::atomic<uint64_t> wakeups{0};  // counts Wake() calls; the worker spins on it before it sleeps
 
     Orvane::Core::EventHandlerList<IPageInfoObserver, Orvane::Core::SyncExecutePolicy> observers;
+    Orvane::Core::EventHandlerList<ITileObserver, Orvane::Core::SyncExecutePolicy> tileObservers;
 
     // Memory of the pictures handed out, reused once callers drop them (also
     // by the next document); at most kIdlePictureBytes of it waits unused.
@@ -283,6 +322,23 @@ std::future<Result> Quirelle::Impl::Enqueue(Queue<Record, Result>& queue, Record
     {
         std::lock_guard<std::mutex> lock(queueMutex);
         queue.push_back({std::move(record), std::move(work)});
+    }
+    Wake();
+    return future;
+}
+
+template <class Result, class Body>
+std::future<Result> Quirelle::Impl::EnqueueReading(const int64_t& id, Body&& body) {
+    auto work = std::make_shared<std::packaged_task<Result()>>(
+        [this, id, body = std::forward<Body>(body)]() mutable -> Result {
+            std::shared_ptr<IDocument> document = FindDocument(id);
+            if (!document) throw std::invalid_argument("Invalid doc handle");
+            return body(document);
+        });
+    std::future<Result> future = work->get_future();
+    {
+        std::lock_guard<std::mutex> lock(queueMutex);
+        readingQueue.push_back({id, [work] { (*work)(); }});
     }
     Wake();
     return future;

@@ -81,8 +81,8 @@ bool Quirelle::Impl::WaitForWork() {
 
 bool Quirelle::Impl::HasWork() const {
     return !openQueue.empty() || !pageInfoRequests.empty() || !pageInfoQueue.empty() || !pendingImages[0].empty() ||
-           !pendingImages[1].empty() || !pageImageQueue.empty() || !objectBoundsQueue.empty() ||
-           !textObjectQueue.empty() || !rotationQueue.empty() || !callerWorkQueue.empty() || !importQueue.empty() ||
+           !pendingImages[1].empty() || !pageImageQueue.empty() || !tileQueue.empty() || !pendingTiles.empty() ||
+           !objectBoundsQueue.empty() || !textObjectQueue.empty() || !readingQueue.empty() || !rotationQueue.empty() || !callerWorkQueue.empty() || !importQueue.empty() ||
            !saveQueue.empty() || !exportQueue.empty() || !moveQueue.empty() || !deleteQueue.empty() ||
            !blankPageQueue.empty() || !linkAreaQueue.empty() || !linkQueue.empty() || !searches.empty() ||
            !closeQueue.empty();
@@ -98,8 +98,11 @@ void Quirelle::Impl::ServePass() {
     ServePendingImage(pendingImages[0]);  //  4 asynchronous images, default view
     ServePendingImage(pendingImages[1]);  //    asynchronous images, other views
     ServeOne(pageImageQueue);             //  5 page images
+    ServeOne(tileQueue);                  //    tiles
+    ServePendingTile();                   //    asynchronous tiles
     ServeOne(objectBoundsQueue);          //  6 object bounds
     ServeOne(textObjectQueue);            //  7 text objects
+    ServeReadingWork();                   //    outline, labels, information, selection
     ServeOne(rotationQueue);              //  8 rotation
     ServeCallerWork();                    //  9 caller's work
     ServeOne(importQueue);                // 10 import

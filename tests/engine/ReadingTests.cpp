@@ -3,6 +3,7 @@
 
 #include <gmock/gmock.h>
 
+#include <cmath>
 #include <functional>
 
 #include "engine/Reading.h"
