@@ -6,6 +6,7 @@
 #include <iostream>
 
 #include "Cli.h"
+#include "Reading.h"
 
 namespace QuirelleCli {
 
@@ -35,10 +36,11 @@ QSize PixelSize(const RenderOptions& options, const Size& points) {
 }  // namespace
 
 int RunRender(Session& session, const RenderOptions& options, const std::string& password) {
+    if (!options.region.empty()) return RunRenderRegion(session, options, password);
     Quirelle& service = session.Service();
     const int64 id = session.Open(options.file, password);
     const unsigned pageCount = session.PageCount(id);
-    const std::vector<unsigned> pages = ParsePageSet(options.pages, pageCount);
+    const std::vector<unsigned> pages = ParsePageSet(PagesByLabel(session, id, options.pages), pageCount);
 
     const fs::path directory = options.out;
     std::error_code error;
