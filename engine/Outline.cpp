@@ -33,8 +33,9 @@ struct EntryRead {
     float rgb[3];
     int flags;
     pdf_obj* dest;     // destination to resolve, if any
-    const char* uri;   // URI action target
+    const char* uri;   // URI action target, or the other file of a GoToR action
     size_t uriLength;
+    int named;         // a named action: 1 the first page, 2 the last
 };
 
 // Runs inside guarded(): C only.
@@ -63,6 +64,13 @@ void readEntry(fz_context* ctx, pdf_obj* ref, EntryRead* out) {
     } else if (pdf_name_eq(ctx, kind, PDF_NAME(URI))) {
         pdf_obj* uri = pdf_dict_get(ctx, action, PDF_NAME(URI));
         if (pdf_is_string(ctx, uri)) out->uri = pdf_to_string(ctx, uri, &out->uriLength);
+    } else if (pdf_name_eq(ctx, kind, PDF_NAME(GoToR))) {
+        pdf_obj* file = pdf_dict_get(ctx, action, PDF_NAME(F));
+        if (pdf_is_dict(ctx, file)) file = pdf_dict_get(ctx, file, PDF_NAME(F));
+        if (pdf_is_string(ctx, file)) out->uri = pdf_to_string(ctx, file, &out->uriLength);
+    } else if (pdf_name_eq(ctx, kind, PDF_NAME(Named))) {
+        pdf_obj* name = pdf_dict_get(ctx, action, PDF_NAME(N));
+        out->named = pdf_name_eq(ctx, name, PDF_NAME(FirstPage)) ? 1 : pdf_name_eq(ctx, name, PDF_NAME(LastPage)) ? 2 : 0;
     }
 }
 
@@ -116,6 +124,10 @@ private:
         entry.bold = read.flags & 2;
         if (read.uri) {
             entry.uri.assign(read.uri, read.uriLength);
+        } else if (read.named) {
+            fz_context* ctx = core_.ctx;
+            const int pages = guarded(ctx, [&] { return pdf_count_pages(ctx, core_.doc); });
+            if (pages > 0) entry.pageIndex = read.named == 1 ? 0 : pages - 1;
         } else if (read.dest) {
             const LinkDestination target = ResolveDestination(core_, read.dest);
             entry.pageIndex = target.pageIndex;

@@ -6,6 +6,7 @@
 #include <cmath>
 #include <functional>
 
+#include "bench/common/CorpusDir.h"
 #include "engine/Reading.h"
 #include "tests/engine/DocumentTestSupport.h"
 
@@ -275,6 +276,51 @@ TEST_F(Reading, TileArgumentsAreChecked) {
     const QImage tile = Pdfium::RenderTile(page, {500, 100, 516, 84}, 32, false);
     EXPECT_EQ(tile.size(), QSize(512, 512));
     EXPECT_EQ(tile.pixel(0, 0), 0xFFFFFFFFu);
+}
+
+
+// MuPDF's own outline reader as a reference: "title>page" as Flatten writes
+// them. MuPDF gives page 0 to an entry that leads to no page of the document
+// (another file, no action at all), where the service answers -1.
+void FlattenMuPdf(fz_context* ctx, fz_outline* item, Strings& out, const std::string& indent = "") {
+    for (; item != nullptr; item = item->next) {
+        const bool inDocument = item->uri != nullptr && !fz_is_external_link(ctx, item->uri);
+        out.push_back(indent + (item->title ? item->title : "") + ">" +
+                      std::to_string(inDocument ? item->page.page : -1));
+        FlattenMuPdf(ctx, item->down, out, indent + "  ");
+    }
+}
+
+// The Debian manuals the benchmarks fetch (bench/fetch-corpus.sh), when present.
+TEST_F(Reading, OutlinesOfRealManualsMatchMuPdfsOwnReader) {
+    const auto root = QuirelleBench::CorpusDir() / "x" / "usr" / "share" / "doc";
+    std::error_code error;
+    if (!std::filesystem::is_directory(root, error)) GTEST_SKIP() << "no corpus at " << root;
+    int compared = 0, entries = 0;
+    for (const auto& file : std::filesystem::recursive_directory_iterator(root, error)) {
+        if (file.path().extension() != ".pdf") continue;
+        std::shared_ptr<Pdfium::PdfDocument> document;
+        try {
+            document = OpenFile(file.path());
+        } catch (const std::exception&) {
+            continue;  // not the outline's business
+        }
+        Strings ours, theirs;
+        Flatten(Pdfium::ReadOutline(*document), ours);
+        fz_context* ctx = document->Core()->ctx;
+        fz_outline* outline = guarded(ctx, [&] { return fz_load_outline(ctx, &document->Core()->doc->super); });
+        FlattenMuPdf(ctx, outline, theirs);
+        fz_drop_outline(ctx, outline);
+        if (ours != theirs) {
+            size_t i = 0;
+            while (i < ours.size() && i < theirs.size() && ours[i] == theirs[i]) ++i;
+            ADD_FAILURE() << file.path() << ": entry " << i << " of " << ours.size() << "/" << theirs.size() << ": "
+                          << (i < ours.size() ? ours[i] : "-") << " | " << (i < theirs.size() ? theirs[i] : "-");
+        }
+        ++compared;
+        entries += static_cast<int>(ours.size());
+    }
+    std::printf("outlines of %d manuals compared, %d entries\n", compared, entries);
 }
 
 }  // namespace

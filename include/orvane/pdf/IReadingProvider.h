@@ -38,7 +38,7 @@ struct OutlineEntry {
     double x = 0.0;
     double y = 0.0;
     float zoom = 0.0f;
-    std::string uri;    // the target of an entry that opens a URI
+    std::string uri;    // the target of an entry that opens a URI, or the file of one that opens another PDF
     bool open = false;  // its children show when the outline is first shown
     // The colour the file gives the title, 0xRRGGBB, when hasColor.
     bool hasColor = false;
