@@ -10,6 +10,7 @@
 #include <cstring>
 #include <stdexcept>
 #include <string>
+#include <unordered_map>
 #include <unordered_set>
 
 #include "engine/DocumentCore.h"
@@ -129,7 +130,7 @@ private:
             const int pages = guarded(ctx, [&] { return pdf_count_pages(ctx, core_.doc); });
             if (pages > 0) entry.pageIndex = read.named == 1 ? 0 : pages - 1;
         } else if (read.dest) {
-            const LinkDestination target = ResolveDestination(core_, read.dest);
+            const LinkDestination target = ResolveDestination(core_, read.dest, &pageIndices_);
             entry.pageIndex = target.pageIndex;
             entry.x = target.x;
             entry.y = target.y;
@@ -152,6 +153,7 @@ private:
 
     const DocumentCore& core_;
     std::unordered_set<int> numbers_;
+    std::unordered_map<int, int> pageIndices_;  // page object number -> index
     std::unordered_set<const pdf_obj*> direct_;
     size_t count_ = 0;
     bool cut_ = false;

@@ -8,6 +8,7 @@
 #include <exception>
 #include <stdexcept>
 #include <string>
+#include <unordered_map>
 #include <utility>
 
 #include "engine/Context.h"
@@ -225,12 +226,23 @@ void readLink(fz_context* ctx, pdf_document* doc, pdf_obj* annot, LinkRead* out)
 
 // The index of the page a destination names, or -1 when it names none of
 // this document's pages. from names the page that asks, for the log.
-int pageIndexOf(const DocumentCore& core, const DestinationRead& dest, int from) {
+int pageIndexOf(const DocumentCore& core, const DestinationRead& dest, int from,
+                std::unordered_map<int, int>* known = nullptr) {
     fz_context* ctx = core.ctx;
     pdf_document* doc = core.doc;
     if (dest.pageRef == nullptr) {
         const int count = guarded(ctx, [&] { return pdf_count_pages(ctx, doc); });
         return dest.explicitIndex >= 0 && dest.explicitIndex < count ? dest.explicitIndex : -1;
+    }
+    if (known != nullptr) {
+        const int number = guarded(ctx, [&] { return pdf_is_indirect(ctx, dest.pageRef) ? pdf_to_num(ctx, dest.pageRef) : 0; });
+        if (number > 0) {
+            const auto found = known->find(number);
+            if (found != known->end()) return found->second;
+            const int index = pageIndexOf(core, dest, from);
+            known->emplace(number, index);
+            return index;
+        }
     }
     try {
         // MuPDF answers some number for a page object outside the page
@@ -831,7 +843,7 @@ pdf_obj* LookupNamedDestination(fz_context* ctx, pdf_document* doc, pdf_obj* nam
     return lookupNamedDestination(ctx, doc, name);
 }
 
-LinkDestination ResolveDestination(const DocumentCore& core, pdf_obj* dest) {
+LinkDestination ResolveDestination(const DocumentCore& core, pdf_obj* dest, std::unordered_map<int, int>* pageIndices) {
     fz_context* ctx = core.ctx;
     pdf_document* doc = core.doc;
     const DestinationRead read = guarded(ctx, [&] {
@@ -842,7 +854,7 @@ LinkDestination ResolveDestination(const DocumentCore& core, pdf_obj* dest) {
     });
     LinkDestination destination;
     if (!read.found) return destination;
-    destination.pageIndex = pageIndexOf(core, read, -1);
+    destination.pageIndex = pageIndexOf(core, read, -1, pageIndices);
     if (destination.pageIndex < 0) return destination;
     destination.x = read.hasX ? read.x : 0.0;
     destination.y = read.hasY ? read.y : 0.0;
