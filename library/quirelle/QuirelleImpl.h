@@ -195,7 +195,7 @@ public:
     template <class Result, class Body>
     std::future<Result> EnqueueReading(const int64_t& id, Body&& body);
     void AddTileRequest(const TileTask& request);
-    void CancelTileRequests(const int64_t& id, const std::function<bool(const TileTask&)>& matches);
+    void CancelTileRequests(const std::function<bool(const TileTask&)>& matches);
     QImage RenderTile(const TileTask& task) const;  // throws
     void ServeReadingWork();
     void ServePendingTile();

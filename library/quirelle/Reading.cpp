@@ -124,11 +124,11 @@ void Quirelle::GenerateTileAsync(const int64_t& id, unsigned page, const Rect& r
 void Quirelle::CancelTile(const int64_t& id, unsigned page, const Rect& region, double scale,
                           IPageInfoObserver::ViewType viewType) {
     const Impl::TileTask key{id, page, region, scale, viewType};
-    impl->CancelTileRequests(id, [&key](const Impl::TileTask& tile) { return tile.SameTile(key); });
+    impl->CancelTileRequests([&key](const Impl::TileTask& tile) { return tile.SameTile(key); });
 }
 
 void Quirelle::CancelTiles(const int64_t& id, unsigned page) {
-    impl->CancelTileRequests(id, [id, page](const Impl::TileTask& tile) { return tile.id == id && tile.page == page; });
+    impl->CancelTileRequests([id, page](const Impl::TileTask& tile) { return tile.id == id && tile.page == page; });
 }
 
 void Quirelle::RegisterTileObserver(ITileObserver* observer) {
@@ -151,7 +151,7 @@ void Impl::AddTileRequest(const TileTask& request) {
     Wake();
 }
 
-void Impl::CancelTileRequests(const int64_t&, const std::function<bool(const TileTask&)>& matches) {
+void Impl::CancelTileRequests(const std::function<bool(const TileTask&)>& matches) {
     std::lock_guard<std::mutex> lock(queueMutex);
     pendingTiles.remove_if(matches);
 }
