@@ -13,6 +13,10 @@
 //   Viewer/export_1000_pages, Viewer/import_1000_pages  ExportPagesTo of every
 //                            page, and ImportAllPages into a new document then
 //                            SaveDocumentAs: pages/s and the file's size.
+//   Viewer/save_as_outlined  SaveDocumentAs of a 1,000-page document with a
+//                            2,000-entry outline and page labels (the copy
+//                            carries both), beside a save in place of the same
+//                            document (save_in_place_ms, the same contents).
 //   Viewer/idle              processor time of the whole process (getrusage)
 //                            over 10 s without requests, a document open.
 // The documents are generated on first use into a temporary directory.
@@ -61,6 +65,7 @@ struct Fixtures {
     QuirelleTest::TempDir temp;
     fs::path longDocument;  // kLongPages pages of text
     fs::path hugeDocument;  // kHugePages pages
+    fs::path outlinedDocument;  // kLongPages pages, 2 * kLongPages outline entries
     std::string failure;
 };
 
@@ -70,6 +75,18 @@ Fixtures& Files() {
         try {
             fixtures.longDocument = fixtures.temp.File("long.pdf");
             WriteLongDocument(fixtures.longDocument, kLongPages);
+            fixtures.outlinedDocument = fixtures.temp.File("outlined.pdf");
+            QuirelleTest::PdfBuilder outlined;
+            outlined.AddNumberedPages(kLongPages).AddPageLabels({{0, "r"}, {10, "D"}});
+            std::vector<QuirelleTest::OutlineEntry> entries;
+            for (int chapter = 0; chapter < kLongPages / 2; ++chapter) {
+                entries.push_back({"Chapter " + std::to_string(chapter + 1), 0, 2 * chapter});
+                for (int section = 1; section <= 3; ++section) {
+                    entries.push_back({"Section " + std::to_string(section), 1,
+                                       std::min(2 * chapter + (section + 1) / 2, kLongPages - 1)});
+                }
+            }
+            outlined.AddOutline(entries).Save(fixtures.outlinedDocument);
             fixtures.hugeDocument = fixtures.temp.File("huge.pdf");
             WriteHugeDocument(fixtures.hugeDocument, kHugePages);
         } catch (const std::exception& e) {
@@ -341,6 +358,32 @@ void Import(benchmark::State& st) {
     }
 }
 
+void SaveAsOutlined(benchmark::State& st) {
+    if (!Ready(st)) return;
+    for (auto _ : st) {
+        const fs::path inPlace = Files().temp.File("in-place.pdf");
+        fs::copy_file(Files().outlinedDocument, inPlace, fs::copy_options::overwrite_existing);
+        OpenService reference(inPlace);
+        Clock::time_point start = Clock::now();
+        const bool savedInPlace = reference.service.SaveDocument(reference.id).get();
+        const double inPlaceSeconds = Seconds(start);
+
+        OpenService open(Files().outlinedDocument);
+        const fs::path out = Files().temp.File("outlined-copy.pdf");
+        start = Clock::now();
+        const bool saved = open.service.SaveDocumentAs(open.id, out.string()).get();
+        const double seconds = Seconds(start);
+        st.SetIterationTime(seconds);
+        if (!saved || !savedInPlace) {
+            st.SkipWithError("a save failed");
+            break;
+        }
+        st.counters["save_in_place_ms"] = 1e3 * inPlaceSeconds;
+        st.counters["out_MiB"] = static_cast<double>(fs::file_size(out)) / (1 << 20);
+        fs::remove(out);
+    }
+}
+
 double ProcessCpuSeconds() {
     rusage usage{};
     getrusage(RUSAGE_SELF, &usage);
@@ -368,7 +411,8 @@ void Idle(benchmark::State& st) {
     const std::pair<const char*, void (*)(benchmark::State&)> benchmarks[] = {
         {"Viewer/scroll_burst", ScrollBurst},     {"Viewer/open_100k_pages", OpenHuge},
         {"Viewer/image_during_search", ImageDuringSearch}, {"Viewer/export_1000_pages", Export},
-        {"Viewer/import_1000_pages", Import},     {"Viewer/idle", Idle}};
+        {"Viewer/import_1000_pages", Import},     {"Viewer/save_as_outlined", SaveAsOutlined},
+        {"Viewer/idle", Idle}};
     for (const auto& [name, body] : benchmarks) {
         benchmark::RegisterBenchmark(name, body)->UseManualTime()->Iterations(1)->Unit(benchmark::kMillisecond);
     }

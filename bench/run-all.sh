@@ -11,10 +11,11 @@
 #    default 2; each page counts with its fastest time);
 # 4. the viewer benchmarks (quirelle_viewer_bench);
 # 5. bench/compare.sh (QtPdf, Poppler-Qt5, qpdf);
-# 6. recorded pages and band drawing against plain MuPDF (quirelle_bench Cache/).
+# 6. recorded pages and band drawing against plain MuPDF (quirelle_bench Cache/);
+# 7. `quirelle render` against `mutool draw` on two manuals (bench/cli-vs-mutool.sh).
 # The rest of quirelle_bench (the generated pages every way, requests, text,
 # memory) runs on its own: see bench/README.md.
-# Everything is also kept in build/bench-results/<time>/. About 12 minutes on a
+# Everything is also kept in build/bench-results/<time>/. About 15 minutes on a
 # quiet 2-core machine; a busy machine makes every figure noisier, the ratios
 # (both ways measured in one run, interleaved) less so.
 set -euo pipefail
@@ -50,6 +51,9 @@ step "Recorded pages and band drawing: speedup = plain MuPDF's time / the engine
 QUIRELLE_CORPUS="$QUIRELLE_CORPUS_DIR/x" "$build/bench/quirelle_bench" --benchmark_filter='Cache/' \
   > "$out/cache.txt" 2> "$out/cache.err"
 grep '^Cache/' "$out/cache.txt" | tee -a "$out/tables.md"
+
+step "The command line against mutool: whole manuals to PNG at 150 dpi (ratio = quirelle / mutool)"
+bash "$here/cli-vs-mutool.sh" 2> "$out/cli.err" | tee -a "$out/tables.md" || true
 
 echo
 echo "load average $(cut -d' ' -f1-3 /proc/loadavg) at the end; results in $out" | tee -a "$out/tables.md"

@@ -39,6 +39,12 @@ namespace Pdfium {
 
 std::unique_ptr<IPageRenderer> CreatePageRenderer();
 std::unique_ptr<IPageImporter> CreatePageImporter();
+// Moves the listed pages (ascending, each once) of a PDF document to
+// destination, counted as before the move (after the last page when it is
+// past the pages that stay). The page objects themselves
+// move, so whatever refers to them (outline, form fields, links, structure)
+// follows. std::out_of_range for a page that does not exist.
+void MovePages(const std::shared_ptr<IDocument>& document, const std::vector<unsigned>& pages, unsigned destination);
 // A bitmap over the caller's buffer of height rows of stride bytes, which must
 // outlive it; no copy. Empty for a format other than Bgrx or Bgra, a size not
 // above zero or a stride too small for the width.

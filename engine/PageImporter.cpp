@@ -1,18 +1,24 @@
 // Copies pages between documents (or within one).
 //
-// Across documents every value a page refers to is deep-copied through one
-// graft map per call, so what several pages share (fonts, images, a common
-// resource dictionary) arrives once. Within one document the copy is a new
-// page dictionary that shares the original's indirect objects.
+// Across documents every value a page refers to is copied through one
+// grafter per call (Graft.h), so what several pages share (fonts, images, a
+// common resource dictionary) arrives once, and a reference to a page of the
+// source that is not copied never drags the source's page tree along. Within
+// one document the copy is a new page dictionary that shares the original's
+// indirect objects.
 //
 // A copied page gets its inherited attributes written into it, and copies of
 // its annotations. What an annotation refers to outside itself is adjusted:
 // /P names the new page, a popup is copied with its parent, a link to a page
 // copied in the same call points at the copy. Across documents a link whose
-// page stays behind is dropped (it would lead nowhere), and so is any
-// annotation that would drag the source's page tree along. Form widgets keep
-// their appearance, value and field attributes, but they are not made fields
-// of the target's form.
+// page stays behind is dropped (it would lead nowhere).
+//
+// Across documents the document-level parts that belong to the copied pages
+// come along (DocumentParts.h): form fields with widgets on them (a widget
+// whose field does not come along keeps its field's attributes, standalone),
+// outline entries leading into them, their page labels. Copying every page in
+// order into a document without pages copies the whole document: every
+// catalog entry but the page tree, and the document information.
 
 #include <glog/logging.h>
 
@@ -26,7 +32,9 @@
 
 #include "engine/Context.h"
 #include "engine/DocumentCore.h"
+#include "engine/DocumentParts.h"
 #include "engine/Engine.h"
+#include "engine/Graft.h"
 #include "engine/Guarded.h"
 #include "engine/Handles.h"
 #include "engine/Nesting.h"
@@ -40,15 +48,13 @@ namespace {
 // ---- plain C helpers (they run inside guarded()) ----
 
 // Values reaching deeper than this many indirect objects are not copied:
-// MuPDF grafts recursively, loading each object inside the copy of its
-// parent, and a long enough chain overflows its error stack, which wrecks the
-// source's cross-reference table.
-constexpr int kMaxGraftDepth = 1000;
+// saving the copy marks its objects recursively (the limit of a save).
+constexpr int kMaxGraftDepth = 20000;
 
-// What a copy into the target needs: the graft map (NULL within one
+// What a copy into the target needs: the grafter's state (NULL within one
 // document) and the nesting check of the source's objects.
 struct Graft {
-    pdf_graft_map* map;
+    GraftState* map;
     NestingCheck* check;
 };
 
@@ -58,15 +64,16 @@ struct Graft {
 pdf_obj* transfer(fz_context* ctx, const Graft* graft, pdf_obj* value) {
     if (graft->map != NULL) {
         CheckNesting(ctx, graft->check, value);
-        return pdf_graft_mapped_object(ctx, graft->map, value);
+        return GraftValue(ctx, graft->map, value);
     }
     if (pdf_is_indirect(ctx, value)) return pdf_keep_obj(ctx, value);
     return pdf_deep_copy_obj(ctx, value);
 }
 
 // Fills the new page dictionary from the source page: the inheritable
-// attributes as the page sees them, and its own drawing-related entries.
-void fillPage(fz_context* ctx, const Graft* map, pdf_obj* source, pdf_obj* page) {
+// attributes as the page sees them, and its own drawing-related entries
+// (every entry but its tree links and annotations with all).
+void fillPage(fz_context* ctx, const Graft* map, pdf_obj* source, pdf_obj* page, int all) {
     pdf_obj* const inherited[] = {PDF_NAME(Resources), PDF_NAME(MediaBox), PDF_NAME(CropBox), PDF_NAME(Rotate)};
     pdf_obj* const own[] = {PDF_NAME(Contents), PDF_NAME(BleedBox), PDF_NAME(TrimBox), PDF_NAME(ArtBox),
                             PDF_NAME(UserUnit), PDF_NAME(Group),    PDF_NAME(Dur),     PDF_NAME(Trans)};
@@ -79,28 +86,37 @@ void fillPage(fz_context* ctx, const Graft* map, pdf_obj* source, pdf_obj* page)
         pdf_obj* value = pdf_dict_get(ctx, source, own[i]);
         if (value != NULL) pdf_dict_put_drop(ctx, page, own[i], transfer(ctx, map, value));
     }
+    if (!all) return;
+    const int n = pdf_dict_len(ctx, source);
+    for (int i = 0; i < n; ++i) {
+        pdf_obj* key = pdf_dict_get_key(ctx, source, i);
+        if (pdf_name_eq(ctx, key, PDF_NAME(Parent)) || pdf_name_eq(ctx, key, PDF_NAME(Annots)) ||
+            pdf_dict_get(ctx, page, key) != NULL)
+            continue;
+        pdf_dict_put_drop(ctx, page, key, transfer(ctx, map, pdf_dict_get_val(ctx, source, i)));
+    }
 }
 
 // Keys an annotation copy never takes over as they are: its page, its place
-// in a field or reply hierarchy, its popup and its place in the structure
-// tree are the source's; destinations are mapped apart.
-int isAdjustedKey(fz_context* ctx, pdf_obj* key) {
-    pdf_obj* const adjusted[] = {PDF_NAME(P),   PDF_NAME(Parent),       PDF_NAME(Popup),
-                                 PDF_NAME(IRT), PDF_NAME(StructParent), PDF_NAME(Dest),
-                                 PDF_NAME(A)};
+// in a field or reply hierarchy, its popup and (unless the structure tree
+// comes along) its place in the structure tree are the source's;
+// destinations are mapped apart.
+int isAdjustedKey(fz_context* ctx, pdf_obj* key, int keepStructure) {
+    pdf_obj* const adjusted[] = {PDF_NAME(P), PDF_NAME(Parent), PDF_NAME(Popup), PDF_NAME(IRT),
+                                 PDF_NAME(Dest), PDF_NAME(A)};
     for (size_t i = 0; i < sizeof adjusted / sizeof *adjusted; ++i) {
         if (pdf_name_eq(ctx, key, adjusted[i])) return 1;
     }
-    return 0;
+    return !keepStructure && pdf_name_eq(ctx, key, PDF_NAME(StructParent));
 }
 
 // Copies every entry of from into to, except the keys isAdjustedKey() names
 // (all of them when skipAdjusted) or only /Parent and /P (otherwise).
-void copyEntries(fz_context* ctx, const Graft* map, pdf_obj* from, pdf_obj* to, int skipAdjusted) {
+void copyEntries(fz_context* ctx, const Graft* map, pdf_obj* from, pdf_obj* to, int skipAdjusted, int keepStructure) {
     const int n = pdf_dict_len(ctx, from);
     for (int i = 0; i < n; ++i) {
         pdf_obj* key = pdf_dict_get_key(ctx, from, i);
-        if (skipAdjusted ? isAdjustedKey(ctx, key)
+        if (skipAdjusted ? isAdjustedKey(ctx, key, keepStructure)
                          : (pdf_name_eq(ctx, key, PDF_NAME(Parent)) || pdf_name_eq(ctx, key, PDF_NAME(P)))) {
             continue;
         }
@@ -119,21 +135,6 @@ void copyFieldAttributes(fz_context* ctx, const Graft* map, pdf_obj* widget, pdf
     }
 }
 
-// Whether an object made in the target since the xref had `from` entries is
-// a page or a page-tree node: then something grafted led into the source's
-// page tree.
-int madePageTreeNodes(fz_context* ctx, pdf_document* doc, int from) {
-    const int to = pdf_xref_len(ctx, doc);
-    for (int num = from; num < to; ++num) {
-        pdf_obj* obj = pdf_load_object(ctx, doc, num);
-        pdf_obj* type = pdf_dict_get(ctx, obj, PDF_NAME(Type));
-        const int node = pdf_name_eq(ctx, type, PDF_NAME(Page)) || pdf_name_eq(ctx, type, PDF_NAME(Pages));
-        pdf_drop_obj(ctx, obj);
-        if (node) return 1;
-    }
-    return 0;
-}
-
 // ---- one import call ----
 
 struct AnnotationInfo {
@@ -145,27 +146,37 @@ struct AnnotationInfo {
 
 class Import {
 public:
-    Import(fz_context* ctx, pdf_document* source, pdf_document* target) : ctx_(ctx), source_(source), target_(target) {
+    Import(fz_context* ctx, pdf_document* source, pdf_document* target, bool whole)
+        : ctx_(ctx), source_(source), target_(target), whole_(whole) {
         if (source != target) {
-            map_ = PdfGraftMapHandle(ctx, guarded(ctx, [&] { return pdf_new_graft_map(ctx, target); }));
-            nesting_ = std::make_unique<Nesting>(ctx, source, kMaxGraftDepth, true);
-            graft_ = Graft{map_.get(), nesting_->State()};
+            grafter_ = std::make_unique<Grafter>(ctx, source, target);
+            nesting_ = std::make_unique<Nesting>(ctx, source, kMaxGraftDepth, false);
+            graft_ = Graft{grafter_->State(), nesting_->State()};
         }
     }
 
-    // A new page object in the target, copied from the source page (not yet
-    // in the page tree, without annotations).
-    PdfObjHandle CopyPage(pdf_obj* sourcePage) {
-        PdfObjHandle page(ctx_, guarded(ctx_, [&] { return pdf_new_dict(ctx_, target_, 12); }));
-        guarded(ctx_, [&] { fillPage(ctx_, &graft_, sourcePage, page.get()); });
-        return PdfObjHandle(ctx_, guarded(ctx_, [&] { return pdf_add_object(ctx_, target_, page.get()); }));
+    // A new, still empty page object in the target for the source page,
+    // recorded as its copy (the first copy wins for pages listed twice).
+    // All are made before any is filled, so what one page refers to on
+    // another finds the copy.
+    PdfObjHandle ReservePage(pdf_obj* sourcePage) {
+        PdfObjHandle ref(ctx_, guarded(ctx_, [&] {
+            return pdf_new_indirect(ctx_, target_, pdf_create_object(ctx_, target_), 0);
+        }));
+        const int num = guarded(ctx_, [&] { return pdf_to_num(ctx_, sourcePage); });
+        if (pages_.emplace(num, ref.get()).second && grafter_) {
+            grafter_->Map(num, guarded(ctx_, [&] { return pdf_to_num(ctx_, ref.get()); }));
+        }
+        return ref;
     }
 
-    // Records that the source page object num now has a copy at ref (the
-    // first copy wins for pages listed twice).
-    void MapPage(pdf_obj* sourcePage, pdf_obj* ref) {
-        const int num = guarded(ctx_, [&] { return pdf_to_num(ctx_, sourcePage); });
-        pages_.emplace(num, ref);
+    // Fills the reserved page from the source page (without annotations).
+    void FillPage(pdf_obj* sourcePage, pdf_obj* ref) {
+        PdfObjHandle page(ctx_, guarded(ctx_, [&] { return pdf_new_dict(ctx_, target_, 12); }));
+        guarded(ctx_, [&] {
+            fillPage(ctx_, &graft_, sourcePage, page.get(), whole_);
+            pdf_update_object(ctx_, target_, pdf_to_num(ctx_, ref), page.get());
+        });
     }
 
     // Gives the new page copies of the source page's annotations. One that
@@ -192,6 +203,23 @@ public:
         });
     }
 
+    // Across documents: the document-level parts of the copied pages, then
+    // every object they reach. Widgets that did not become part of a copied
+    // field keep their field's attributes.
+    void Finish(const PartsCopy& parts) {
+        if (!grafter_) return;
+        std::vector<unsigned char> placed;
+        CopyDocumentParts(ctx_, *grafter_, parts, placed);
+        for (const Widget& widget : widgets_) {
+            const int num = guarded(ctx_, [&] { return pdf_to_num(ctx_, widget.source.get()); });
+            if (num > 0 && size_t(num) < placed.size() && placed[size_t(num)]) continue;
+            guarded(ctx_, [&] { copyFieldAttributes(ctx_, &graft_, widget.source.get(), widget.copy.get()); });
+            CopyFieldName(widget.source.get(), widget.copy.get());
+        }
+        grafter_->Drain();
+        if (whole_ && source_->version > target_->version) target_->version = source_->version;
+    }
+
 private:
     // The copies to add to the new page's /Annots (the annotation and its
     // popup), or none when the annotation is left out.
@@ -208,10 +236,13 @@ private:
         // A popup comes along with the annotation it belongs to.
         if (!info.isDict || info.isPopup) return {};
 
-        const int firstNew = guarded(ctx_, [&] { return pdf_xref_len(ctx_, target_); });
         PdfObjHandle copy(ctx_, guarded(ctx_, [&] { return pdf_new_dict(ctx_, target_, 8); }));
-        guarded(ctx_, [&] { copyEntries(ctx_, &graft_, annot, copy.get(), 1); });
-        if (info.isWidget) {
+        guarded(ctx_, [&] { copyEntries(ctx_, &graft_, annot, copy.get(), 1, whole_); });
+        // Within one document a widget copy stands alone with its field's
+        // attributes; across documents it joins its copied field or takes
+        // them then (Finish).
+        const bool standalone = info.isWidget && !grafter_;
+        if (standalone) {
             guarded(ctx_, [&] { copyFieldAttributes(ctx_, &graft_, annot, copy.get()); });
             CopyFieldName(annot, copy.get());
         }
@@ -238,12 +269,7 @@ private:
         });
         if (popup != nullptr) {
             popupCopy = PdfObjHandle(ctx_, guarded(ctx_, [&] { return pdf_new_dict(ctx_, target_, 6); }));
-            guarded(ctx_, [&] { copyEntries(ctx_, &graft_, popup, popupCopy.get(), 0); });
-        }
-
-        if (graft_.map != nullptr && guarded(ctx_, [&] { return madePageTreeNodes(ctx_, target_, firstNew); })) {
-            LOG(WARNING) << "an annotation refers to the source's pages; it is left out";
-            return {};
+            guarded(ctx_, [&] { copyEntries(ctx_, &graft_, popup, popupCopy.get(), 0, whole_); });
         }
 
         guarded(ctx_, [&] { pdf_dict_put(ctx_, copy.get(), PDF_NAME(P), newPage); });
@@ -258,8 +284,22 @@ private:
             result.emplace_back(ctx_, guarded(ctx_, [&] { return pdf_add_object(ctx_, target_, popupCopy.get()); }));
             pdf_obj* popupRef = result.back().get();
             guarded(ctx_, [&] { pdf_dict_put(ctx_, parent, PDF_NAME(Popup), popupRef); });
+            MapObject(popup, popupRef);
+        }
+        MapObject(annot, result.front().get());
+        if (info.isWidget && grafter_) {
+            widgets_.push_back({PdfObjHandle(ctx_, guarded(ctx_, [&] { return pdf_keep_obj(ctx_, annot); })),
+                                PdfObjHandle(ctx_, guarded(ctx_, [&] { return pdf_keep_obj(ctx_, result.front().get()); }))});
         }
         return result;
+    }
+
+    // What refers to the source's annotation (its field, the structure tree)
+    // finds the copy.
+    void MapObject(pdf_obj* source, pdf_obj* copy) {
+        if (!grafter_) return;
+        const int from = guarded(ctx_, [&] { return pdf_is_indirect(ctx_, source) ? pdf_to_num(ctx_, source) : 0; });
+        if (from > 0 && grafter_->Mapped(from) == 0) grafter_->Map(from, guarded(ctx_, [&] { return pdf_to_num(ctx_, copy); }));
     }
 
     // A widget without a field hierarchy keeps its field's full name.
@@ -301,6 +341,7 @@ private:
     // destination cannot lead anywhere in the target.
     PdfObjHandle MapDestination(pdf_obj* dest) {
         if (graft_.map == nullptr) return PdfObjHandle(ctx_, guarded(ctx_, [&] { return transfer(ctx_, &graft_, dest); }));
+        const bool named = guarded(ctx_, [&] { return pdf_is_name(ctx_, dest) || pdf_is_string(ctx_, dest); });
         pdf_obj* explicitDest = guarded(ctx_, [&] {
             pdf_obj* d = dest;
             if (pdf_is_name(ctx_, d) || pdf_is_string(ctx_, d)) d = LookupNamedDestination(ctx_, source_, d);
@@ -321,6 +362,8 @@ private:
         });
         const auto place = pages_.find(target.pageNum);
         if (target.pageNum == 0 || place == pages_.end()) return {};
+        // A whole copy carries the names along.
+        if (named && whole_) return PdfObjHandle(ctx_, guarded(ctx_, [&] { return pdf_keep_obj(ctx_, dest); }));
         pdf_obj* newPage = place->second;
         PdfObjHandle mapped(ctx_, guarded(ctx_, [&] { return pdf_new_array(ctx_, target_, target.length); }));
         guarded(ctx_, [&] {
@@ -333,12 +376,19 @@ private:
         return mapped;
     }
 
+    struct Widget {
+        PdfObjHandle source;
+        PdfObjHandle copy;
+    };
+
     fz_context* ctx_;
     pdf_document* source_;
     pdf_document* target_;
-    PdfGraftMapHandle map_;  // empty within one document
+    const bool whole_;
+    std::unique_ptr<Grafter> grafter_;  // empty within one document
     std::unique_ptr<Nesting> nesting_;  // empty within one document
     Graft graft_{nullptr, nullptr};
+    std::vector<Widget> widgets_;  // across documents: the widgets copied
     // Source page object number -> its copy in the target.
     std::unordered_map<int, pdf_obj*> pages_;
 };
@@ -386,16 +436,28 @@ public:
         const int at = insertIndex < 0 || insertIndex > targetCount ? targetCount : insertIndex;
         // The copies join the target's page tree at the end, in one step:
         // a failure before leaves the target's pages as they were.
-        Import import(ctx, src, dst);
+        // Every page in order into a document without pages: a copy of the
+        // whole document.
+        bool whole = src != dst && targetCount == 0 && int(pages.size()) == sourceCount;
+        for (size_t k = 0; whole && k < pages.size(); ++k) whole = pages[k] == k;
+        Import import(ctx, src, dst, whole);
         std::vector<PdfObjHandle> newPages;
         newPages.reserve(pages.size());
-        for (size_t k = 0; k < sourcePages.size(); ++k) {
-            newPages.push_back(import.CopyPage(sourcePages[k].get()));
-            import.MapPage(sourcePages[k].get(), newPages.back().get());
-        }
+        for (size_t k = 0; k < sourcePages.size(); ++k) newPages.push_back(import.ReservePage(sourcePages[k].get()));
+        for (size_t k = 0; k < sourcePages.size(); ++k) import.FillPage(sourcePages[k].get(), newPages[k].get());
         for (size_t k = 0; k < sourcePages.size(); ++k) {
             import.CopyAnnotations(sourcePages[k].get(), newPages[k].get(), int(pages[k]));
         }
+        PartsCopy parts;
+        parts.whole = whole;
+        parts.at = at;
+        parts.targetPages = targetCount;
+        parts.sourceName = from.GetDocumentPath().path().stem().string();
+        for (size_t k = 0; k < pages.size(); ++k) {
+            parts.pages.push_back(int(pages[k]));
+            parts.pageObjects.push_back(guarded(ctx, [&] { return pdf_to_num(ctx, sourcePages[k].get()); }));
+        }
+        import.Finish(parts);
         std::vector<pdf_obj*> inserted;
         inserted.reserve(newPages.size());
         for (const PdfObjHandle& page : newPages) inserted.push_back(page.get());
@@ -420,6 +482,42 @@ public:
 
 std::unique_ptr<IPageImporter> CreatePageImporter() {
     return std::make_unique<PageImporter>();
+}
+
+void MovePages(const std::shared_ptr<IDocument>& document, const std::vector<unsigned>& pages, unsigned destination) {
+    PdfDocument& engineDoc = engineDocument(document, "edited");
+    const RequestBudget budget;
+    fz_context* ctx = engineDoc.Core()->ctx;
+    pdf_document* doc = engineDoc.Core()->doc;
+    const int count = guarded(ctx, [&] { return pdf_count_pages(ctx, doc); });
+    std::vector<unsigned> moved;
+    for (unsigned page : pages) {
+        if (page >= unsigned(std::max(count, 0))) {
+            throw std::out_of_range("no page " + std::to_string(page) + " in a document of " + std::to_string(count) +
+                                    " pages");
+        }
+        if (std::find(moved.begin(), moved.end(), page) == moved.end()) moved.push_back(page);
+    }
+    if (moved.empty()) return;
+    const PageTree tree = ReadPageTree(ctx, doc);
+    std::vector<PdfObjHandle> objects;
+    for (unsigned page : moved) {
+        pdf_obj* obj = PageObject(ctx, doc, tree, int(page));
+        objects.emplace_back(ctx, guarded(ctx, [&] { return pdf_keep_obj(ctx, obj); }));
+    }
+    std::vector<unsigned> descending = moved;
+    std::sort(descending.rbegin(), descending.rend());
+    engineDoc.Core()->Changed();
+    for (unsigned page : descending) RemovePage(ctx, doc, int(page));
+    // Only the last listed page is compared: for an ascending list every
+    // moved page stood before the destination exactly when the last one did.
+    const int left = count - int(moved.size());
+    const unsigned insertion = destination > pages.back() ? destination - unsigned(moved.size()) : destination;
+    const int at = int(std::min(insertion, unsigned(left)));
+    std::vector<pdf_obj*> inserted;
+    for (const PdfObjHandle& obj : objects) inserted.push_back(obj.get());
+    InsertPages(ctx, doc, at, inserted);
+    engineDoc.RefreshPageCount();
 }
 
 }  // namespace Orvane::PDF::Pdfium

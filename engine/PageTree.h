@@ -29,6 +29,35 @@ struct PageTree {
     bool consistent = true;
 };
 
+// What opening mended so that the page tree holds what the file holds. All
+// zero for a sound tree, which is left untouched.
+struct TreeRepair {
+    bool xrefRebuilt = false;  // the cross-reference table was rebuilt from the objects
+    bool treeRebuilt = false;  // a new tree lists the page objects found in the file
+    int counts = 0;            // node /Count values set to the pages below them
+    int dropped = 0;           // /Kids entries dropped: no object, a node met again, too deep
+    int copies = 0;            // further listings of a page, each made a page object of its own
+    int contents = 0;          // pages whose /Contents named no stream (cut short), left blank
+    int pages = 0;             // pages after the repair
+    bool Any() const { return xrefRebuilt || treeRebuilt || counts || dropped || copies || contents; }
+};
+
+// Makes the freshly opened document's page tree hold the pages it really
+// has, so that MuPDF's page lookup (which trusts every /Count) finds each
+// of them. A tree whose root count is larger than the file's object count
+// or at odds with the root's children (see rootLooksSound), and every tree
+// of a file MuPDF had to repair, is walked once; nodes that loop
+// or repeat and entries that are no object are dropped, wrong counts set,
+// and a page listed more than once becomes one page object per listing
+// (copies sharing its content, so that an edit of one listing leaves the
+// others alone). In a file MuPDF repaired, a page whose /Contents names no
+// stream (one cut short) loses that entry, as nothing of it can be drawn. When the tree still leaves a page out for want of an
+// object, or holds none, the cross-reference table is rebuilt from the
+// file's objects; when it then holds none, the pages are the page objects
+// found in the file, in file order, under a new tree. Throws
+// Orvane::Exception only for engine failures (the budget, memory).
+TreeRepair MendPageTree(fz_context* ctx, pdf_document* doc);
+
 // Walks the document's page tree once. The objects stay valid while the
 // tree is not edited.
 PageTree ReadPageTree(fz_context* ctx, pdf_document* doc);

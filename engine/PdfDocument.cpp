@@ -52,6 +52,47 @@ void checkReadable(const Orvane::ioPath& path) {
     ::close(fd);
 }
 
+// The file opened as if it ended after its last "endobj"; NULL when it
+// holds none or ends there already. C only.
+pdf_document* openUpToLastObject(fz_context* ctx, const char* path) {
+    static const char kEnd[] = "endobj";
+    const size_t endLength = sizeof kEnd - 1;
+    fz_buffer* buffer = fz_read_file(ctx, path);
+    fz_stream* stream = NULL;
+    pdf_document* doc = NULL;
+    fz_var(stream);
+    fz_var(doc);
+    fz_try(ctx) {
+        unsigned char* data = NULL;
+        const size_t length = fz_buffer_storage(ctx, buffer, &data);
+        size_t end = 0;
+        for (size_t at = length >= endLength ? length - endLength + 1 : 0; at-- > 0;) {
+            if (memcmp(data + at, kEnd, endLength) == 0) {
+                end = at + endLength;
+                break;
+            }
+        }
+        // Past the last object: nothing is cut short.
+        int rest = end > 0;
+        for (size_t at = end; rest && at < length; ++at) {
+            if (data[at] > ' ') rest = 2;
+        }
+        if (rest == 2) {
+            fz_resize_buffer(ctx, buffer, end);
+            stream = fz_open_buffer(ctx, buffer);
+            doc = pdf_open_document_with_stream(ctx, stream);
+        }
+    }
+    fz_always(ctx) {
+        fz_drop_stream(ctx, stream);
+        fz_drop_buffer(ctx, buffer);
+    }
+    fz_catch(ctx) {
+        fz_rethrow(ctx);
+    }
+    return doc;
+}
+
 // ---- permissions ----
 
 // The /P bits (PDF numbering, bit 1 lowest) and the handler's revision, read
@@ -423,6 +464,19 @@ std::string pdfNumber(double value) {
     return text;
 }
 
+// What MendPageTree did, for the log.
+std::string describe(const TreeRepair& repair) {
+    std::string text;
+    auto add = [&](const std::string& part) { text += (text.empty() ? "" : ", ") + part; };
+    if (repair.xrefRebuilt) add("cross-reference table rebuilt from the objects");
+    if (repair.treeRebuilt) add("page tree rebuilt from the page objects found");
+    if (repair.counts) add(std::to_string(repair.counts) + " page count(s) corrected");
+    if (repair.dropped) add(std::to_string(repair.dropped) + " broken page-tree entries dropped");
+    if (repair.contents) add(std::to_string(repair.contents) + " page content(s) cut short left out");
+    if (repair.copies) add(std::to_string(repair.copies) + " repeated page listing(s) made pages of their own");
+    return text + "; " + std::to_string(repair.pages) + " page(s)";
+}
+
 // Where an insertion at index lands: before that page, or at the end.
 int insertionPoint(unsigned index, int count) {
     return index <= unsigned(count) ? int(index) : count;
@@ -446,8 +500,25 @@ PdfDocument::PdfDocument(const std::shared_ptr<IFontProvider>& fonts, const Orva
     checkReadable(path);
     const std::string file = path.utf8string();
     ScopedFontProvider fontScope(fonts.get());
-    Adopt(ctx, guarded(
-                   ctx, [&] { return pdf_open_document(ctx, file.c_str()); }, Failure::File));
+    try {
+        Adopt(ctx, guarded(
+                       ctx, [&] { return pdf_open_document(ctx, file.c_str()); }, Failure::File));
+    } catch (const std::runtime_error& e) {
+        // MuPDF's repair gives up on an object cut short at the end of the
+        // file (a truncated file): the objects before it are opened.
+        pdf_document* shortened = nullptr;
+        try {
+            shortened = guarded(
+                ctx, [&] { return openUpToLastObject(ctx, file.c_str()); }, Failure::File);
+        } catch (const Orvane::Exception&) {
+            if (RequestBudget::Expired()) throw;
+        } catch (const std::runtime_error&) {
+        }
+        // The file's own failure, not the second attempt's.
+        if (shortened == nullptr) throw;
+        Adopt(ctx, shortened);
+        LOG(INFO) << "repaired " << file << ": read up to its last whole object (" << e.what() << ")";
+    }
     pdf_document* doc = core_->doc;
 
     bool ownerAccess = false;
@@ -471,10 +542,24 @@ PdfDocument::PdfDocument(const std::shared_ptr<IFontProvider>& fonts, const Orva
         ownerAccess = (access & 4) != 0;
     }
 
+    try {
+        const TreeRepair repair = MendPageTree(ctx, doc);
+        if (repair.Any()) LOG(INFO) << "repaired " << file << ": " << describe(repair);
+    } catch (const Orvane::Exception& e) {
+        if (RequestBudget::Expired()) throw;
+        LOG(WARNING) << "cannot repair the page tree of " << file << ": " << e.what();
+    }
+
     const int count = guarded(
         ctx, [&] { return pdf_count_pages(ctx, doc); }, Failure::File);
     const int objects = guarded(
         ctx, [&] { return pdf_xref_len(ctx, doc); }, Failure::File);
+    // MuPDF reads past objects it cannot load (a refused allocation among
+    // them): what looks like an empty or broken file may be the budget's.
+    if (RequestBudget::Expired()) {
+        throw Orvane::Exception("time budget of " + std::to_string(TimeBudget().count()) +
+                                " ms exceeded while opening " + file);
+    }
     if (count < 0 || count > objects) {
         throw std::runtime_error("cannot open " + file + ": its page tree claims " + std::to_string(count) +
                                  " pages in a file of " + std::to_string(objects) + " objects");
@@ -485,6 +570,7 @@ PdfDocument::PdfDocument(const std::shared_ptr<IFontProvider>& fonts, const Orva
     path_ = path;
     pageCount_ = unsigned(count);
     permissions_ = permissions;
+    ownerAccess_ = doc->crypt == nullptr || ownerAccess;
 }
 
 PdfDocument::~PdfDocument() {
@@ -610,6 +696,52 @@ void PdfDocument::SaveAs(const Orvane::ioPath& path, int version) const {
     doc->version = ownVersion;
     out.reset();
     temp.commit();
+}
+
+bool PdfDocument::HasOwnerAccess() const {
+    std::lock_guard<std::mutex> lock(metaMutex_);
+    return ownerAccess_;
+}
+
+void PdfDocument::KeepEncryptionOf(const PdfDocument& source) {
+    fz_context* ctx = core_->ctx;
+    pdf_document* from = source.core_->doc;
+    pdf_document* doc = core_->doc;
+    if (source.core_->ctx != ctx) throw Orvane::Exception("the documents belong to different threads");
+    if (from->crypt == nullptr || from == doc) return;
+    guarded(ctx, [&] {
+        pdf_obj* trailer = pdf_trailer(ctx, doc);
+        pdf_obj* sourceTrailer = pdf_trailer(ctx, from);
+        // The dictionary and identifier as read: MuPDF neither decrypts nor
+        // encrypts the encryption dictionary's strings.
+        pdf_obj* encrypt =
+            pdf_graft_object(ctx, doc, pdf_resolve_indirect(ctx, pdf_dict_get(ctx, sourceTrailer, PDF_NAME(Encrypt))));
+        pdf_obj* ref = NULL;
+        fz_var(ref);
+        fz_try(ctx) {
+            ref = pdf_add_object(ctx, doc, encrypt);
+            pdf_dict_put(ctx, trailer, PDF_NAME(Encrypt), ref);
+            pdf_dict_put_drop(ctx, trailer, PDF_NAME(ID),
+                              pdf_graft_object(ctx, doc, pdf_dict_get(ctx, sourceTrailer, PDF_NAME(ID))));
+            pdf_crypt* crypt = pdf_new_crypt(ctx, encrypt, pdf_dict_get(ctx, trailer, PDF_NAME(ID)));
+            // The key the source was opened with (MuPDF keeps 32 bytes,
+            // enough for every method).
+            memcpy(pdf_crypt_key(ctx, crypt), pdf_crypt_key(ctx, from->crypt), 32);
+            pdf_drop_crypt(ctx, doc->crypt);
+            doc->crypt = crypt;
+        }
+        fz_always(ctx) {
+            pdf_drop_obj(ctx, ref);
+            pdf_drop_obj(ctx, encrypt);
+        }
+        fz_catch(ctx) {
+            fz_rethrow(ctx);
+        }
+    });
+    const Permissions permissions = source.ReadPermissions(source.HasOwnerAccess());
+    std::lock_guard<std::mutex> lock(metaMutex_);
+    permissions_ = permissions;
+    ownerAccess_ = source.HasOwnerAccess();
 }
 
 // ---- metadata ----

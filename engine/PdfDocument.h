@@ -30,9 +30,13 @@ public:
     // A new, empty document without pages and without a path. Needs the
     // calling thread's engine context (PdfiumInitializer::InitLibrary).
     explicit PdfDocument(const std::shared_ptr<IFontProvider>& fonts);
-    // Opens and parses the file (UTF-8 path). Throws std::runtime_error for a
-    // missing, unreadable or non-PDF file and for a page tree that claims more
-    // pages than the file has objects; std::logic_error("PASSWORD_ERROR") when
+    // Opens and parses the file (UTF-8 path). A damaged file is opened with
+    // the pages it holds (see MendPageTree): a page tree whose counts lie,
+    // loop or list a page more than once, a broken or looping chain of
+    // cross-reference sections, a tree that reaches no page. Throws
+    // std::runtime_error for a missing, unreadable or non-PDF file,
+    // Orvane::Exception naming the limit when the time budget or the memory
+    // limit ends the open; std::logic_error("PASSWORD_ERROR") when
     // the file needs a password and the given one is neither its user nor its
     // owner password. A file that opens without a password (empty user
     // password) also opens with a wrong one, with user access. The owner
@@ -99,6 +103,16 @@ public:
     // it is kept for the service and not called from here.
     void SetFormOnChangeHandler(std::function<void()> handler) override;
 
+    // Whether the document was opened with its owner password (an
+    // unencrypted document counts as opened by its owner).
+    bool HasOwnerAccess() const;
+    // Makes this document (a fresh copy of source, made by the page
+    // importer) encrypted as source is: the same encryption dictionary
+    // (method, permissions, both passwords), file identifier and key, so its
+    // saves are encrypted exactly like saves of source. Nothing changes when
+    // source is not encrypted. Document thread only.
+    void KeepEncryptionOf(const PdfDocument& source);
+
     // For the engine's own use (importer, renderer).
     const std::shared_ptr<DocumentCore>& Core() const { return core_; }
     // After the page list changed: renumbers MuPDF's open pages to their new
@@ -134,6 +148,7 @@ private:
     Orvane::ioPath path_;                      // guarded by metaMutex_
     unsigned pageCount_ = 0;                   // guarded by metaMutex_
     Permissions permissions_;                  // guarded by metaMutex_
+    bool ownerAccess_ = true;                  // guarded by metaMutex_
     std::function<void()> formChangeHandler_;  // guarded by metaMutex_
 };
 

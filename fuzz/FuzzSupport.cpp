@@ -12,6 +12,7 @@
 
 #include "engine/Engine.h"
 #include "engine/PdfDocument.h"
+#include "tests/support/DamagedPdf.h"
 #include "tests/support/PdfBuilder.h"
 
 namespace QuirelleFuzz {
@@ -324,7 +325,11 @@ Quirelle& SharedService() {
 }
 
 std::vector<std::string> EngineSeeds() {
-    return FixtureDocuments();
+    // The fixtures, and one file of every class of damage the engine
+    // repairs on open: the fuzzer starts inside the repair paths.
+    std::vector<std::string> seeds = FixtureDocuments();
+    for (const QuirelleTest::DamagedPdf& damaged : QuirelleTest::DamagedPdfs()) seeds.push_back(damaged.bytes);
+    return seeds;
 }
 
 std::vector<std::string> ImageSeeds() {
@@ -351,6 +356,10 @@ std::vector<std::string> ServiceSeeds() {
     for (char& c : second) c = char(c | 0x80);
     for (size_t i = 0; i < docs.size(); ++i) {
         seeds.push_back(ServiceProgram(docs[i], docs[(i + 1) % docs.size()], i % 2 ? every : second));
+    }
+    // Edits, imports and saves of repaired documents.
+    for (const QuirelleTest::DamagedPdf& damaged : QuirelleTest::DamagedPdfs()) {
+        seeds.push_back(ServiceProgram(damaged.bytes, docs[0], every));
     }
     return seeds;
 }

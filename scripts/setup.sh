@@ -6,7 +6,7 @@ set -euo pipefail
 packages=(
   build-essential cmake pkg-config git ca-certificates
   libmupdf-dev libmujs-dev libgumbo-dev libopenjp2-7-dev libjbig2dec0-dev
-  libjpeg-dev zlib1g-dev libfreetype-dev libharfbuzz-dev
+  libjpeg-dev libpng-dev zlib1g-dev libfreetype-dev libharfbuzz-dev
   libfontconfig-dev fonts-dejavu-core fonts-dejavu-extra libicu-dev
   qtbase5-dev qt5-image-formats-plugins
   libgoogle-glog-dev libgflags-dev libboost-dev
@@ -14,7 +14,7 @@ packages=(
   clang-14 libfuzzer-14-dev libclang-rt-14-dev
   libcli11-dev nlohmann-json3-dev doxygen
   xvfb xauth
-  qpdf qtpdf5-dev libpoppler-qt5-dev
+  qpdf qtpdf5-dev libpoppler-qt5-dev mupdf-tools
 )
 
 missing=()

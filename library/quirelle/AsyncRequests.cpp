@@ -11,53 +11,49 @@ namespace Orvane::PDF {
 
 void Quirelle::Impl::AddPageInfoRequest(const PageInfoRequest& request) {
     {
-        std::lock_guard<std::mutex> lock(queueMutex);
+        MutexLock lock(queueMutex);
         RemovePendingPageInfo(request);
-        pageInfoRequests.push_back(request);
+        pageInfoRequests.Add(queueMutex, request);
     }
     Wake();
 }
 
 void Quirelle::Impl::AddPageImageRequest(const PageImageTask& request) {
     {
-        std::lock_guard<std::mutex> lock(queueMutex);
+        MutexLock lock(queueMutex);
         RemovePendingPageImage(request);
         // Dropped when the page index is already pending in this set, for
         // another document or another non-default view.
-        PendingSetFor(request.viewType).insert(request);
+        PendingSetFor(request.viewType).Add(queueMutex, request);
     }
     Wake();
 }
 
 void Quirelle::Impl::CancelRequests(const int64_t& id, unsigned page, ViewType viewType) {
-    std::lock_guard<std::mutex> lock(queueMutex);
+    MutexLock lock(queueMutex);
     RemovePendingPageImage({id, page, viewType, 0, 0});
     RemovePendingPageInfo({id, page, viewType});
 }
 
 void Quirelle::Impl::RemovePendingPageInfo(const PageInfoRequest& key) {
-    pageInfoRequests.remove_if([&key](const PageInfoRequest& request) {
+    pageInfoRequests.Items(queueMutex).remove_if([&key](const PageInfoRequest& request) {
         return request.id == key.id && request.page == key.page && request.viewType == key.viewType;
     });
 }
 
 void Quirelle::Impl::RemovePendingPageImage(const PageImageTask& key) {
-    PendingImages& pending = PendingSetFor(key.viewType);
+    PendingImages& pending = PendingSetFor(key.viewType).Items(queueMutex);
     auto found = pending.find(key);
     if (found != pending.end() && found->id == key.id && found->viewType == key.viewType) pending.erase(found);
 }
 
 void Quirelle::Impl::ServePageInfoRequest() {
-    PageInfoRequest request;
-    {
-        std::lock_guard<std::mutex> lock(queueMutex);
-        if (pageInfoRequests.empty()) return;
-        request = pageInfoRequests.front();
-        pageInfoRequests.pop_front();
-    }
+    const std::optional<PageInfoRequest> taken = TakeFirst(pageInfoRequests);
+    if (!taken) return;
+    const PageInfoRequest& request = *taken;
     try {
         if (!FindDocument(request.id)) throw std::invalid_argument("Invalid doc handle");
-        const PageInfo info = PageInfoOf(request.id, request.page);
+        const PageInfo info = PageInfoOf({request.id, request.page});
         observers.Notify(&IPageInfoObserver::OnPageInfo, request.id, request.page, info.size, info.rotation, info.rect);
     } catch (...) {
         // The failure marker: size 1 x 1, rotation 0, an all-zero rect. An
@@ -73,14 +69,10 @@ void Quirelle::Impl::ServePageInfoRequest() {
     }
 }
 
-void Quirelle::Impl::ServePendingImage(PendingImages& pending) {
-    PageImageTask request;
-    {
-        std::lock_guard<std::mutex> lock(queueMutex);
-        if (pending.empty()) return;
-        request = *pending.begin();
-        pending.erase(pending.begin());
-    }
+void Quirelle::Impl::ServePendingImage(PendingImageQueue& pending) {
+    const std::optional<PageImageTask> taken = TakeFirst(pending);
+    if (!taken) return;
+    const PageImageTask& request = *taken;
     const QImage image = RenderPageImage(FindDocument(request.id), request);
     try {
         observers.Notify(&IPageInfoObserver::OnPageImage, request.id, request.page, request.viewType, image);

@@ -21,23 +21,14 @@ void Quirelle::Impl::DeletePages(const DeletePagesTask& task) {
     for (unsigned page : task.pages) document->DeletePage(page);
 }
 
-// The listed pages (ascending) are copied aside, deleted, and copied back in
-// before the page that stood at destination.
+// The listed pages move, as they are, before the page that stood at
+// destination: whatever refers to them follows.
 void Quirelle::Impl::MovePages(const MovePagesTask& task) {
     std::shared_ptr<IDocument> document = FindDocument(task.id);
     if (!document || task.pages.empty()) return;
     document->RemoveHiddenObjects();
     document->FixupDocument();
-    std::shared_ptr<IDocument> moved = std::make_shared<Pdfium::PdfDocument>(fontProvider);
-    std::unique_ptr<IPageImporter> importer = Pdfium::CreatePageImporter();
-    importer->ImportPages(document, task.pages, moved, 0);
-    for (auto page = task.pages.rbegin(); page != task.pages.rend(); ++page) document->DeletePage(*page);
-    // Only the last entry is compared: for an ascending list every moved page
-    // stood before the destination exactly when the last one did.
-    const unsigned insertion = task.destination > task.pages.back()
-                                   ? task.destination - static_cast<unsigned>(task.pages.size())
-                                   : task.destination;
-    importer->ImportAllPages(moved, document, static_cast<int>(insertion));
+    Pdfium::MovePages(document, task.pages, task.destination);
 }
 
 void Quirelle::Impl::RotatePage(const RotationPageTask& task) {

@@ -18,34 +18,29 @@ bool EitherUndefined(const Quirelle::Impl::ImportPageTask& task) {
     return false;
 }
 
+}  // namespace
+
 // Looks both ids up with insert-on-miss: an id that names no open document
 // gains an empty entry, and the importer gets that empty handle (and throws).
-struct ImportHandles {
-    std::shared_ptr<IDocument>* target;
-    std::shared_ptr<IDocument>* source;
-};
-
-ImportHandles LookUpForImport(Quirelle::Impl& impl, const Quirelle::Impl::ImportPageTask& task) {
-    std::lock_guard<std::mutex> lock(impl.queueMutex);
-    std::shared_ptr<IDocument>* target = &impl.documents[task.targetId];
-    std::shared_ptr<IDocument>* source = &impl.documents[task.sourceId];
+Quirelle::Impl::ImportHandles Quirelle::Impl::LookUpForImport(const ImportPageTask& task) {
+    MutexLock lock(queueMutex);
+    std::shared_ptr<IDocument>* target = &documents[task.targetId];
+    std::shared_ptr<IDocument>* source = &documents[task.sourceId];
     // Map nodes stay put until the worker itself erases them.
     return {target, source};
 }
 
-}  // namespace
-
 void Quirelle::Impl::ImportPages(const ImportPageTask& task) {
     if (EitherUndefined(task)) return;
     std::unique_ptr<IPageImporter> importer = Pdfium::CreatePageImporter();
-    const ImportHandles handles = LookUpForImport(*this, task);
+    const ImportHandles handles = LookUpForImport(task);
     importer->ImportPages(*handles.source, task.pages, *handles.target, task.position);
 }
 
 void Quirelle::Impl::ImportAllPages(const ImportPageTask& task) {
     if (EitherUndefined(task)) return;
     std::unique_ptr<IPageImporter> importer = Pdfium::CreatePageImporter();
-    const ImportHandles handles = LookUpForImport(*this, task);
+    const ImportHandles handles = LookUpForImport(task);
     importer->ImportAllPages(*handles.source, *handles.target, task.position);
 }
 

@@ -36,23 +36,26 @@ private:
     QImage picture_;
     std::shared_ptr<IBitmap> bitmap_;
     std::unique_ptr<IPageRenderer> renderer_;
-    double scale_ = 1.0;
     bool flag_;
 };
 
 }  // namespace
 
-IPDFProvider::PageInfo Quirelle::Impl::PageInfoOf(int64_t id, unsigned page) const {
+IPDFProvider::PageInfo Quirelle::Impl::PageInfoOf(const PageTask& task) const {
     PageInfo info;
     const Pdfium::SoleUse sole;
     const Pdfium::RequestBudget budget;
-    std::shared_ptr<IDocument> document = FindDocument(id);
+    std::shared_ptr<IDocument> document = FindDocument(task.id);
     if (!document) return info;  // zero size and rect, rotation 0
-    std::shared_ptr<IPage> engine = document->GetPage(page);
+    std::shared_ptr<IPage> engine = document->GetPage(task.page);
     info.size = engine->GetSize();
     info.rotation = engine->GetRotation();
     info.rect = engine->GetPageRect();
     return info;
+}
+
+QImage Quirelle::Impl::GeneratePageImage(const PageImageTask& task) const {
+    return RenderPageImage(FindDocument(task.id), task);
 }
 
 QImage Quirelle::Impl::RenderPageImage(const std::shared_ptr<IDocument>& document, const PageImageTask& request) const {

@@ -1,5 +1,6 @@
-// The exported facade: every operation forwards to Quirelle::Impl. Queued
-// operations wrap their work in a lambda that runs on the worker.
+// The exported facade: every operation forwards to Quirelle::Impl. A queued
+// operation names its queue, its record and the member that does the work on
+// the worker.
 
 #include "Quirelle"
 
@@ -27,8 +28,7 @@ std::future<IPDFProvider::OpenDocInfo> Quirelle::CreateDocument() {
 }
 
 std::future<IPDFProvider::OpenDocInfo> Quirelle::OpenDocument(const Orvane::ioPath& path, const std::string& password) {
-    return impl->Enqueue(impl->openQueue, Impl::OpenDocumentTask{-1, path, password},
-                         [i = impl.get()](const Impl::OpenDocumentTask& task) { return i->OpenDocument(task); });
+    return impl->Enqueue(impl->openQueue, {-1, path, password}, &Impl::OpenDocument);
 }
 
 void Quirelle::SetCallbackOnFormChange(const int64& id, const std::function<void()>& callback) {
@@ -44,8 +44,7 @@ void Quirelle::GetPageInfoAsync(const int64& id, unsigned page, IPageInfoObserve
 }
 
 std::future<IPDFProvider::PageInfo> Quirelle::GetPageInfo(const int64& id, unsigned page) {
-    return impl->Enqueue(impl->pageInfoQueue, Impl::PageTask{id, page},
-                         [i = impl.get()](const Impl::PageTask& task) { return i->PageInfoOf(task.id, task.page); });
+    return impl->Enqueue(impl->pageInfoQueue, {id, page}, &Impl::PageInfoOf);
 }
 
 void Quirelle::GeneratePageImageAsync(const int64& id, unsigned page, int width, int height,
@@ -59,10 +58,7 @@ void Quirelle::CancelAsyncTasks(const int64& id, unsigned page, IPageInfoObserve
 
 std::future<QImage> Quirelle::GeneratePageImage(const int64& id, unsigned page, int width, int height,
                                                 IPageInfoObserver::ViewType viewType) {
-    return impl->Enqueue(impl->pageImageQueue, Impl::PageImageTask{id, page, viewType, width, height},
-                         [i = impl.get()](const Impl::PageImageTask& task) {
-                             return i->RenderPageImage(i->FindDocument(task.id), task);
-                         });
+    return impl->Enqueue(impl->pageImageQueue, {id, page, viewType, width, height}, &Impl::GeneratePageImage);
 }
 
 std::future<QImage> Quirelle::GeneratePageImage(const int64& id, unsigned page, int width, int height) {
@@ -72,18 +68,15 @@ std::future<QImage> Quirelle::GeneratePageImage(const int64& id, unsigned page, 
 }
 
 std::future<Rect> Quirelle::GetPageObjectBounds(const int64& id, unsigned page, int x, int y, int kind) {
-    return impl->Enqueue(impl->objectBoundsQueue, Impl::PagePositionTask{id, page, x, y, kind},
-                         [i = impl.get()](const Impl::PagePositionTask& task) { return i->GetPageObjectBounds(task); });
+    return impl->Enqueue(impl->objectBoundsQueue, {id, page, x, y, kind}, &Impl::GetPageObjectBounds);
 }
 
 std::future<std::shared_ptr<ITextObject>> Quirelle::GetPageTextObject(const int64& id, unsigned page) {
-    return impl->Enqueue(impl->textObjectQueue, Impl::PageTask{id, page},
-                         [i = impl.get()](const Impl::PageTask& task) { return i->GetPageTextObject(task); });
+    return impl->Enqueue(impl->textObjectQueue, {id, page}, &Impl::GetPageTextObject);
 }
 
 std::future<void> Quirelle::RotatePage(const int64& id, unsigned page, PageRotation rotation) {
-    return impl->Enqueue(impl->rotationQueue, Impl::RotationPageTask{id, page, rotation},
-                         [i = impl.get()](const Impl::RotationPageTask& task) { i->RotatePage(task); });
+    return impl->Enqueue(impl->rotationQueue, {id, page, rotation}, &Impl::RotatePage);
 }
 
 void Quirelle::ExecuteWithDocument(const int64& id, std::packaged_task<void(std::shared_ptr<IDocument>&)>&& task) {
@@ -93,19 +86,16 @@ void Quirelle::ExecuteWithDocument(const int64& id, std::packaged_task<void(std:
 }
 
 std::future<void> Quirelle::MovePages(const int64& id, const std::vector<unsigned>& pages, unsigned destination) {
-    return impl->Enqueue(impl->moveQueue, Impl::MovePagesTask{id, destination, pages},
-                         [i = impl.get()](const Impl::MovePagesTask& task) { i->MovePages(task); });
+    return impl->Enqueue(impl->moveQueue, {id, destination, pages}, &Impl::MovePages);
 }
 
 std::future<void> Quirelle::ImportPages(const int64& sourceId, const int64& targetId,
                                         const std::vector<unsigned>& pages, int position) {
-    return impl->Enqueue(impl->importQueue, Impl::ImportPageTask{sourceId, targetId, position, pages},
-                         [i = impl.get()](const Impl::ImportPageTask& task) { i->ImportPages(task); });
+    return impl->Enqueue(impl->importQueue, {sourceId, targetId, position, pages}, &Impl::ImportPages);
 }
 
 std::future<void> Quirelle::ImportAllPages(const int64& sourceId, const int64& targetId, int position) {
-    return impl->Enqueue(impl->importQueue, Impl::ImportPageTask{sourceId, targetId, position, {}},
-                         [i = impl.get()](const Impl::ImportPageTask& task) { i->ImportAllPages(task); });
+    return impl->Enqueue(impl->importQueue, {sourceId, targetId, position, {}}, &Impl::ImportAllPages);
 }
 
 std::future<bool> Quirelle::SaveDocument(const int64& id) {
@@ -113,67 +103,66 @@ std::future<bool> Quirelle::SaveDocument(const int64& id) {
 }
 
 std::future<bool> Quirelle::SaveDocumentAs(const int64& id, const Orvane::ioPath& path) {
-    return impl->Enqueue(impl->saveQueue, Impl::SaveDocumentTask{id, path},
-                         [i = impl.get()](const Impl::SaveDocumentTask& task) { return i->SaveDocument(task); });
+    return impl->Enqueue(impl->saveQueue, {id, path}, &Impl::SaveDocument);
+}
+
+std::future<bool> Quirelle::SaveDocumentAsDecrypted(const int64& id, const Orvane::ioPath& path) {
+    return impl->Enqueue(impl->saveQueue, {id, path, true}, &Impl::SaveDocument);
 }
 
 std::future<bool> Quirelle::ExportPagesTo(const int64& id, const std::vector<unsigned>& pages,
                                           const Orvane::ioPath& path) {
-    return impl->Enqueue(impl->exportQueue, Impl::ExportTask{id, pages, path},
-                         [i = impl.get()](const Impl::ExportTask& task) { return i->ExportPages(task); });
+    return impl->Enqueue(impl->exportQueue, {id, pages, path}, &Impl::ExportPages);
 }
 
 std::future<bool> Quirelle::IsInsideLinkArea(const int64& id, unsigned page, int x, int y) {
-    return impl->Enqueue(impl->linkAreaQueue, Impl::PagePositionTask{id, page, x, y, 0},
-                         [i = impl.get()](const Impl::PagePositionTask& task) { return i->IsInsideLinkArea(task); });
+    return impl->Enqueue(impl->linkAreaQueue, {id, page, x, y, 0}, &Impl::IsInsideLinkArea);
 }
 
 std::future<void> Quirelle::DeletePages(const int64& id, const std::vector<unsigned>& pages) {
-    return impl->Enqueue(impl->deleteQueue, Impl::DeletePagesTask{id, pages},
-                         [i = impl.get()](const Impl::DeletePagesTask& task) { i->DeletePages(task); });
+    return impl->Enqueue(impl->deleteQueue, {id, pages}, &Impl::DeletePages);
 }
 
 std::future<void> Quirelle::AddBlankPage(const int64& id, unsigned index, int width, int height) {
-    return impl->Enqueue(impl->blankPageQueue, int64_t{id}, [i = impl.get(), index, width, height](const int64_t& doc) {
-        i->AddBlankPage(doc, index, width, height);
+    return impl->Enqueue(impl->blankPageQueue, id, [index, width, height](Impl& i, const int64_t& document) {
+        i.AddBlankPage(document, index, width, height);
     });
 }
 
 Orvane::ioPath Quirelle::GetDocumentPath(const int64& id) {
-    return impl->WithOpenDocument(id, [](IDocument& document) { return document.GetDocumentPath(); });
+    return impl->WithOpenDocument(id, &IDocument::GetDocumentPath);
 }
 
 bool Quirelle::IsProtected(const int64& id) {
-    return impl->WithOpenDocument(id, [](IDocument& document) { return document.IsProtected(); });
+    return impl->WithOpenDocument(id, &IDocument::IsProtected);
 }
 
 bool Quirelle::IsEditContentProtected(const int64& id) {
-    return impl->WithOpenDocument(id, [](IDocument& document) { return document.IsEditContentProtected(); });
+    return impl->WithOpenDocument(id, &IDocument::IsEditContentProtected);
 }
 
 bool Quirelle::IsEditPagesProtected(const int64& id) {
-    return impl->WithOpenDocument(id, [](IDocument& document) { return document.IsEditPagesProtected(); });
+    return impl->WithOpenDocument(id, &IDocument::IsEditPagesProtected);
 }
 
 bool Quirelle::IsExtractingPagesProtected(const int64& id) {
-    return impl->WithOpenDocument(id, [](IDocument& document) { return document.IsExtractingPagesProtected(); });
+    return impl->WithOpenDocument(id, &IDocument::IsExtractingPagesProtected);
 }
 
 bool Quirelle::IsCopyTextAndGraphicsProtected(const int64& id) {
-    return impl->WithOpenDocument(id, [](IDocument& document) { return document.IsCopyTextAndGraphicsProtected(); });
+    return impl->WithOpenDocument(id, &IDocument::IsCopyTextAndGraphicsProtected);
 }
 
 bool Quirelle::IsPrintProtected(const int64& id) {
-    return impl->WithOpenDocument(id, [](IDocument& document) { return document.IsPrintProtected(); });
+    return impl->WithOpenDocument(id, &IDocument::IsPrintProtected);
 }
 
 bool Quirelle::IsPrintLowResolution(const int64& id) {
-    return impl->WithOpenDocument(id, [](IDocument& document) { return document.IsPrintLowResolution(); });
+    return impl->WithOpenDocument(id, &IDocument::IsPrintLowResolution);
 }
 
 std::future<IPDFProvider::DestinationLinkInfo> Quirelle::HandleLink(const int64& id, unsigned page, int x, int y) {
-    return impl->Enqueue(impl->linkQueue, Impl::PagePositionTask{id, page, x, y, 0},
-                         [i = impl.get()](const Impl::PagePositionTask& task) { return i->HandleLink(task); });
+    return impl->Enqueue(impl->linkQueue, {id, page, x, y, 0}, &Impl::HandleLink);
 }
 
 int64 Quirelle::SearchInDocument(const int64& id, unsigned startPage, const std::wstring& text,

@@ -6,9 +6,7 @@
 //
 // Invariants:
 // - queueMutex guards every queue and set below, the registry and the two id
-//   counters. It is held only to insert, to take the front element, to look a
-//   document up or to edit the stop set; never while a task runs, the engine
-//   is called or observers are notified.
+//   counters; clang checks it (-Wthread-safety).
 // - Only the worker writes the registry (under queueMutex); the worker reads
 //   it without the lock, which is safe because no other thread writes it.
 // - Every engine document is made, used and destroyed on the worker thread,
@@ -23,13 +21,15 @@
 #include <list>
 #include <map>
 #include <memory>
-#include <mutex>
+#include <optional>
 #include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "Quirelle"
+#include "ThreadSafety.h"
+#include "WorkQueue.h"
 #include "core/EventHandlerList.h"
 #include "engine/Context.h"
 #include "engine/PicturePool.h"
@@ -84,6 +84,7 @@ public:
     struct SaveDocumentTask {
         int64_t id;
         Orvane::ioPath path;  // empty: save to the document's own path
+        bool decrypt = false;  // save as: write the copy without encryption
     };
     struct ExportTask {
         int64_t id;
@@ -100,15 +101,9 @@ public:
         std::vector<unsigned> pages;
     };
 
-    // A queued request: its record and the packaged work that answers its future.
+    // A queue of requests answered through futures.
     template <class Record, class Result>
-    struct Queued {
-        Record record;
-        std::packaged_task<Result(const Record&)> work;
-        void Run() { work(record); }
-    };
-    template <class Record, class Result>
-    using Queue = std::list<Queued<Record, Result>>;
+    using Requests = WorkQueue<Queued<Record, Result>>;
 
     // ExecuteWithDocument: the caller's own task, run with the document.
     struct CallerWork {
@@ -128,6 +123,7 @@ public:
         bool operator()(const PageImageTask& a, const PageImageTask& b) const { return a.page < b.page; }
     };
     using PendingImages = std::set<PageImageTask, ByPageIndex>;
+    using PendingImageQueue = WorkQueue<PageImageTask, PendingImages>;
 
     // A tile: GenerateTile's record, and a pending asynchronous tile.
     struct TileTask {
@@ -142,13 +138,17 @@ public:
                    region.bottom == other.region.bottom && scale == other.scale && viewType == other.viewType;
         }
     };
-
-    // A reading query (outline, labels, information, selection): its
-    // document and the packaged work that answers its future. Dropped
-    // unrun, the work breaks its promise.
-    struct ReadingWork {
+    struct LabelTask {
         int64_t id;
-        std::function<void()> run;
+        std::string label;
+    };
+    struct SelectionTask {
+        enum Kind { Between, Word, Line, All };
+        int64_t id;
+        unsigned page;
+        Kind kind;
+        Position from;  // the point of Word and Line
+        Position to;    // Between only
     };
 
     struct SearchRequest {
@@ -166,48 +166,52 @@ public:
     Impl(const Impl&) = delete;
     Impl& operator=(const Impl&) = delete;
 
+private:
+    // The facade reaches the queues, the enqueue path and the task bodies.
+    friend class Quirelle;
+
     // ---- enqueue path (any thread) ----
 
+    // Queues record for body, a member function (or a callable taking Impl&)
+    // run on the worker with the record; its result answers the future.
     template <class Record, class Result, class Body>
-    std::future<Result> Enqueue(Queue<Record, Result>& queue, Record record, Body&& body);
-    void EnqueueCallerWork(const int64_t& id, std::packaged_task<void(std::shared_ptr<IDocument>&)>&& work);
+    std::future<Result> Enqueue(Requests<Record, Result>& queue, typename Requests<Record, Result>::Record record,
+                                Body body) EXCLUDES(queueMutex);
+    void EnqueueCallerWork(const int64_t& id, std::packaged_task<void(std::shared_ptr<IDocument>&)>&& work)
+        EXCLUDES(queueMutex);
 
     // ---- immediate operations (caller's thread, under queueMutex) ----
 
-    // Runs query with the open document, under the lock. Throws
+    // Runs query (a callable or a member of IDocument) with the open document, under the lock. Throws
     // std::invalid_argument("Invalid doc handle") for an id that is not open.
     template <class Query>
-    auto WithOpenDocument(const int64_t& id, Query&& query);
+    auto WithOpenDocument(const int64_t& id, Query&& query) EXCLUDES(queueMutex);
 
     // ---- asynchronous requests (caller's thread) ----
 
-    void AddPageInfoRequest(const PageInfoRequest& request);
-    void AddPageImageRequest(const PageImageTask& request);
-    void CancelRequests(const int64_t& id, unsigned page, ViewType viewType);
-    void RemovePendingPageInfo(const PageInfoRequest& key);  // queueMutex held
-    void RemovePendingPageImage(const PageImageTask& key);   // queueMutex held
-    PendingImages& PendingSetFor(ViewType viewType) { return viewType == 0 ? pendingImages[0] : pendingImages[1]; }
+    void AddPageInfoRequest(const PageInfoRequest& request) EXCLUDES(queueMutex);
+    void AddPageImageRequest(const PageImageTask& request) EXCLUDES(queueMutex);
+    void CancelRequests(const int64_t& id, unsigned page, ViewType viewType) EXCLUDES(queueMutex);
+    void RemovePendingPageInfo(const PageInfoRequest& key) REQUIRES(queueMutex);
+    void RemovePendingPageImage(const PageImageTask& key) REQUIRES(queueMutex);
+    PendingImageQueue& PendingSetFor(ViewType viewType) {
+        return viewType == 0 ? pendingDefaultView : pendingOtherViews;
+    }
 
-    // ---- reading (Reading.cpp) ----
+    // ---- tiles (Reading.cpp, caller's thread) ----
 
-    // Queues body(document) for the worker; the document is the open one
-    // (std::invalid_argument "Invalid doc handle" through the future if not).
-    template <class Result, class Body>
-    std::future<Result> EnqueueReading(const int64_t& id, Body&& body);
-    void AddTileRequest(const TileTask& request);
-    void CancelTileRequests(const std::function<bool(const TileTask&)>& matches);
-    QImage RenderTile(const TileTask& task) const;  // throws
-    void ServeReadingWork();
-    void ServePendingTile();
+    void AddTileRequest(const TileTask& request) EXCLUDES(queueMutex);
+    void CancelTileRequests(const std::function<bool(const TileTask&)>& matches) EXCLUDES(queueMutex);
 
     // ---- searches (caller's thread) ----
 
-    int64_t AddSearch(const int64_t& id, unsigned startPage, const std::wstring& text, const SearchCallback& callback);
-    void StopSearch(const int64_t& searchId);
-    // queueMutex held; the stopped search moves to stopped, to be destroyed
-    // unlocked (its callback's captured state may call the service).
-    void StopSearchLocked(const int64_t& searchId, std::list<SearchRequest>& stopped);
-    std::future<void> EnqueueClose(const int64_t& id);
+    int64_t AddSearch(const int64_t& id, unsigned startPage, const std::wstring& text, const SearchCallback& callback)
+        EXCLUDES(queueMutex);
+    void StopSearch(const int64_t& searchId) EXCLUDES(queueMutex);
+    // The stopped search moves to stopped, to be destroyed unlocked (its
+    // callback's captured state may call the service).
+    void StopSearchLocked(const int64_t& searchId, std::list<SearchRequest>& stopped) REQUIRES(queueMutex);
+    std::future<void> EnqueueClose(const int64_t& id) EXCLUDES(queueMutex);
 
     // ---- the worker ----
 
@@ -218,39 +222,62 @@ public:
         wakeups.fetch_add(1, std::memory_order_release);
         queueCondition.notify_all();
     }
-    bool WaitForWork();
-    bool HasWork() const;  // queueMutex held
+    bool WaitForWork() EXCLUDES(queueMutex);
+    bool HasWork() const REQUIRES(queueMutex) { return queues.AnyWork(queueMutex); }
     void ServePass();
+    // The first element of queue, taken under the lock, if there is one.
+    template <class Queue>
+    auto TakeFirst(Queue& queue) EXCLUDES(queueMutex) {
+        MutexLock lock(queueMutex);
+        return queue.TakeFirst(queueMutex);
+    }
     template <class Record, class Result>
-    void ServeOne(Queue<Record, Result>& queue);
-    void ServeCallerWork();
-    void ServePageInfoRequest();
-    void ServePendingImage(PendingImages& pending);
-    void ServeSearchStep();
-    void PurgeStoppedSearches();
-    void ShutDown();
+    void ServeOne(Requests<Record, Result>& queue) EXCLUDES(queueMutex);
+    void ServeCallerWork() EXCLUDES(queueMutex);
+    void ServePageInfoRequest() EXCLUDES(queueMutex);
+    void ServePendingImage(PendingImageQueue& pending) EXCLUDES(queueMutex);
+    void ServePendingTile() EXCLUDES(queueMutex);
+    void ServeSearchStep() EXCLUDES(queueMutex);
+    void PurgeStoppedSearches() EXCLUDES(queueMutex);
+    void DropQueuedWork() EXCLUDES(queueMutex);
+    void ShutDown() EXCLUDES(queueMutex);
 
-    // ---- registry (worker) ----
+    // ---- registry ----
 
-    // The open document, or an empty pointer.
-    std::shared_ptr<IDocument> FindDocument(int64_t id) const;
-    int64_t RegisterDocument(std::shared_ptr<IDocument> document);
+    // The open document, or an empty pointer. Worker only, without the lock:
+    // the worker is the registry's only writer.
+    std::shared_ptr<IDocument> FindDocument(int64_t id) const NO_THREAD_SAFETY_ANALYSIS;
+    int64_t RegisterDocument(std::shared_ptr<IDocument> document) EXCLUDES(queueMutex);
+    // Both documents of an import, looked up with insert-on-miss (see ImportExport.cpp).
+    struct ImportHandles {
+        std::shared_ptr<IDocument>* target;
+        std::shared_ptr<IDocument>* source;
+    };
+    ImportHandles LookUpForImport(const ImportPageTask& task) EXCLUDES(queueMutex);
 
     // ---- task bodies (worker) ----
 
     OpenDocInfo OpenDocument(const OpenDocumentTask& task);
     std::shared_ptr<IDocument> CreateImageDocument(const Orvane::ioPath& path);
     bool SaveDocument(const SaveDocumentTask& task);
-    void CloseDocument(const int64_t& id);
-    void PurgeQueuedWork(const int64_t& id, std::vector<std::shared_ptr<void>>& discarded);  // queueMutex held
+    void CloseDocument(const int64_t& id) EXCLUDES(queueMutex);
 
-    PageInfo PageInfoOf(int64_t id, unsigned page) const;
+    PageInfo PageInfoOf(const PageTask& task) const;
+    QImage GeneratePageImage(const PageImageTask& task) const;
     QImage RenderPageImage(const std::shared_ptr<IDocument>& document, const PageImageTask& request) const;
     DestinationLinkInfo HandleLink(const PagePositionTask& task) const;
     bool IsInsideLinkArea(const PagePositionTask& task) const;
     Rect GetPageObjectBounds(const PagePositionTask& task) const;
     std::shared_ptr<ITextObject> GetPageTextObject(const PageTask& task) const;
     void SearchStep(SearchRequest& request);
+
+    // Reading (Reading.cpp).
+    std::vector<OutlineEntry> Outline(const int64_t& id) const;
+    std::vector<std::string> PageLabels(const int64_t& id) const;
+    int PageByLabel(const LabelTask& task) const;
+    DocumentInformation Information(const int64_t& id) const;
+    TextSelection Select(const SelectionTask& task) const;
+    QImage RenderTile(const TileTask& task) const;
 
     void AddBlankPage(const int64_t& id, unsigned index, int width, int height);
     void DeletePages(const DeletePagesTask& task);
@@ -259,45 +286,72 @@ public:
     void ImportPages(const ImportPageTask& task);
     void ImportAllPages(const ImportPageTask& task);
     bool ExportPages(const ExportTask& task);
+    static bool EitherDocument(const ImportPageTask& task, int64_t id) {
+        return task.sourceId == id || task.targetId == id;
+    }
 
     // ---- members ----
 
-    // Pending asynchronous images: [0] for the default view, [1] for every other view.
-    PendingImages pendingImages[2];  // guarded by queueMutex
+    // Guards every queue below (each of their operations requires it), the
+    // stop set, the registry and the two id counters. Held only to insert, to
+    // take the first element, to look a document up or to edit the stop set;
+    // never while a task runs, the engine is called or observers are notified.
+    mutable Mutex queueMutex;
 
-    // Request queues, in the order the worker serves them (see ServePass).
-    Queue<OpenDocumentTask, OpenDocInfo> openQueue;                 // guarded by queueMutex
-    std::list<PageInfoRequest> pageInfoRequests;                    // guarded by queueMutex
-    Queue<PageTask, PageInfo> pageInfoQueue;                        // guarded by queueMutex
-    Queue<PageImageTask, QImage> pageImageQueue;                    // guarded by queueMutex
-    Queue<TileTask, QImage> tileQueue;                              // guarded by queueMutex
-    std::list<TileTask> pendingTiles;                               // guarded by queueMutex; oldest first
-    Queue<PagePositionTask, Rect> objectBoundsQueue;                // guarded by queueMutex
-    Queue<PageTask, std::shared_ptr<ITextObject>> textObjectQueue;  // guarded by queueMutex
-    std::list<ReadingWork> readingQueue;                            // guarded by queueMutex
-    Queue<RotationPageTask, void> rotationQueue;                    // guarded by queueMutex
-    std::list<CallerWork> callerWorkQueue;                          // guarded by queueMutex
-    Queue<ImportPageTask, void> importQueue;                        // guarded by queueMutex
-    Queue<SaveDocumentTask, bool> saveQueue;                        // guarded by queueMutex
-    Queue<ExportTask, bool> exportQueue;                            // guarded by queueMutex
-    Queue<MovePagesTask, void> moveQueue;                           // guarded by queueMutex
-    Queue<DeletePagesTask, void> deleteQueue;                       // guarded by queueMutex
-    Queue<int64_t, void> blankPageQueue;                            // guarded by queueMutex
-    Queue<PagePositionTask, bool> linkAreaQueue;                    // guarded by queueMutex
-    Queue<PagePositionTask, DestinationLinkInfo> linkQueue;         // guarded by queueMutex
-    Queue<int64_t, void> closeQueue;                                // guarded by queueMutex
+    // The queues, in the order the worker serves them (ServePass is that
+    // order). Each enters this table as it is built: a queue declared here is
+    // counted by the test for work, purged by a close (by its rule: which
+    // records concern the closed document) and dropped at shutdown. A new
+    // kind of task takes its record (above), its line here and its line in
+    // ServePass; its operation is then one Enqueue in the facade.
+    QueueTable queues;
+    // clang-format off
+    //       element type, name                                     table   purged on close by
+    Requests<OpenDocumentTask, OpenDocInfo> openQueue               {queues, kKeptOnClose};
+    WorkQueue<PageInfoRequest> pageInfoRequests                     {queues, SameDocument};
+    Requests<PageTask, PageInfo> pageInfoQueue                      {queues, SameDocument};
+    PendingImageQueue pendingDefaultView                            {queues, SameDocument};
+    PendingImageQueue pendingOtherViews                             {queues, SameDocument};
+    Requests<PageImageTask, QImage> pageImageQueue                  {queues, SameDocument};
+    Requests<TileTask, QImage> tileQueue                            {queues, SameDocument};
+    // Asynchronous tiles, oldest first; one pending request per tile.
+    WorkQueue<TileTask> pendingTiles                                {queues, SameDocument};
+    Requests<PagePositionTask, Rect> objectBoundsQueue              {queues, SameDocument};
+    Requests<PageTask, std::shared_ptr<ITextObject>> textObjectQueue{queues, SameDocument};
+    Requests<int64_t, std::vector<OutlineEntry>> outlineQueue       {queues, SameDocument};
+    Requests<int64_t, std::vector<std::string>> pageLabelsQueue     {queues, SameDocument};
+    Requests<LabelTask, int> pageByLabelQueue                       {queues, SameDocument};
+    Requests<int64_t, DocumentInformation> informationQueue         {queues, SameDocument};
+    Requests<SelectionTask, TextSelection> selectionQueue           {queues, SameDocument};
+    Requests<RotationPageTask, void> rotationQueue                  {queues, SameDocument};
+    // Annotation and form changes go here, right after rotation.
+    WorkQueue<CallerWork> callerWorkQueue                           {queues, SameDocument};
+    Requests<ImportPageTask, void> importQueue                      {queues, EitherDocument};
+    Requests<SaveDocumentTask, bool> saveQueue                      {queues, SameDocument};
+    Requests<ExportTask, bool> exportQueue                          {queues, SameDocument};
+    Requests<MovePagesTask, void> moveQueue                         {queues, SameDocument};
+    Requests<DeletePagesTask, void> deleteQueue                     {queues, SameDocument};
+    Requests<int64_t, void> blankPageQueue                          {queues, SameDocument};
+    Requests<PagePositionTask, bool> linkAreaQueue                  {queues, SameDocument};
+    Requests<PagePositionTask, DestinationLinkInfo> linkQueue       {queues, SameDocument};
+    // A close stops the search whose search id equals the document id, not
+    // the document's own searches: those end at their next step.
+    WorkQueue<SearchRequest> searches                               {queues, kKeptOnClose};
+    // A second close of the same id stays queued: it finds nothing to close.
+    Requests<int64_t, void> closeQueue                              {queues, kKeptOnClose};
+    // clang-format on
 
-    std::list<SearchRequest> searches;  // guarded by queueMutex
-    std::set<int64_t> stoppedSearches;  // guarded by queueMutex
+    // Search ids to remove from searches in the pass's purge step. Not work:
+    // stop requests alone never start a pass.
+    std::set<int64_t> stoppedSearches GUARDED_BY(queueMutex);
 
-    // Written by the worker under queueMutex; read by callers under it and by
-    // the worker without it.
-    std::map<int64_t, std::shared_ptr<IDocument>> documents;
-    int64_t nextDocumentId = 0;  // guarded by queueMutex
-    int64_t nextSearchId = 0;    // guarded by queueMutex
+    // Written only by the worker, under queueMutex; read by callers under it
+    // and by the worker without it (FindDocument).
+    std::map<int64_t, std::shared_ptr<IDocument>> documents GUARDED_BY(queueMutex);
+    int64_t nextDocumentId GUARDED_BY(queueMutex) = 0;
+    int64_t nextSearchId GUARDED_BY(queueMutex) = 0;
 
     std::atomic<bool> stop{false};
-    mutable std::mutex queueMutex;
     std::condition_variable queueCondition;
     std::atomic<uint64_t> wakeups{0};  // counts Wake() calls; the worker spins on it before it sleeps
 
@@ -316,29 +370,14 @@ public:
 };
 
 template <class Record, class Result, class Body>
-std::future<Result> Quirelle::Impl::Enqueue(Queue<Record, Result>& queue, Record record, Body&& body) {
-    std::packaged_task<Result(const Record&)> work(std::forward<Body>(body));
+std::future<Result> Quirelle::Impl::Enqueue(Requests<Record, Result>& queue,
+                                            typename Requests<Record, Result>::Record record, Body body) {
+    std::packaged_task<Result(const Record&)> work(
+        [this, body](const Record& task) { return std::invoke(body, *this, task); });
     std::future<Result> future = work.get_future();
     {
-        std::lock_guard<std::mutex> lock(queueMutex);
-        queue.push_back({std::move(record), std::move(work)});
-    }
-    Wake();
-    return future;
-}
-
-template <class Result, class Body>
-std::future<Result> Quirelle::Impl::EnqueueReading(const int64_t& id, Body&& body) {
-    auto work = std::make_shared<std::packaged_task<Result()>>(
-        [this, id, body = std::forward<Body>(body)]() mutable -> Result {
-            std::shared_ptr<IDocument> document = FindDocument(id);
-            if (!document) throw std::invalid_argument("Invalid doc handle");
-            return body(document);
-        });
-    std::future<Result> future = work->get_future();
-    {
-        std::lock_guard<std::mutex> lock(queueMutex);
-        readingQueue.push_back({id, [work] { (*work)(); }});
+        MutexLock lock(queueMutex);
+        queue.Add(queueMutex, {std::move(record), std::move(work)});
     }
     Wake();
     return future;
@@ -346,21 +385,18 @@ std::future<Result> Quirelle::Impl::EnqueueReading(const int64_t& id, Body&& bod
 
 template <class Query>
 auto Quirelle::Impl::WithOpenDocument(const int64_t& id, Query&& query) {
-    std::lock_guard<std::mutex> lock(queueMutex);
+    MutexLock lock(queueMutex);
     auto found = documents.find(id);
     if (found == documents.end() || !found->second) throw std::invalid_argument("Invalid doc handle");
-    return query(*found->second);
+    return std::invoke(std::forward<Query>(query), *found->second);
 }
 
 template <class Record, class Result>
-void Quirelle::Impl::ServeOne(Queue<Record, Result>& queue) {
-    std::unique_lock<std::mutex> lock(queueMutex);
-    if (queue.empty()) return;
-    Queued<Record, Result> item = std::move(queue.front());
-    queue.pop_front();
-    lock.unlock();
+void Quirelle::Impl::ServeOne(Requests<Record, Result>& queue) {
+    std::optional<Queued<Record, Result>> item = TakeFirst(queue);
+    if (!item) return;
     const Pdfium::RequestBudget budget;
-    item.Run();
+    item->Run();
 }
 
 }  // namespace Orvane::PDF

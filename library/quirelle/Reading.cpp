@@ -1,15 +1,16 @@
 // What a reader shows beyond pages: outline, page labels, document
-// information and selection are queued as reading queries, served right after
-// text objects; tiles are served right after page images, asked for through a
-// future or asynchronously (coalesced per tile, cancellable, answered to the
-// tile observers).
+// information and selection are served right after text objects; tiles right
+// after page images, asked for through a future or asynchronously (one
+// pending request per tile, cancellable, answered to the tile observers; a
+// close drops the document's pending tiles like its pending images).
+
+#include "engine/Reading.h"
 
 #include <cmath>
 #include <string>
 
 #include "Log.h"
 #include "QuirelleImpl.h"
-#include "engine/Reading.h"
 
 namespace Orvane::PDF {
 
@@ -18,92 +19,104 @@ using Impl = Quirelle::Impl;
 // ---- reading queries ----
 
 std::future<std::vector<OutlineEntry>> Quirelle::GetOutline(const int64_t& id) {
-    return impl->EnqueueReading<std::vector<OutlineEntry>>(id, [](const std::shared_ptr<IDocument>& document) {
-        const Pdfium::SoleUse sole;
-        return Pdfium::ReadOutline(*document);
-    });
+    return impl->Enqueue(impl->outlineQueue, id, &Impl::Outline);
 }
 
 std::future<std::vector<std::string>> Quirelle::GetPageLabels(const int64_t& id) {
-    return impl->EnqueueReading<std::vector<std::string>>(id, [](const std::shared_ptr<IDocument>& document) {
-        const Pdfium::SoleUse sole;
-        return Pdfium::ReadPageLabels(*document);
-    });
+    return impl->Enqueue(impl->pageLabelsQueue, id, &Impl::PageLabels);
 }
 
 std::future<int> Quirelle::FindPageByLabel(const int64_t& id, const std::string& label) {
-    return impl->EnqueueReading<int>(id, [label](const std::shared_ptr<IDocument>& document) {
-        const Pdfium::SoleUse sole;
-        return Pdfium::FindPageByLabel(Pdfium::ReadPageLabels(*document), label);
-    });
+    return impl->Enqueue(impl->pageByLabelQueue, {id, label}, &Impl::PageByLabel);
 }
 
 std::future<DocumentInformation> Quirelle::GetDocumentInformation(const int64_t& id) {
-    return impl->EnqueueReading<DocumentInformation>(id, [](const std::shared_ptr<IDocument>& document) {
-        const Pdfium::SoleUse sole;
-        return Pdfium::ReadDocumentInformation(*document);
-    });
+    return impl->Enqueue(impl->informationQueue, id, &Impl::Information);
+}
+
+std::future<TextSelection> Quirelle::SelectText(const int64_t& id, unsigned page, const Position& from,
+                                                const Position& to) {
+    return impl->Enqueue(impl->selectionQueue, {id, page, Impl::SelectionTask::Between, from, to}, &Impl::Select);
+}
+
+std::future<TextSelection> Quirelle::SelectWord(const int64_t& id, unsigned page, const Position& at) {
+    return impl->Enqueue(impl->selectionQueue, {id, page, Impl::SelectionTask::Word, at, {}}, &Impl::Select);
+}
+
+std::future<TextSelection> Quirelle::SelectLine(const int64_t& id, unsigned page, const Position& at) {
+    return impl->Enqueue(impl->selectionQueue, {id, page, Impl::SelectionTask::Line, at, {}}, &Impl::Select);
+}
+
+std::future<TextSelection> Quirelle::SelectAll(const int64_t& id, unsigned page) {
+    return impl->Enqueue(impl->selectionQueue, {id, page, Impl::SelectionTask::All, {}, {}}, &Impl::Select);
 }
 
 namespace {
+
+// The open document (worker), or std::invalid_argument.
+std::shared_ptr<IDocument> openDocument(std::shared_ptr<IDocument> document) {
+    if (!document) throw std::invalid_argument("Invalid doc handle");
+    return document;
+}
 
 void checkPoint(const Position& point, const char* name) {
     if (!std::isfinite(point.x) || !std::isfinite(point.y))
         throw std::invalid_argument(std::string(name) + ": the point is not finite");
 }
 
-// The page's text, read on the worker.
-std::shared_ptr<ITextObject> pageText(const std::shared_ptr<IDocument>& document, unsigned page) {
-    const Pdfium::SoleUse sole;
-    return document->GetPage(page)->GetTextObject();
-}
-
 }  // namespace
 
-std::future<TextSelection> Quirelle::SelectText(const int64_t& id, unsigned page, const Position& from,
-                                                const Position& to) {
-    return impl->EnqueueReading<TextSelection>(id, [page, from, to](const std::shared_ptr<IDocument>& document) {
-        checkPoint(from, "SelectText");
-        checkPoint(to, "SelectText");
-        return Pdfium::SelectBetween(*pageText(document, page), from, to);
-    });
+std::vector<OutlineEntry> Impl::Outline(const int64_t& id) const {
+    const std::shared_ptr<IDocument> document = openDocument(FindDocument(id));
+    const Pdfium::SoleUse sole;
+    return Pdfium::ReadOutline(*document);
 }
 
-std::future<TextSelection> Quirelle::SelectWord(const int64_t& id, unsigned page, const Position& at) {
-    return impl->EnqueueReading<TextSelection>(id, [page, at](const std::shared_ptr<IDocument>& document) {
-        checkPoint(at, "SelectWord");
-        return Pdfium::SelectWordAt(*pageText(document, page), at);
-    });
+std::vector<std::string> Impl::PageLabels(const int64_t& id) const {
+    const std::shared_ptr<IDocument> document = openDocument(FindDocument(id));
+    const Pdfium::SoleUse sole;
+    return Pdfium::ReadPageLabels(*document);
 }
 
-std::future<TextSelection> Quirelle::SelectLine(const int64_t& id, unsigned page, const Position& at) {
-    return impl->EnqueueReading<TextSelection>(id, [page, at](const std::shared_ptr<IDocument>& document) {
-        checkPoint(at, "SelectLine");
-        return Pdfium::SelectLineAt(*pageText(document, page), at);
-    });
+int Impl::PageByLabel(const LabelTask& task) const {
+    const std::shared_ptr<IDocument> document = openDocument(FindDocument(task.id));
+    const Pdfium::SoleUse sole;
+    return Pdfium::FindPageByLabel(Pdfium::ReadPageLabels(*document), task.label);
 }
 
-std::future<TextSelection> Quirelle::SelectAll(const int64_t& id, unsigned page) {
-    return impl->EnqueueReading<TextSelection>(id, [page](const std::shared_ptr<IDocument>& document) {
-        return Pdfium::SelectAllText(*pageText(document, page));
-    });
+DocumentInformation Impl::Information(const int64_t& id) const {
+    const std::shared_ptr<IDocument> document = openDocument(FindDocument(id));
+    const Pdfium::SoleUse sole;
+    return Pdfium::ReadDocumentInformation(*document);
 }
 
-void Impl::ServeReadingWork() {
-    std::unique_lock<std::mutex> lock(queueMutex);
-    if (readingQueue.empty()) return;
-    ReadingWork item = std::move(readingQueue.front());
-    readingQueue.pop_front();
-    lock.unlock();
-    const Pdfium::RequestBudget budget;
-    item.run();
+TextSelection Impl::Select(const SelectionTask& task) const {
+    const std::shared_ptr<IDocument> document = openDocument(FindDocument(task.id));
+    static const char* const names[] = {"SelectText", "SelectWord", "SelectLine", "SelectAll"};
+    if (task.kind != SelectionTask::All) checkPoint(task.from, names[task.kind]);
+    if (task.kind == SelectionTask::Between) checkPoint(task.to, names[task.kind]);
+    std::shared_ptr<ITextObject> text;
+    {
+        const Pdfium::SoleUse sole;
+        text = document->GetPage(task.page)->GetTextObject();
+    }
+    switch (task.kind) {
+        case SelectionTask::Between:
+            return Pdfium::SelectBetween(*text, task.from, task.to);
+        case SelectionTask::Word:
+            return Pdfium::SelectWordAt(*text, task.from);
+        case SelectionTask::Line:
+            return Pdfium::SelectLineAt(*text, task.from);
+        case SelectionTask::All:
+            break;
+    }
+    return Pdfium::SelectAllText(*text);
 }
 
 // ---- tiles ----
 
 QImage Impl::RenderTile(const TileTask& task) const {
-    std::shared_ptr<IDocument> document = FindDocument(task.id);
-    if (!document) throw std::invalid_argument("Invalid doc handle");
+    const std::shared_ptr<IDocument> document = openDocument(FindDocument(task.id));
     const Pdfium::SoleUse sole;
     const Pdfium::RequestBudget budget;
     return Pdfium::RenderTile(document->GetPage(task.page), task.region, task.scale,
@@ -112,8 +125,7 @@ QImage Impl::RenderTile(const TileTask& task) const {
 
 std::future<QImage> Quirelle::GenerateTile(const int64_t& id, unsigned page, const Rect& region, double scale,
                                            IPageInfoObserver::ViewType viewType) {
-    return impl->Enqueue(impl->tileQueue, Impl::TileTask{id, page, region, scale, viewType},
-                         [i = impl.get()](const Impl::TileTask& task) { return i->RenderTile(task); });
+    return impl->Enqueue(impl->tileQueue, {id, page, region, scale, viewType}, &Impl::RenderTile);
 }
 
 void Quirelle::GenerateTileAsync(const int64_t& id, unsigned page, const Rect& region, double scale,
@@ -141,29 +153,25 @@ void Quirelle::UnregisterTileObserver(ITileObserver* observer) {
 
 void Impl::AddTileRequest(const TileTask& request) {
     {
-        std::lock_guard<std::mutex> lock(queueMutex);
+        MutexLock lock(queueMutex);
         // One pending request per tile: asking again keeps its place in line.
-        for (const TileTask& pending : pendingTiles) {
+        for (const TileTask& pending : pendingTiles.Items(queueMutex)) {
             if (pending.SameTile(request)) return;
         }
-        pendingTiles.push_back(request);
+        pendingTiles.Add(queueMutex, request);
     }
     Wake();
 }
 
 void Impl::CancelTileRequests(const std::function<bool(const TileTask&)>& matches) {
-    std::lock_guard<std::mutex> lock(queueMutex);
-    pendingTiles.remove_if(matches);
+    MutexLock lock(queueMutex);
+    pendingTiles.Items(queueMutex).remove_if(matches);
 }
 
 void Impl::ServePendingTile() {
-    TileTask request;
-    {
-        std::lock_guard<std::mutex> lock(queueMutex);
-        if (pendingTiles.empty()) return;
-        request = pendingTiles.front();
-        pendingTiles.pop_front();
-    }
+    const std::optional<TileTask> taken = TakeFirst(pendingTiles);
+    if (!taken) return;
+    const TileTask& request = *taken;
     QImage tile;
     try {
         tile = RenderTile(request);

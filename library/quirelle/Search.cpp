@@ -15,9 +15,9 @@ int64_t Quirelle::Impl::AddSearch(const int64_t& id, unsigned startPage, const s
                                   const SearchCallback& callback) {
     int64_t searchId;
     {
-        std::lock_guard<std::mutex> lock(queueMutex);
+        MutexLock lock(queueMutex);
         searchId = nextSearchId++;
-        searches.push_back({id, startPage, 0, searchId, startPage, text, callback});
+        searches.Add(queueMutex, {id, startPage, 0, searchId, startPage, text, callback});
     }
     Wake();
     return searchId;
@@ -26,25 +26,24 @@ int64_t Quirelle::Impl::AddSearch(const int64_t& id, unsigned startPage, const s
 void Quirelle::Impl::StopSearch(const int64_t& searchId) {
     std::list<SearchRequest> stopped;
     {
-        std::lock_guard<std::mutex> lock(queueMutex);
+        MutexLock lock(queueMutex);
         StopSearchLocked(searchId, stopped);
     }
     Wake();
 }
 
 void Quirelle::Impl::StopSearchLocked(const int64_t& searchId, std::list<SearchRequest>& stopped) {
-    auto found = std::find_if(searches.begin(), searches.end(),
+    std::list<SearchRequest>& queued = searches.Items(queueMutex);
+    auto found = std::find_if(queued.begin(), queued.end(),
                               [searchId](const SearchRequest& request) { return request.searchId == searchId; });
-    if (found != searches.end()) stopped.splice(stopped.end(), searches, found);
+    if (found != queued.end()) stopped.splice(stopped.end(), queued, found);
     stoppedSearches.insert(searchId);
 }
 
 void Quirelle::Impl::ServeSearchStep() {
-    std::unique_lock<std::mutex> lock(queueMutex);
-    if (searches.empty()) return;
-    SearchRequest request = std::move(searches.front());
-    searches.pop_front();
-    lock.unlock();
+    std::optional<SearchRequest> taken = TakeFirst(searches);
+    if (!taken) return;
+    SearchRequest& request = *taken;
     try {
         SearchStep(request);
     } catch (const std::exception& e) {
@@ -72,18 +71,19 @@ void Quirelle::Impl::SearchStep(SearchRequest& request) {
     }
     const std::vector<SearchResultInfo> results = text->FindText(request.text, 0);
     request.callback(page, results, text);
-    std::lock_guard<std::mutex> lock(queueMutex);
+    MutexLock lock(queueMutex);
     ++request.step;
-    searches.push_back(std::move(request));
+    searches.Add(queueMutex, std::move(request));
 }
 
 void Quirelle::Impl::PurgeStoppedSearches() {
     std::list<SearchRequest> stopped;  // destroyed after the lock is released
-    std::lock_guard<std::mutex> lock(queueMutex);
+    MutexLock lock(queueMutex);
+    std::list<SearchRequest>& queued = searches.Items(queueMutex);
     for (int64_t searchId : stoppedSearches) {
-        auto found = std::find_if(searches.begin(), searches.end(),
+        auto found = std::find_if(queued.begin(), queued.end(),
                                   [searchId](const SearchRequest& request) { return request.searchId == searchId; });
-        if (found != searches.end()) stopped.splice(stopped.end(), searches, found);
+        if (found != queued.end()) stopped.splice(stopped.end(), queued, found);
     }
     stoppedSearches.clear();
 }

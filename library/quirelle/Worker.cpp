@@ -2,8 +2,9 @@
 //
 // One pass serves every queue once, in the fixed order of ServePass, taking at
 // most one task from each: every kind of work advances by one task a pass and
-// none can starve another. The worker sleeps only when every queue and both
-// pending-image sets are empty; stop requests alone never start a pass.
+// none can starve another. The worker sleeps only when every queue of Impl's
+// table is empty (the two pending-image sets among them); stop requests alone
+// never start a pass.
 
 #include <chrono>
 #include <system_error>
@@ -30,13 +31,12 @@ Quirelle::Impl::~Impl() {
     {
         // Set under the lock so the worker cannot miss it between its test
         // for work and its wait.
-        std::lock_guard<std::mutex> lock(queueMutex);
+        MutexLock lock(queueMutex);
         stop.exchange(true);
     }
     Wake();
     thread.join();
-    // What is still queued is destroyed unrun with the members: its futures
-    // report broken promise, pending asynchronous requests go unanswered.
+    DropQueuedWork();
 }
 
 void Quirelle::Impl::WorkerLoop() {
@@ -64,70 +64,63 @@ void Quirelle::Impl::StartEngine() {
 // next page), so before sleeping the worker stays awake for a moment: the next
 // request of a burst is then served without paying for waking the thread.
 bool Quirelle::Impl::WaitForWork() {
-    std::unique_lock<std::mutex> lock(queueMutex);
+    MutexLock lock(queueMutex);
     if (HasWork()) return true;
     if (stop.load()) return false;
     const uint64_t seen = wakeups.load(std::memory_order_acquire);
-    lock.unlock();
+    lock.Unlock();
     const auto until = std::chrono::steady_clock::now() + kSpinBeforeSleep;
     while (wakeups.load(std::memory_order_acquire) == seen && std::chrono::steady_clock::now() < until) {
         std::this_thread::yield();
     }
-    lock.lock();
+    lock.Lock();
     if (HasWork()) return true;
-    if (!stop.load()) queueCondition.wait(lock);
+    if (!stop.load()) lock.Wait(queueCondition);
     return false;
 }
 
-bool Quirelle::Impl::HasWork() const {
-    return !openQueue.empty() || !pageInfoRequests.empty() || !pageInfoQueue.empty() || !pendingImages[0].empty() ||
-           !pendingImages[1].empty() || !pageImageQueue.empty() || !tileQueue.empty() || !pendingTiles.empty() ||
-           !objectBoundsQueue.empty() || !textObjectQueue.empty() || !readingQueue.empty() || !rotationQueue.empty() || !callerWorkQueue.empty() || !importQueue.empty() ||
-           !saveQueue.empty() || !exportQueue.empty() || !moveQueue.empty() || !deleteQueue.empty() ||
-           !blankPageQueue.empty() || !linkAreaQueue.empty() || !linkQueue.empty() || !searches.empty() ||
-           !closeQueue.empty();
-}
-
-// The order of service. Opening comes first, so a document is open before
-// any request made after the open is served; closing comes last, after
-// everything already queued for the document in this pass.
+// The order of service: one task from each queue, in this order. Opening
+// comes first, so a document is open before any request made after the open
+// is served; closing comes last, after everything already queued for the
+// document in this pass.
 void Quirelle::Impl::ServePass() {
-    ServeOne(openQueue);                  //  1 open / create
-    ServePageInfoRequest();               //  2 asynchronous page information
-    ServeOne(pageInfoQueue);              //  3 page information
-    ServePendingImage(pendingImages[0]);  //  4 asynchronous images, default view
-    ServePendingImage(pendingImages[1]);  //    asynchronous images, other views
-    ServeOne(pageImageQueue);             //  5 page images
-    ServeOne(tileQueue);                  //    tiles
-    ServePendingTile();                   //    asynchronous tiles
-    ServeOne(objectBoundsQueue);          //  6 object bounds
-    ServeOne(textObjectQueue);            //  7 text objects
-    ServeReadingWork();                   //    outline, labels, information, selection
-    ServeOne(rotationQueue);              //  8 rotation
-    ServeCallerWork();                    //  9 caller's work
-    ServeOne(importQueue);                // 10 import
-    ServeOne(saveQueue);                  // 11 save, save as
-    ServeOne(exportQueue);                // 12 export
-    ServeOne(moveQueue);                  // 13 move
-    ServeOne(deleteQueue);                // 14 delete
-    ServeOne(blankPageQueue);             // 15 blank page
-    ServeOne(linkAreaQueue);              // 16 link area
-    ServeOne(linkQueue);                  // 17 link
-    ServeSearchStep();                    // 18 one page of one search
-    PurgeStoppedSearches();               // 19 stopped searches
-    ServeOne(closeQueue);                 // 20 close
+    ServeOne(openQueue);                    //  1 open / create
+    ServePageInfoRequest();                 //  2 asynchronous page information
+    ServeOne(pageInfoQueue);                //  3 page information
+    ServePendingImage(pendingDefaultView);  //  4 asynchronous images, default view
+    ServePendingImage(pendingOtherViews);   //    asynchronous images, other views
+    ServeOne(pageImageQueue);               //  5 page images
+    ServeOne(tileQueue);                    //    tiles
+    ServePendingTile();                     //    asynchronous tiles
+    ServeOne(objectBoundsQueue);            //  6 object bounds
+    ServeOne(textObjectQueue);              //  7 text objects
+    ServeOne(outlineQueue);                 //    outline
+    ServeOne(pageLabelsQueue);              //    page labels
+    ServeOne(pageByLabelQueue);             //    page by label
+    ServeOne(informationQueue);             //    document information
+    ServeOne(selectionQueue);               //    selection
+    ServeOne(rotationQueue);                //  8 rotation; annotation and form changes go right after
+    ServeCallerWork();                      //  9 caller's work
+    ServeOne(importQueue);                  // 10 import
+    ServeOne(saveQueue);                    // 11 save, save as
+    ServeOne(exportQueue);                  // 12 export
+    ServeOne(moveQueue);                    // 13 move
+    ServeOne(deleteQueue);                  // 14 delete
+    ServeOne(blankPageQueue);               // 15 blank page
+    ServeOne(linkAreaQueue);                // 16 link area
+    ServeOne(linkQueue);                    // 17 link
+    ServeSearchStep();                      // 18 one page of one search
+    PurgeStoppedSearches();                 // 19 stopped searches
+    ServeOne(closeQueue);                   // 20 close
 }
 
 void Quirelle::Impl::ServeCallerWork() {
-    std::unique_lock<std::mutex> lock(queueMutex);
-    if (callerWorkQueue.empty()) return;
-    CallerWork item = std::move(callerWorkQueue.front());
-    callerWorkQueue.pop_front();
-    lock.unlock();
-    std::shared_ptr<IDocument> document = FindDocument(item.id);
+    std::optional<CallerWork> item = TakeFirst(callerWorkQueue);
+    if (!item) return;
+    std::shared_ptr<IDocument> document = FindDocument(item->id);
     const Pdfium::RequestBudget budget;
     try {
-        item.work(document);
+        item->work(document);
     } catch (const std::future_error& e) {
         // A task the caller had already run: nothing to answer.
         QUIRELLE_LOG(ERROR) << "ExecuteWithDocument: the task cannot run: " << e.what();
@@ -137,7 +130,7 @@ void Quirelle::Impl::ServeCallerWork() {
 void Quirelle::Impl::ShutDown() {
     decltype(documents) released;
     {
-        std::lock_guard<std::mutex> lock(queueMutex);
+        MutexLock lock(queueMutex);
         released.swap(documents);
     }
     released.clear();  // every document goes on the thread that made it
@@ -145,23 +138,34 @@ void Quirelle::Impl::ShutDown() {
     fontProvider.reset();
 }
 
+// After the worker has stopped: what is still queued is destroyed unrun, on
+// the destroying thread. Its futures report broken promise; pending
+// asynchronous requests go unanswered.
+void Quirelle::Impl::DropQueuedWork() {
+    Discarded dropped;
+    MutexLock lock(queueMutex);
+    queues.Drop(queueMutex, dropped);
+    lock.Unlock();
+}
+
 void Quirelle::Impl::EnqueueCallerWork(const int64_t& id,
                                        std::packaged_task<void(std::shared_ptr<IDocument>&)>&& work) {
     {
-        std::lock_guard<std::mutex> lock(queueMutex);
-        callerWorkQueue.push_back({id, std::move(work)});
+        MutexLock lock(queueMutex);
+        callerWorkQueue.Add(queueMutex, {id, std::move(work)});
     }
     Wake();
 }
 
+// Reads the registry without the lock: only the worker writes it, and this
+// runs on the worker.
 std::shared_ptr<IDocument> Quirelle::Impl::FindDocument(int64_t id) const {
-    // Worker only: the worker is the registry's only writer.
     auto found = documents.find(id);
     return found == documents.end() ? nullptr : found->second;
 }
 
 int64_t Quirelle::Impl::RegisterDocument(std::shared_ptr<IDocument> document) {
-    std::lock_guard<std::mutex> lock(queueMutex);
+    MutexLock lock(queueMutex);
     const int64_t id = nextDocumentId++;
     documents[id] = std::move(document);
     return id;

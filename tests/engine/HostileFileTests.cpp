@@ -13,6 +13,8 @@
 #include "engine/PdfDocument.h"
 #include "orvane/Exception.h"
 #include "orvane/pdf/EngineLimits.h"
+#include "tests/engine/DocumentTestSupport.h"
+#include "tests/support/DamagedPdf.h"
 #include "tests/support/EngineTest.h"
 
 namespace QuirelleTest {
@@ -158,6 +160,73 @@ TEST_F(HostileFiles, DecompressionBombsEndQuicklyWithinTheMemoryCap) {
     EXPECT_FALSE(Render(content));
     EXPECT_THROW(content->GetPage(0)->GetTextObject(), Orvane::Exception);
     EXPECT_LT(Pdfium::MemoryInUse(), Pdfium::kDefaultBlockLimit);
+}
+
+double SecondsSince(std::chrono::steady_clock::time_point start) {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+TEST_F(HostileFiles, DamagedFilesOpenWithThePagesTheyHoldAndSaveClean) {
+    for (const DamagedPdf& damaged : DamagedPdfs()) {
+        SCOPED_TRACE(damaged.name);
+        const auto path = temp.File("damaged" + std::to_string(files++) + ".pdf");
+        WriteFile(path, damaged.bytes);
+        const auto start = std::chrono::steady_clock::now();
+        auto document = std::make_shared<Pdfium::PdfDocument>(nullptr, path.string(), "");
+        EXPECT_LT(SecondsSince(start), 1.0);
+        ASSERT_EQ(document->GetPageCount(), unsigned(damaged.pages));
+        for (int i = 0; i < damaged.pages; ++i) EXPECT_EQ(document->GetPage(unsigned(i))->GetSize().width, 200);
+        EXPECT_TRUE(Render(document));
+        const auto saved = temp.File("saved" + std::to_string(files++) + ".pdf");
+        document->Save(saved.string(), 0);
+        EXPECT_TRUE(QpdfClean(saved));
+        EXPECT_EQ(OpenFile(saved)->GetPageCount(), unsigned(damaged.pages));
+    }
+}
+
+TEST_F(HostileFiles, APageListedFiftyThousandTimesIsAPageEachTimeAndEditsTouchOneListing) {
+    std::string kids;
+    for (int i = 0; i < 50000; ++i) kids += "3 0 R ";
+    const auto start = std::chrono::steady_clock::now();
+    auto document = Open({kCatalog, "<< /Type /Pages /Kids [" + kids + "] /Count 50000 >>",
+                          "<< /Type /Page /Parent 2 0 R /MediaBox [0 0 200 200] /Contents 4 0 R >>",
+                          RawStream("", "0 0 1 rg 10 10 50 50 re f")});
+    EXPECT_LT(SecondsSince(start), 2.0);
+    ASSERT_EQ(document->GetPageCount(), 50000u);
+    document->GetPage(1)->SetRotation(IPage::Rotate90);
+    EXPECT_EQ(document->GetPage(0)->GetRotation(), IPage::Rotate0);
+    EXPECT_EQ(document->GetPage(2)->GetRotation(), IPage::Rotate0);
+    document->DeletePage(0);
+    EXPECT_EQ(document->GetPageCount(), 49999u);
+    EXPECT_EQ(document->GetPage(0)->GetRotation(), IPage::Rotate90);
+    EXPECT_TRUE(Render(document));
+    const auto saved = temp.File("listed.pdf");
+    document->Save(saved.string(), 0);
+    EXPECT_TRUE(QpdfClean(saved));
+    EXPECT_EQ(OpenFile(saved)->GetPageCount(), 49999u);
+}
+
+TEST_F(HostileFiles, ABudgetThatEndsWhileOpeningIsReportedAsTheBudget) {
+    // Thousands of pages without a cross-reference table: rebuilding it
+    // takes far longer than the budget.
+    std::string kids;
+    std::vector<std::string> objects = {kCatalog, ""};
+    for (int i = 0; i < 20000; ++i) {
+        kids += Ref(objects.size() + 1) + " ";
+        objects.push_back("<< /Type /Page /Parent 2 0 R /MediaBox [0 0 200 200] >>");
+    }
+    objects[1] = "<< /Type /Pages /Kids [" + kids + "] /Count 20000 >>";
+    const auto path = temp.File("budget.pdf");
+    WriteFile(path, WithoutXref(RawPdf(objects)));
+    SetTimeBudget(std::chrono::milliseconds(1));
+    try {
+        Pdfium::PdfDocument document(nullptr, path.string(), "");
+        ADD_FAILURE() << "opened with " << document.GetPageCount() << " pages";
+    } catch (const Orvane::Exception& e) {
+        EXPECT_NE(std::string(e.what()).find("time budget"), std::string::npos) << e.what();
+    }
+    SetEngineLimits(saved);
+    EXPECT_EQ(Pdfium::PdfDocument(nullptr, path.string(), "").GetPageCount(), 20000u);
 }
 
 }  // namespace

@@ -13,6 +13,9 @@
 namespace QuirelleTest {
 namespace {
 
+// The engine's entry, not the fixture builder's.
+using OutlineEntry = Orvane::PDF::OutlineEntry;
+
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::Not;

@@ -7,6 +7,7 @@
 
 #include "fuzz/FuzzSupport.h"
 #include "tests/service/ServiceTest.h"
+#include "tests/support/DamagedPdf.h"
 
 namespace QuirelleTest {
 namespace {
@@ -22,6 +23,10 @@ std::vector<std::string> DamagedCopies(const std::string& file, std::mt19937& ra
     }
     const size_t xref = file.rfind("\nxref"), trailer = file.rfind("trailer");
     if (xref != std::string::npos && trailer > xref) copies.push_back(file.substr(0, xref + 1) + file.substr(trailer));
+    for (const std::string& damaged : {WithoutXref(file), WithShiftedObjects(file), WithLoopingUpdate(file),
+                                       WithLyingCount(file), WithoutObjectStreams(file)}) {
+        if (!damaged.empty()) copies.push_back(damaged);
+    }
     return copies;
 }
 
@@ -50,6 +55,30 @@ TEST(DamagedFiles, OpenAnswersWithinTheBudgetAndEveryRequestOnWhatOpenedAnswers)
     }
     // Most damage is repaired: the requests ran on real documents.
     EXPECT_GT(opened, copies / 2);
+}
+
+TEST(DamagedFiles, EachClassOfDamageOpensWithThePagesItHoldsAtOnce) {
+    TempDir temp;
+    Quirelle service(nullptr);
+    int n = 0;
+    for (const DamagedPdf& damaged : DamagedPdfs()) {
+        const auto path = temp.File("class" + std::to_string(n++) + ".pdf");
+        WriteFile(path, damaged.bytes);
+        const auto start = std::chrono::steady_clock::now();
+        const int64_t id = service.OpenDocument(path, "").get().id;
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1)) << damaged.name;
+        ASSERT_GE(id, 0) << damaged.name;
+        EXPECT_EQ(service.GetPageCount(id), damaged.pages) << damaged.name;
+        Await(service.CloseDoument(id));
+    }
+    // Nothing to open: answered at once.
+    const auto path = temp.File("nothing.pdf");
+    WriteFile(path, "not a PDF at all\n");
+    const auto start = std::chrono::steady_clock::now();
+    const auto nothing = service.OpenDocument(path, "").get();
+    EXPECT_EQ(nothing.id, -1);
+    EXPECT_FALSE(nothing.passwordError);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
 }
 
 }  // namespace

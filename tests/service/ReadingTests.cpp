@@ -8,6 +8,9 @@
 namespace QuirelleTest {
 namespace {
 
+// The engine's entry, not the fixture builder's.
+using OutlineEntry = Orvane::PDF::OutlineEntry;
+
 constexpr auto kDefault = IPageInfoObserver::DefaultView;
 
 class ReadingService : public ServiceTest {};
@@ -91,6 +94,39 @@ TEST_F(ReadingService, TilesMatchThePageImageAndPendingOnesAreCoalescedAndCancel
     EXPECT_EQ(tiles[1].page, 1u);
     EXPECT_EQ(tiles[0].image.size(), QSize(100, 100));
     service.reset();  // the worker stops before the recorder goes
+}
+
+TEST_F(ReadingService, CloseDropsPendingTilesAndQueuedQueriesOfItsDocument) {
+    const int64_t clockDoc = OpenNumbered(40);
+    const int64_t doc = OpenNumbered(3);
+    TileRecorder recorder;
+    service->RegisterTileObserver(&recorder);
+    PassClock clock(*service, clockDoc);
+    clock.OccupyCloseStep();
+    // The first of each kind runs in pass 1, before its close step; the
+    // second waits for pass 2 and goes with the close.
+    const Rect region{0, 792, 100, 692};
+    service->GenerateTileAsync(doc, 0, region, 1, kDefault);
+    service->GenerateTileAsync(doc, 1, region, 1, kDefault);
+    auto firstTile = service->GenerateTile(doc, 0, region, 1, kDefault);
+    auto secondTile = service->GenerateTile(doc, 1, region, 1, kDefault);
+    auto firstLabels = service->GetPageLabels(doc);
+    auto secondLabels = service->GetPageLabels(doc);
+    auto firstSelection = service->SelectAll(doc, 0);
+    auto secondSelection = service->SelectAll(doc, 1);
+    auto close = service->CloseDoument(doc);
+    clock.Release();
+    Await(std::move(close));
+    clock.WaitForPass(3);
+
+    EXPECT_EQ(recorder.tiles.All().size(), 1u);
+    EXPECT_FALSE(Await(std::move(firstTile)).isNull());
+    EXPECT_EQ(Await(std::move(firstLabels)).size(), 3u);
+    EXPECT_EQ(Await(std::move(firstSelection)).text, "Page 1");
+    ExpectBroken(secondTile);
+    ExpectBroken(secondLabels);
+    ExpectBroken(secondSelection);
+    service->UnregisterTileObserver(&recorder);
 }
 
 }  // namespace

@@ -161,7 +161,7 @@ public:
     }
     int AddStream(const std::string& entries, const std::string& data) { return Add(RawStream(entries, data)); }
 
-    std::string Finish(int root) const {
+    std::string Finish(int root, int info = 0) const {
         return LayOut(objects_, "%PDF-1.7\n%\xE2\xE3\xCF\xD3\n", [&](const std::string& body) {
             // A stable /ID from the body, so the same pages give the same bytes.
             uint64_t h1 = 1469598103934665603ull, h2 = 7809847782465536322ull;
@@ -172,7 +172,8 @@ public:
             char id[40];
             std::snprintf(id, sizeof id, "%016llX%016llX", static_cast<unsigned long long>(h1),
                           static_cast<unsigned long long>(h2));
-            return " /Root " + Ref(root) + " /ID [<" + id + "> <" + id + ">]";
+            return " /Root " + Ref(root) + (info > 0 ? " /Info " + Ref(info) : std::string()) + " /ID [<" + id +
+                   "> <" + id + ">]";
         });
     }
 
@@ -264,6 +265,47 @@ PdfBuilder& PdfBuilder::Encrypt(Encryption encryption) {
     return *this;
 }
 
+PdfBuilder& PdfBuilder::AddOutline(std::vector<OutlineEntry> entries) {
+    outline_.insert(outline_.end(), entries.begin(), entries.end());
+    return *this;
+}
+
+PdfBuilder& PdfBuilder::AddPageLabels(std::vector<PageLabelRange> ranges) {
+    labels_.insert(labels_.end(), ranges.begin(), ranges.end());
+    return *this;
+}
+
+PdfBuilder& PdfBuilder::AddField(FieldLayout field) {
+    fields_.push_back(std::move(field));
+    return *this;
+}
+
+PdfBuilder& PdfBuilder::AddAttachment(const std::string& name, const std::string& data) {
+    attachments_.emplace_back(name, data);
+    return *this;
+}
+
+PdfBuilder& PdfBuilder::SetTitle(const std::string& title, bool withXmp) {
+    title_ = title;
+    xmp_ = withXmp;
+    return *this;
+}
+
+PdfBuilder& PdfBuilder::AddLayer(const std::string& name) {
+    layers_.push_back(name);
+    return *this;
+}
+
+PdfBuilder& PdfBuilder::AddStructureTree() {
+    structure_ = true;
+    return *this;
+}
+
+PdfBuilder& PdfBuilder::AddCatalogEntries(const std::string& entries) {
+    catalogEntries_ += " " + entries;
+    return *this;
+}
+
 std::string PdfBuilder::Build() const {
     ObjectWriter w;
     const int catalog = w.Reserve();
@@ -299,6 +341,17 @@ std::string PdfBuilder::Build() const {
             throw std::runtime_error("PdfBuilder: destination to missing page " + std::to_string(index));
         return pageRefs[index];
     };
+    // Widgets are numbered first, so that their pages can list them.
+    std::vector<std::vector<int>> pageWidgets(pages_.size()), fieldWidgets(fields_.size());
+    for (size_t f = 0; f < fields_.size(); ++f) {
+        for (const auto& widget : fields_[f].widgets) {
+            pageRef(widget.first);
+            fieldWidgets[f].push_back(w.Reserve());
+            pageWidgets[size_t(widget.first)].push_back(fieldWidgets[f].back());
+        }
+    }
+    std::vector<int> structElems;
+    for (size_t i = 0; structure_ && i < pages_.size(); ++i) structElems.push_back(w.Reserve());
 
     // Image XObjects are named by their position in the whole file, so the
     // inherited resources can hold all of them at once.
@@ -344,6 +397,7 @@ std::string PdfBuilder::Build() const {
                        LiteralString(ToLatin1(t.text)) + " Tj ET\n";
         }
         if (!page.extraContent.empty()) content += page.extraContent + "\n";
+        if (structure_) content = "/P << /MCID 0 >> BDC\n" + content + "EMC\n";
         const int contents = w.AddStream("", content);
 
         std::vector<int> annots;
@@ -372,6 +426,7 @@ std::string PdfBuilder::Build() const {
             }
             annots.push_back(w.Add(dict + " >>"));
         }
+        annots.insert(annots.end(), pageWidgets[p].begin(), pageWidgets[p].end());
 
         const PageLayout& first = pages_.front();
         std::string dict = "<< /Type /Page /Parent " + Ref(pagesRoot);
@@ -386,6 +441,7 @@ std::string PdfBuilder::Build() const {
             dict += " >>";
         }
         dict += " /Contents " + Ref(contents);
+        if (structure_) dict += " /StructParents " + std::to_string(p);
         if (!annots.empty()) {
             dict += " /Annots [";
             for (size_t i = 0; i < annots.size(); ++i) dict += (i ? " " : "") + Ref(annots[i]);
@@ -409,15 +465,29 @@ std::string PdfBuilder::Build() const {
     std::string cat = "<< /Type /Catalog /Pages " + Ref(pagesRoot);
     std::vector<NamedDestination> tree, dests;
     for (const NamedDestination& d : named_) (d.inNamesTree ? tree : dests).push_back(d);
+    std::string names;
     if (!tree.empty()) {
         // A name tree's keys are kept in byte order.
         std::stable_sort(tree.begin(), tree.end(), [](const auto& a, const auto& b) { return a.name < b.name; });
-        std::string names = "<< /Names [";
+        std::string entries = "<< /Names [";
         for (const NamedDestination& d : tree)
-            names += " " + LiteralString(d.name) + " " +
-                     DestArray(pageRef(d.page), "XYZ", d.left, d.top, std::nullopt, std::nullopt, std::nullopt);
-        cat += " /Names << /Dests " + Ref(w.Add(names + " ] >>")) + " >>";
+            entries += " " + LiteralString(d.name) + " " +
+                       DestArray(pageRef(d.page), "XYZ", d.left, d.top, std::nullopt, std::nullopt, std::nullopt);
+        names += " /Dests " + Ref(w.Add(entries + " ] >>"));
     }
+    if (!attachments_.empty()) {
+        auto sorted = attachments_;
+        std::stable_sort(sorted.begin(), sorted.end());
+        std::string entries = "<< /Names [";
+        for (const auto& file : sorted) {
+            const int data = w.AddStream("/Type /EmbeddedFile", file.second);
+            const int spec = w.Add("<< /Type /Filespec /F " + LiteralString(file.first) + " /UF " +
+                                   LiteralString(file.first) + " /EF << /F " + Ref(data) + " >> >>");
+            entries += " " + LiteralString(file.first) + " " + Ref(spec);
+        }
+        names += " /EmbeddedFiles " + Ref(w.Add(entries + " ] >>"));
+    }
+    if (!names.empty()) cat += " /Names <<" + names + " >>";
     if (!dests.empty()) {
         std::string dict = "<<";
         for (const NamedDestination& d : dests)
@@ -425,9 +495,202 @@ std::string PdfBuilder::Build() const {
                     DestArray(pageRef(d.page), "XYZ", d.left, d.top, std::nullopt, std::nullopt, std::nullopt);
         cat += " /Dests " + Ref(w.Add(dict + " >>"));
     }
+
+    if (!outline_.empty()) {
+        const int root = w.Reserve();
+        std::vector<int> nums, parent(outline_.size(), -1);
+        std::vector<std::vector<int>> children(outline_.size());
+        std::vector<int> top, stack;
+        for (size_t i = 0; i < outline_.size(); ++i) {
+            nums.push_back(w.Reserve());
+            while (!stack.empty() && outline_[size_t(stack.back())].level >= outline_[i].level) stack.pop_back();
+            if (stack.empty()) {
+                top.push_back(int(i));
+            } else {
+                parent[i] = stack.back();
+                children[size_t(stack.back())].push_back(int(i));
+            }
+            stack.push_back(int(i));
+        }
+        // What an entry shows when open, bottom-up (children follow their parent).
+        std::vector<int> visible(outline_.size(), 0);
+        for (size_t i = outline_.size(); i-- > 0;) {
+            for (int c : children[i]) visible[i] += 1 + (outline_[size_t(c)].open ? visible[size_t(c)] : 0);
+        }
+        auto linkLevel = [&](const std::vector<int>& level, int parentNum) {
+            for (size_t k = 0; k < level.size(); ++k) {
+                const size_t i = size_t(level[k]);
+                const OutlineEntry& e = outline_[i];
+                std::string dict = "<< /Title " + LiteralString(ToLatin1(e.title)) + " /Parent " + Ref(parentNum);
+                if (k > 0) dict += " /Prev " + Ref(nums[size_t(level[k - 1])]);
+                if (k + 1 < level.size()) dict += " /Next " + Ref(nums[size_t(level[k + 1])]);
+                if (!children[i].empty()) {
+                    dict += " /First " + Ref(nums[size_t(children[i].front())]) + " /Last " +
+                            Ref(nums[size_t(children[i].back())]) + " /Count " +
+                            std::to_string(e.open ? visible[i] : -visible[i]);
+                }
+                if (!e.namedDestination.empty())
+                    dict += " /Dest " + LiteralString(e.namedDestination);
+                else if (e.page >= 0)
+                    dict += " /Dest [" + Ref(pageRef(e.page)) + " /XYZ 0 " + Num(pages_[size_t(e.page)].height) + " 0]";
+                w.Set(nums[i], dict + " >>");
+            }
+        };
+        linkLevel(top, root);
+        for (size_t i = 0; i < outline_.size(); ++i) linkLevel(children[i], nums[i]);
+        int count = 0;
+        for (int t : top) count += 1 + (outline_[size_t(t)].open ? visible[size_t(t)] : 0);
+        w.Set(root, "<< /Type /Outlines /First " + Ref(nums[size_t(top.front())]) + " /Last " +
+                        Ref(nums[size_t(top.back())]) + " /Count " + std::to_string(count) + " >>");
+        cat += " /Outlines " + Ref(root);
+    }
+
+    if (!labels_.empty()) {
+        std::string nums;
+        for (const PageLabelRange& r : labels_) {
+            nums += " " + std::to_string(r.firstPage) + " <<";
+            if (!r.style.empty()) nums += " /S /" + r.style;
+            if (!r.prefix.empty()) nums += " /P " + LiteralString(r.prefix);
+            if (r.start != 1) nums += " /St " + std::to_string(r.start);
+            nums += " >>";
+        }
+        cat += " /PageLabels << /Nums [" + nums + " ] >>";
+    }
+
+    if (!fields_.empty()) {
+        const int on = w.AddStream("/Type /XObject /Subtype /Form /BBox [0 0 10 10]", "0 g 2 2 6 6 re f");
+        const int off = w.AddStream("/Type /XObject /Subtype /Form /BBox [0 0 10 10]", "");
+        std::vector<std::string> parentNames;
+        std::vector<int> parentNums;
+        std::vector<std::vector<int>> parentKids;
+        std::vector<int> top, calculated;
+        for (size_t f = 0; f < fields_.size(); ++f) {
+            const FieldLayout& field = fields_[f];
+            if (field.widgets.empty()) throw std::runtime_error("PdfBuilder: field without widgets");
+            std::string attrs = " /T " + LiteralString(field.name) + " /DA (/Helv 10 Tf 0 g)";
+            switch (field.kind) {
+                case FieldLayout::Kind::Text:
+                    attrs += " /FT /Tx /V " + LiteralString(field.value);
+                    break;
+                case FieldLayout::Kind::CheckBox:
+                    attrs += " /FT /Btn /V " + Name(field.value.empty() ? "Off" : field.value);
+                    break;
+                case FieldLayout::Kind::Radio:
+                    attrs += " /FT /Btn /Ff 49152 /V " + Name(field.value.empty() ? "Off" : field.value);
+                    break;
+                case FieldLayout::Kind::Choice: {
+                    attrs += " /FT /Ch /Ff 131072 /V " + LiteralString(field.value) + " /Opt [";
+                    for (const std::string& option : field.options) attrs += " " + LiteralString(option);
+                    attrs += " ]";
+                    break;
+                }
+            }
+            auto widget = [&](size_t k) {
+                const auto& place = field.widgets[k];
+                std::string dict = " /Type /Annot /Subtype /Widget /Rect " + RectArray(place.second) + " /F 4 /P " +
+                                   Ref(pageRefs[size_t(place.first)]);
+                const bool radio = field.kind == FieldLayout::Kind::Radio;
+                if (radio || field.kind == FieldLayout::Kind::CheckBox) {
+                    const std::string state = radio ? field.options.at(k) : "Yes";
+                    dict += " /AP << /N << " + Name(state) + " " + Ref(on) + " /Off " + Ref(off) + " >> >> /AS " +
+                            Name(field.value == state ? state : "Off");
+                }
+                return dict;
+            };
+            int parentNum = 0;
+            if (!field.parent.empty()) {
+                const auto found = std::find(parentNames.begin(), parentNames.end(), field.parent);
+                if (found == parentNames.end()) {
+                    parentNames.push_back(field.parent);
+                    parentNums.push_back(w.Reserve());
+                    parentKids.emplace_back();
+                }
+                const size_t at = size_t(std::find(parentNames.begin(), parentNames.end(), field.parent) -
+                                         parentNames.begin());
+                parentNum = parentNums[at];
+            }
+            const std::string parentEntry = parentNum > 0 ? " /Parent " + Ref(parentNum) : std::string();
+            int fieldNum;
+            if (field.widgets.size() == 1) {
+                fieldNum = fieldWidgets[f][0];
+                w.Set(fieldNum, "<<" + attrs + widget(0) + parentEntry + " >>");
+            } else {
+                fieldNum = w.Reserve();
+                std::string kids;
+                for (size_t k = 0; k < field.widgets.size(); ++k) {
+                    w.Set(fieldWidgets[f][k], "<<" + widget(k) + " /Parent " + Ref(fieldNum) + " >>");
+                    kids += " " + Ref(fieldWidgets[f][k]);
+                }
+                w.Set(fieldNum, "<<" + attrs + " /Kids [" + kids + " ]" + parentEntry + " >>");
+            }
+            if (parentNum > 0) {
+                const size_t at = size_t(std::find(parentNums.begin(), parentNums.end(), parentNum) - parentNums.begin());
+                parentKids[at].push_back(fieldNum);
+            } else {
+                top.push_back(fieldNum);
+            }
+            if (field.calculated) calculated.push_back(fieldNum);
+        }
+        for (size_t i = 0; i < parentNames.size(); ++i) {
+            std::string kids;
+            for (int kid : parentKids[i]) kids += " " + Ref(kid);
+            w.Set(parentNums[i], "<< /T " + LiteralString(parentNames[i]) + " /Kids [" + kids + " ] >>");
+            top.push_back(parentNums[i]);
+        }
+        std::string form = "<< /Fields [";
+        for (int t : top) form += " " + Ref(t);
+        form += " ] /DA (/Helv 10 Tf 0 g) /DR << /Font << /Helv " + Ref(font) + " >> >>";
+        if (!calculated.empty()) {
+            form += " /CO [";
+            for (int c : calculated) form += " " + Ref(c);
+            form += " ]";
+        }
+        cat += " /AcroForm " + Ref(w.Add(form + " >>"));
+    }
+
+    int info = 0;
+    if (!title_.empty()) {
+        info = w.Add("<< /Title " + LiteralString(ToLatin1(title_)) + " /Producer (PdfBuilder) >>");
+        if (xmp_) {
+            const int metadata = w.AddStream(
+                "/Type /Metadata /Subtype /XML",
+                "<?xpacket begin=\"\" id=\"W5M0MpCehiHzreSzNTczkc9d\"?>\n"
+                "<x:xmpmeta xmlns:x=\"adobe:ns:meta/\"><rdf:RDF xmlns:rdf=\"http://www.w3.org/1999/02/22-rdf-syntax-ns#\">"
+                "<rdf:Description rdf:about=\"\" xmlns:dc=\"http://purl.org/dc/elements/1.1/\"><dc:title><rdf:Alt>"
+                "<rdf:li xml:lang=\"x-default\">" +
+                    title_ + "</rdf:li></rdf:Alt></dc:title></rdf:Description></rdf:RDF></x:xmpmeta>\n"
+                             "<?xpacket end=\"w\"?>");
+            cat += " /Metadata " + Ref(metadata);
+        }
+    }
+
+    if (!layers_.empty()) {
+        std::string refs;
+        for (const std::string& name : layers_)
+            refs += " " + Ref(w.Add("<< /Type /OCG /Name " + LiteralString(ToLatin1(name)) + " >>"));
+        cat += " /OCProperties << /OCGs [" + refs + " ] /D << /Order [" + refs + " ] /ON [" + refs + " ] >> >>";
+    }
+
+    if (structure_ && !pages_.empty()) {
+        const int root = w.Reserve();
+        const int document = w.Reserve();
+        std::string kids, parents;
+        for (size_t p = 0; p < pages_.size(); ++p) {
+            w.Set(structElems[p], "<< /Type /StructElem /S /P /P " + Ref(document) + " /Pg " + Ref(pageRefs[p]) +
+                                      " /K 0 >>");
+            kids += " " + Ref(structElems[p]);
+            parents += " " + std::to_string(p) + " [" + Ref(structElems[p]) + "]";
+        }
+        w.Set(document, "<< /Type /StructElem /S /Document /P " + Ref(root) + " /K [" + kids + " ] >>");
+        w.Set(root, "<< /Type /StructTreeRoot /K " + Ref(document) + " /ParentTree << /Nums [" + parents +
+                        " ] >> /ParentTreeNextKey " + std::to_string(pages_.size()) + " >>");
+        cat += " /StructTreeRoot " + Ref(root) + " /MarkInfo << /Marked true >> /Lang (en)";
+    }
+
+    cat += catalogEntries_;
     w.Set(catalog, cat + " >>");
 
-    std::string bytes = w.Finish(catalog);
+    std::string bytes = w.Finish(catalog, info);
     if (encryption_) bytes = EncryptWithMupdf(bytes, *encryption_);
     return bytes;
 }

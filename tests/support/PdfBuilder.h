@@ -87,6 +87,41 @@ struct Encryption {
     Method method = Method::Aes128;
 };
 
+// One outline entry; entries follow each other depth-first, level 0 at the
+// top. It leads to page (explicit /XYZ at the page's top) or to a named
+// destination; with neither it has no destination.
+struct OutlineEntry {
+    std::string title;
+    int level = 0;
+    int page = -1;
+    std::string namedDestination;
+    bool open = true;
+};
+
+// A page label range from firstPage on: style D, R, r, A, a or empty.
+struct PageLabelRange {
+    int firstPage = 0;
+    std::string style = "D";
+    std::string prefix;
+    int start = 1;
+};
+
+// A form field with its widgets (page, rect). A radio button has one widget
+// per option, each option its export name; value is the chosen option (empty
+// for none). A check box's value is "Yes" or "Off". A field with one widget is
+// merged with it; with several, the widgets are its kids. With parent, the
+// field is the kid of a field of that (partial) name, made for it.
+struct FieldLayout {
+    enum class Kind { Text, CheckBox, Radio, Choice };
+    Kind kind = Kind::Text;
+    std::string name;
+    std::string value;
+    std::vector<std::string> options;
+    std::vector<std::pair<int, Rect>> widgets;
+    bool calculated = false;  // listed in the form's calculation order
+    std::string parent;
+};
+
 class PdfBuilder {
 public:
     PdfBuilder& AddPage(PageLayout page);
@@ -102,6 +137,20 @@ public:
     // keeps its own /MediaBox or /Rotate.
     PdfBuilder& InheritAttributes(bool inherit = true);
     PdfBuilder& Encrypt(Encryption encryption);
+    PdfBuilder& AddOutline(std::vector<OutlineEntry> entries);
+    PdfBuilder& AddPageLabels(std::vector<PageLabelRange> ranges);
+    PdfBuilder& AddField(FieldLayout field);
+    // An embedded file in the /EmbeddedFiles name tree.
+    PdfBuilder& AddAttachment(const std::string& name, const std::string& data);
+    // /Info /Title, and an XMP /Metadata stream of the catalog holding it.
+    PdfBuilder& SetTitle(const std::string& title, bool withXmp = true);
+    // An optional content group (layer) in /OCProperties, drawn on no page.
+    PdfBuilder& AddLayer(const std::string& name);
+    // A structure tree: one /P element per page, marking its content, and
+    // /MarkInfo and /Lang in the catalog.
+    PdfBuilder& AddStructureTree();
+    // Raw entries appended to the catalog dictionary ("/PageMode /UseOutlines").
+    PdfBuilder& AddCatalogEntries(const std::string& entries);
 
     // The file's bytes. Throws std::runtime_error on failure.
     std::string Build() const;
@@ -118,6 +167,15 @@ private:
     };
     std::vector<PageLayout> pages_;
     std::vector<NamedDestination> named_;
+    std::vector<OutlineEntry> outline_;
+    std::vector<PageLabelRange> labels_;
+    std::vector<FieldLayout> fields_;
+    std::vector<std::pair<std::string, std::string>> attachments_;
+    std::string title_;
+    bool xmp_ = false;
+    std::vector<std::string> layers_;
+    bool structure_ = false;
+    std::string catalogEntries_;
     bool inherit_ = false;
     std::optional<Encryption> encryption_;
 };

@@ -1,5 +1,7 @@
 #include "ViewerWindow.h"
 
+#include <orvane/pdf/ImageFiles.h>
+
 #include <QAction>
 #include <QDesktopServices>
 #include <QFileDialog>
@@ -20,9 +22,15 @@
 namespace Orvane::PDF {
 
 namespace {
-const QString kOpenFilter = QObject::tr("Documents (*.pdf *.png *.jpg *.jpeg *.bmp *.tif *.tiff);;All files (*)");
 const QString kPdfFilter = QObject::tr("PDF files (*.pdf)");
 }  // namespace
+
+QString ViewerWindow::OpenFilter() {
+    QString patterns = "*.pdf";
+    for (std::string_view extension : kImageFileExtensions)
+        patterns += " *" + QString::fromLatin1(extension.data(), static_cast<int>(extension.size()));
+    return tr("Documents (%1);;All files (*)").arg(patterns);
+}
 
 ViewerWindow::ViewerWindow(IPDFProvider& service, QWidget* parent)
     : QMainWindow(parent),
@@ -74,7 +82,7 @@ void ViewerWindow::BuildMenus() {
     };
     QMenu* file = menuBar()->addMenu(tr("&File"));
     QAction* open = add(file, tr("&Open..."), QKeySequence::Open, [this] {
-        const QString path = QFileDialog::getOpenFileName(this, tr("Open"), QString(), kOpenFilter);
+        const QString path = QFileDialog::getOpenFileName(this, tr("Open"), QString(), OpenFilter());
         if (!path.isEmpty()) OpenFile(path);
     });
     add(file, tr("&Import pages..."), QKeySequence(tr("Ctrl+I")), &ViewerWindow::ImportFile);
@@ -220,7 +228,7 @@ void ViewerWindow::DeleteSelected() {
 
 void ViewerWindow::ImportFile() {
     if (doc_ < 0 || busy_) return;
-    const QString path = QFileDialog::getOpenFileName(this, tr("Import pages from"), QString(), kOpenFilter);
+    const QString path = QFileDialog::getOpenFileName(this, tr("Import pages from"), QString(), OpenFilter());
     if (path.isEmpty()) return;
     const int position = view_->CurrentPage() + 1;
     OpenDocument(path, std::string(), false, [this, position](int64_t source) {

@@ -27,6 +27,9 @@ public:
     // Moves pages (ascending) before the page at destination. Ends with Edited.
     void MovePages(const QVector<int>& pages, int destination);
 
+    // The file dialog's filter for documents: PDF and the image files the service opens.
+    static QString OpenFilter();
+
     QuirelleView& View() const { return *view_; }
     ThumbnailStrip& Thumbnails() const { return *thumbnails_; }
     FindBar& Find() const { return *findBar_; }

@@ -18,9 +18,8 @@ int main(int argc, char** argv) {
         window.OpenFile(args.at(1));
     } else {
         QTimer::singleShot(0, &window, [&window] {
-            const QString path =
-                QFileDialog::getOpenFileName(&window, QObject::tr("Open"), QString(),
-                                             QObject::tr("Documents (*.pdf *.png *.jpg *.jpeg *.bmp *.tif *.tiff)"));
+            const QString path = QFileDialog::getOpenFileName(&window, QObject::tr("Open"), QString(),
+                                                              Orvane::PDF::ViewerWindow::OpenFilter());
             if (!path.isEmpty()) window.OpenFile(path);
         });
     }

@@ -17,6 +17,8 @@
 #include <string>
 #include <vector>
 
+#include "Pictures.h"
+
 namespace QuirelleCli {
 
 using Orvane::int64;
@@ -66,7 +68,9 @@ private:
 struct Destination {
     std::string out;
     bool inPlace = false;
-    // Throws UsageError unless exactly one of the two was given.
+    bool decrypt = false;  // the new file without encryption (owner only)
+    // Throws UsageError unless exactly one of out and inPlace was given, or
+    // for decrypt in place.
     void Check() const;
 };
 
@@ -74,25 +78,36 @@ struct Destination {
 class Session {
 public:
     Session();
-    // Opens a PDF or image file; Failure with a one-line reason otherwise.
+    // Opens a PDF or image file with at least one page; Failure with a
+    // one-line reason otherwise.
     int64 Open(const fs::path& path, const std::string& password);
+    // The file last opened: the one the command is working on, which an
+    // error from the library is about.
+    const std::string& CurrentFile() const { return current_; }
     unsigned PageCount(int64 id);
     // Throws Failure when the document's permissions forbid the work.
     void RequireEditPages(int64 id, const fs::path& path);
     void RequireExtractPages(int64 id, const fs::path& path);
     // Writes the document as the destination says, atomically.
     void Save(int64 id, const Destination& destination);
-    // Writes a document to a new file, atomically.
-    void SaveAs(int64 id, const fs::path& out);
+    // Writes a document to a new file, atomically, encrypted as the document
+    // is unless decrypt (which needs the owner password).
+    void SaveAs(int64 id, const fs::path& out, bool decrypt = false);
     Quirelle& Service() { return *service_; }
 
 private:
     std::unique_ptr<Quirelle> service_;
+    std::string current_;
 };
 
 // Throws Failure unless a file could be created at path (its directory exists
 // and may be written), so that a long job fails before it starts.
 void CheckWritable(const fs::path& path);
+
+// Throws UsageError when out is the file input (by any name: links are
+// followed), so that no command writes over what it reads; hint says what to
+// do instead.
+void RefuseToOverwrite(const fs::path& out, const fs::path& input, const std::string& hint);
 
 // Asks make(page) for up to depth pages ahead of use(page, future), so that
 // the worker keeps busy while the caller handles the page before.
@@ -109,6 +124,22 @@ void Pipelined(const std::vector<unsigned>& pages, size_t depth, Make make, Use 
         use(front.first, front.second);
     }
 }
+
+// The paper sizes known by name, in points, short side first.
+struct Paper {
+    const char* name;
+    double shortSide, longSide;
+};
+extern const std::vector<Paper> kPapers;
+// The paper whose name is name (any case), or whose size is size within 2
+// points either way; nullptr if none.
+const Paper* FindPaper(const std::string& name);
+const Paper* FindPaper(const Orvane::PDF::Size& size);
+
+// The papers' names, "A3, A4, ..., Executive".
+std::string PaperNames();
+// The image files' extensions, ".png .jpg ... .tiff".
+std::string ImageExtensions();
 
 // "[left top right bottom]" in points, one decimal.
 std::string FormatRect(const Orvane::PDF::Rect& rect);
@@ -134,6 +165,8 @@ struct RenderOptions {
     int height = 0;
     std::string out;
     std::string format = "png";
+    int pngLevel = kDefaultPngLevel;
+    bool keepGoing = false;
     std::string region;  // LEFT,BOTTOM,RIGHT,TOP in points: one tile (Reading.cpp)
 };
 struct TextOptions {

@@ -19,6 +19,11 @@ namespace {
 // Opens the document a page edit works on and checks where it will go.
 int64 OpenForEdit(Session& session, const PageEditOptions& options, const std::string& password) {
     options.destination.Check();
+    if (options.destination.inPlace && IsImageFileExtension(fs::path(options.file).extension().string())) {
+        throw UsageError(options.file + ": an image file cannot be replaced by a PDF: write to --out NEW.pdf");
+    }
+    if (!options.destination.inPlace)
+        RefuseToOverwrite(options.destination.out, options.file, "to change the file itself, use --in-place");
     CheckWritable(options.destination.inPlace ? fs::path(options.file) : fs::path(options.destination.out));
     const int64 id = session.Open(options.file, password);
     session.RequireEditPages(id, options.file);
@@ -33,38 +38,41 @@ std::string Where(const PageEditOptions& options) {
     return options.destination.inPlace ? options.file : options.destination.out;
 }
 
-// Saving under a new name writes a fresh copy, which leaves the encryption
-// behind; saving in place keeps it. Says so when it matters.
+// A new file keeps the document's encryption unless --decrypt said otherwise.
 std::string EncryptionNote(Session& session, int64 id, const PageEditOptions& options) {
-    if (options.destination.inPlace || !session.Service().IsProtected(id)) return "";
-    return " (written without encryption; --in-place keeps it)";
+    if (!options.destination.decrypt || !session.Service().IsProtected(id)) return "";
+    return " (written without encryption)";
 }
 
 std::string Pages(size_t count) {
     return std::to_string(count) + (count == 1 ? " page" : " pages");
 }
 
-// "A4", "letter", "595x842" (points) as width and height.
+// A paper's name ("A4", "letter": portrait) or WIDTHxHEIGHT in points.
 Size ParsePageSize(const std::string& text) {
-    std::string lower = text;
-    std::transform(lower.begin(), lower.end(), lower.begin(), [](unsigned char c) { return std::tolower(c); });
-    if (lower == "a4") return {595, 842};
-    if (lower == "a3") return {842, 1191};
-    if (lower == "a5") return {420, 595};
-    if (lower == "letter") return {612, 792};
-    if (lower == "legal") return {612, 1008};
+    if (const Paper* paper = FindPaper(text)) return {paper->shortSide, paper->longSide};
     double width = 0, height = 0;
     char end = 0;
-    if (std::sscanf(lower.c_str(), "%lfx%lf%c", &width, &height, &end) == 2 && width >= 1 && height >= 1 &&
+    if (std::sscanf(text.c_str(), "%lf%*[xX]%lf%c", &width, &height, &end) == 2 && width >= 1 && height >= 1 &&
         width <= 14400 && height <= 14400) {
         return {std::round(width), std::round(height)};
     }
-    throw UsageError("--size " + text + ": write A4, A3, A5, Letter, Legal or WIDTHxHEIGHT in points (1 to 14400)");
+    throw UsageError("--size " + text + ": write a paper (" + PaperNames() +
+                     ") or WIDTHxHEIGHT in points (1 to 14400)");
+}
+
+// The files a command reads, as typed, for the message that shows the form
+// with --out.
+std::string Typed(const std::vector<std::string>& inputs) {
+    std::string text;
+    for (const std::string& input : inputs) text += " " + input;
+    return text;
 }
 
 }  // namespace
 
 int RunExport(Session& session, const ExportOptions& options, const std::string& password) {
+    RefuseToOverwrite(options.out, options.file, "write the pages to a new file");
     CheckWritable(options.out);
     const int64 id = session.Open(options.file, password);
     const std::vector<unsigned> pages = ParsePages(PagesByLabel(session, id, options.pages), session.PageCount(id));
@@ -77,20 +85,26 @@ int RunExport(Session& session, const ExportOptions& options, const std::string&
 }
 
 int RunMerge(Session& session, const MergeOptions& options, const std::string& password) {
+    if (options.out.empty())
+        throw UsageError("say where the result goes: quirelle merge" + Typed(options.inputs) + " --out NEW.pdf");
+    // FILE or FILE:PAGES; a file whose name holds a colon is taken whole.
+    std::vector<std::pair<std::string, std::string>> inputs;
+    for (const std::string& input : options.inputs) {
+        const size_t colon = input.rfind(':');
+        std::error_code error;
+        if (colon != std::string::npos && colon > 0 && !fs::exists(input, error)) {
+            inputs.emplace_back(input.substr(0, colon), input.substr(colon + 1));
+        } else {
+            inputs.emplace_back(input, "");
+        }
+        RefuseToOverwrite(options.out, inputs.back().first, "write the result to a new file");
+    }
     CheckWritable(options.out);
     Quirelle& service = session.Service();
     const int64 target = service.CreateDocument().get().id;
     Progress progress("merging", static_cast<unsigned>(options.inputs.size()));
     size_t total = 0;
-    for (const std::string& input : options.inputs) {
-        // FILE or FILE:PAGES; a file whose name holds a colon is taken whole.
-        std::string file = input, range;
-        const size_t colon = input.rfind(':');
-        std::error_code error;
-        if (colon != std::string::npos && colon > 0 && !fs::exists(input, error)) {
-            file = input.substr(0, colon);
-            range = input.substr(colon + 1);
-        }
+    for (const auto& [file, range] : inputs) {
         const int64 source = session.Open(file, password);
         session.RequireExtractPages(source, file);
         std::vector<unsigned> pages;
@@ -188,18 +202,20 @@ int RunBlank(Session& session, const PageEditOptions& options, const std::string
 }
 
 int RunImagesToPdf(Session& session, const ImagesOptions& options) {
+    if (options.out.empty()) {
+        throw UsageError("say where the result goes: quirelle images-to-pdf" + Typed(options.images) +
+                         " --out NEW.pdf");
+    }
+    for (const std::string& image : options.images) {
+        if (!IsImageFileExtension(fs::path(image).extension().string()))
+            throw UsageError(image + ": not an image file name (" + ImageExtensions() + ")");
+        RefuseToOverwrite(options.out, image, "write the result to a new file");
+    }
     CheckWritable(options.out);
     Quirelle& service = session.Service();
     const int64 target = service.CreateDocument().get().id;
     Progress progress("converting", static_cast<unsigned>(options.images.size()));
     for (const std::string& image : options.images) {
-        std::string extension = fs::path(image).extension().string();
-        std::transform(extension.begin(), extension.end(), extension.begin(),
-                       [](unsigned char c) { return std::tolower(c); });
-        if (extension != ".png" && extension != ".jpg" && extension != ".jpeg" && extension != ".bmp" &&
-            extension != ".tif" && extension != ".tiff") {
-            throw UsageError(image + ": not an image file name (.png .jpg .jpeg .bmp .tif .tiff)");
-        }
         const int64 source = session.Open(image, "");
         service.ImportAllPages(source, target, -1).get();
         service.CloseDoument(source).get();

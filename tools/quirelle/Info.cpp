@@ -33,19 +33,8 @@ std::string Span(const SizeGroup& group) {
     return group.first == group.last ? first : first + "-" + std::to_string(group.last + 1);
 }
 
-struct Paper {
-    const char* name;
-    double shortSide, longSide;
-};
-constexpr Paper kPapers[] = {{"A3", 842, 1191},      {"A4", 595, 842},       {"A5", 420, 595},
-                             {"B5", 499, 709},       {"Letter", 612, 792},   {"Legal", 612, 1008},
-                             {"Tabloid", 792, 1224}, {"Executive", 522, 756}};
-
 std::string PaperName(const Size& size) {
-    const double shortSide = std::min(size.width, size.height), longSide = std::max(size.width, size.height);
-    for (const Paper& paper : kPapers) {
-        if (std::abs(shortSide - paper.shortSide) < 2 && std::abs(longSide - paper.longSide) < 2) return paper.name;
-    }
+    if (const Paper* paper = FindPaper(size)) return paper->name;
     char text[64];
     std::snprintf(text, sizeof text, "%g x %g pt", std::round(size.width * 10) / 10, std::round(size.height * 10) / 10);
     return text;
@@ -189,13 +178,21 @@ int RunInfo(Session& session, const InfoOptions& options, const std::string& pas
     }
     std::vector<std::string> allowed, forbidden;
     for (const Permission& permission : kPermissions) {
-        ((service.*permission.forbidden)(id) ? forbidden : allowed).push_back(permission.words);
+        const bool isForbidden = (service.*permission.forbidden)(id);
+        std::string words = permission.words;
+        if (!isForbidden && lowResolution && permission.forbidden == &Quirelle::IsPrintProtected)
+            words += " (low resolution only)";
+        (isForbidden ? forbidden : allowed).push_back(words);
     }
-    if (lowResolution) allowed.front() += " (low resolution only)";
     std::cout << "encrypted:   " << (service.IsProtected(id) ? "yes" : "no") << "\n"
-              << "permissions: " << (forbidden.empty() ? "everything allowed" : "allowed: " + Join(allowed));
-    if (!forbidden.empty()) std::cout << (allowed.empty() ? "" : "; ") << "not allowed: " << Join(forbidden);
-    std::cout << "\n";
+              << "permissions: ";
+    if (forbidden.empty()) {
+        std::cout << "everything allowed\n";
+    } else if (allowed.empty()) {
+        std::cout << "nothing allowed (" << Join(forbidden) << ")\n";
+    } else {
+        std::cout << "allowed: " << Join(allowed) << "; not allowed: " << Join(forbidden) << "\n";
+    }
     if (options.links) {
         std::cout << "links:       " << (links.empty() ? "none" : std::to_string(links.size())) << "\n";
         for (const LinkRow& link : links) {
@@ -230,7 +227,8 @@ int RunText(Session& session, const TextOptions& options, const std::string& pas
                 std::cout << ToUtf8(future.get()->GetText());
             } catch (const std::exception& e) {
                 std::cout.flush();
-                std::cerr << "quirelle: page " << page + 1 << ": cannot read its text: " << e.what() << "\n";
+                std::cerr << "quirelle: " << options.file << ": page " << page + 1
+                          << ": cannot read its text: " << e.what() << "\n";
                 status = 1;
             }
         });
@@ -242,7 +240,8 @@ namespace {
 // Prints the hits of each searched page as it comes; called on the worker.
 class HitPrinter {
 public:
-    HitPrinter(bool json, Progress& progress) : json_(json), progress_(progress) {}
+    HitPrinter(std::string file, bool json, Progress& progress)
+        : file_(std::move(file)), json_(json), progress_(progress) {}
 
     void Page(unsigned page, const std::vector<SearchResultInfo>& hits, const ITextObject& text) {
         progress_.Step();
@@ -271,6 +270,9 @@ public:
         ++pagesWithHits_;
     }
 
+    const std::string& File() const { return file_; }
+    size_t Hits() const { return hits_; }
+
     void Summary(unsigned searched) const {
         if (json_) {
             std::cout << json{{"hits", hits_}, {"pagesWithHits", pagesWithHits_}, {"pagesSearched", searched}}.dump()
@@ -282,6 +284,7 @@ public:
     }
 
 private:
+    std::string file_;
     bool json_;
     Progress& progress_;
     size_t hits_ = 0;
@@ -320,7 +323,7 @@ int RunSearch(Session& session, const SearchOptions& options, const std::string&
     const int flags = (options.matchCase ? ITextObject::MatchCase : 0) | (options.words ? ITextObject::WholeWords : 0);
 
     Progress progress("searching", pageCount);
-    HitPrinter printer(options.json, progress);
+    HitPrinter printer(options.file, options.json, progress);
     unsigned start = options.from - 1, remaining = pageCount, failed = 0;
     while (remaining > 0) {
         auto run = std::make_shared<SearchRun>();
@@ -333,7 +336,7 @@ int RunSearch(Session& session, const SearchOptions& options, const std::string&
                 // The service matches with no flags; other flags need a second look at the page's text.
                 if (text) printer.Page(page, flags ? text->FindText(needle, flags) : results, *text);
             } catch (const std::exception& e) {
-                std::cerr << "quirelle: page " << page + 1 << ": " << e.what() << "\n";
+                std::cerr << "quirelle: " << printer.File() << ": page " << page + 1 << ": " << e.what() << "\n";
             }
             ++run->seen;
             run->advanced.notify_all();
@@ -362,7 +365,7 @@ int RunSearch(Session& session, const SearchOptions& options, const std::string&
         if (!stalled) break;
         const unsigned page = (start + seen) % pageCount;
         progress.Clear();
-        std::cerr << "quirelle: page " << page + 1 << " could not be searched\n";
+        std::cerr << "quirelle: " << options.file << ": page " << page + 1 << " could not be searched\n";
         progress.Step();
         ++failed;
         remaining -= seen + 1;
@@ -370,7 +373,8 @@ int RunSearch(Session& session, const SearchOptions& options, const std::string&
     }
     progress.Clear();
     printer.Summary(pageCount - failed);
-    return failed ? 1 : 0;
+    // As grep: 0 when something was found.
+    return failed || printer.Hits() == 0 ? 1 : 0;
 }
 
 }  // namespace QuirelleCli

@@ -4,11 +4,12 @@
 #include "Reading.h"
 
 #include <QImage>
-#include <QString>
 #include <cmath>
 #include <cstdio>
 #include <iostream>
 #include <sstream>
+
+#include "Pictures.h"
 
 namespace QuirelleCli {
 
@@ -49,8 +50,7 @@ void PrintEntries(const std::vector<OutlineEntry>& entries, const std::vector<st
     for (const OutlineEntry& entry : entries) {
         std::cout << std::string(2 * level, ' ') << entry.title;
         if (entry.pageIndex >= 0 && static_cast<size_t>(entry.pageIndex) < labels.size()) {
-            std::cout << "  " << (plain ? "" : labels[entry.pageIndex] + " ") << "(page " << entry.pageIndex + 1
-                      << ")";
+            std::cout << "  " << (plain ? "" : labels[entry.pageIndex] + " ") << "(page " << entry.pageIndex + 1 << ")";
         } else if (!entry.uri.empty()) {
             std::cout << "  " << entry.uri;
         }
@@ -181,7 +181,8 @@ std::string PagesByLabel(Session& session, int64 id, const std::string& pages) {
         if (item.rfind("label:", 0) == 0) {
             item = item.substr(6);
             const size_t dots = item.find("..");
-            item = dots == std::string::npos ? page(item) : page(item.substr(0, dots)) + "-" + page(item.substr(dots + 2));
+            item =
+                dots == std::string::npos ? page(item) : page(item.substr(0, dots)) + "-" + page(item.substr(dots + 2));
         }
         resolved += (resolved.empty() ? "" : ",") + item;
     }
@@ -209,11 +210,20 @@ int RunRenderRegion(Session& session, const RenderOptions& options, const std::s
     }
     fs::path out = options.out;
     if (out.extension().empty()) out += "." + options.format;
+    RefuseToOverwrite(out, options.file, "render to another --out");
     CheckWritable(out);
-    const char* format = out.extension() == ".jpg" || out.extension() == ".jpeg" ? "JPG" : "PNG";
-    if (tile.isNull() || !tile.save(QString::fromStdString(out.string()), format, 90)) {
-        throw Failure(out.string() + ": cannot write the picture");
+    // Null when the time budget or the memory limit ran out, or the engine
+    // failed on part of the region: never a partial picture.
+    if (tile.isNull()) {
+        throw Failure(options.file + ": page " + std::to_string(pages[0] + 1) +
+                      ": the region could not be drawn completely (time budget, memory limit or damage); no picture "
+                      "written");
     }
+    PictureOptions picture;
+    picture.jpeg = out.extension() == ".jpg" || out.extension() == ".jpeg";
+    picture.pngLevel = options.pngLevel;
+    RemovePartialPictureOnSignal();
+    SavePicture(tile, out, picture);
     std::cout << out.string() << ": page " << pages[0] + 1 << ", " << tile.width() << " x " << tile.height()
               << " pixels\n";
     return 0;

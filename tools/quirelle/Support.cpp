@@ -1,12 +1,14 @@
 // Page ranges, the progress bar, opening and saving documents, and the
 // engine limits: what every subcommand shares.
 
+#include <strings.h>
 #include <unistd.h>
 
 #include <QString>
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -14,12 +16,6 @@
 #include <set>
 
 #include "Cli.h"
-
-// ENGINE LIMITS HOOK (see ApplyEngineLimits): on by itself once the library has the header.
-#if __has_include(<orvane/pdf/EngineLimits.h>)
-#include <orvane/pdf/EngineLimits.h>
-#define QUIRELLE_CLI_ENGINE_LIMITS 1
-#endif
 
 namespace QuirelleCli {
 
@@ -104,6 +100,7 @@ void Progress::Clear() {
 void Destination::Check() const {
     if (inPlace && !out.empty()) throw UsageError("--out and --in-place exclude each other");
     if (!inPlace && out.empty()) throw UsageError("say where the result goes: --out NEW.pdf or --in-place");
+    if (inPlace && decrypt) throw UsageError("--decrypt writes a new file: use it with --out");
 }
 
 void CheckWritable(const fs::path& path) {
@@ -116,6 +113,46 @@ void CheckWritable(const fs::path& path) {
     if (access(directory.c_str(), W_OK) != 0) {
         throw Failure(path.string() + ": cannot write the file: " + std::strerror(errno));
     }
+}
+
+const std::vector<Paper> kPapers = {{"A3", 842, 1191},      {"A4", 595, 842},       {"A5", 420, 595},
+                                    {"B5", 499, 709},       {"Letter", 612, 792},   {"Legal", 612, 1008},
+                                    {"Tabloid", 792, 1224}, {"Executive", 522, 756}};
+
+const Paper* FindPaper(const std::string& name) {
+    for (const Paper& paper : kPapers) {
+        if (strcasecmp(paper.name, name.c_str()) == 0) return &paper;
+    }
+    return nullptr;
+}
+
+const Paper* FindPaper(const Orvane::PDF::Size& size) {
+    const double shortSide = std::min(size.width, size.height), longSide = std::max(size.width, size.height);
+    for (const Paper& paper : kPapers) {
+        if (std::abs(shortSide - paper.shortSide) < 2 && std::abs(longSide - paper.longSide) < 2) return &paper;
+    }
+    return nullptr;
+}
+
+void RefuseToOverwrite(const fs::path& out, const fs::path& input, const std::string& hint) {
+    std::error_code error;
+    if (fs::equivalent(out, input, error)) {
+        throw UsageError(out.string() + ": is " + (out == input ? "" : "the same file as " + input.string() + ", ") +
+                         "an input of the command: " + hint);
+    }
+}
+
+std::string PaperNames() {
+    std::string names;
+    for (const Paper& paper : kPapers) names += (names.empty() ? "" : ", ") + std::string(paper.name);
+    return names;
+}
+
+std::string ImageExtensions() {
+    std::string names;
+    for (std::string_view extension : Orvane::PDF::kImageFileExtensions)
+        names += (names.empty() ? "" : " ") + std::string(extension);
+    return names;
 }
 
 std::string FormatRect(const Orvane::PDF::Rect& rect) {
@@ -140,8 +177,12 @@ int64 Session::Open(const fs::path& path, const std::string& password) {
     if (!fs::exists(status)) throw Failure(path.string() + ": no such file");
     if (fs::is_directory(status)) throw Failure(path.string() + ": is a directory");
     if (!std::ifstream(path)) throw Failure(path.string() + ": cannot read the file: " + std::strerror(errno));
+    current_ = path.string();
     const auto opened = service_->OpenDocument(Orvane::ioPath(path), password).get();
-    if (opened.id >= 0) return opened.id;
+    if (opened.id >= 0) {
+        if (PageCount(opened.id) == 0) throw Failure(path.string() + ": no page could be read: the file is damaged");
+        return opened.id;
+    }
     if (opened.passwordError && password.empty()) {
         throw Failure(path.string() + ": the document is encrypted: give its password with --password");
     }
@@ -170,7 +211,7 @@ void Session::RequireExtractPages(int64 id, const fs::path& path) {
 }
 
 void Session::Save(int64 id, const Destination& destination) {
-    if (!destination.inPlace) return SaveAs(id, destination.out);
+    if (!destination.inPlace) return SaveAs(id, destination.out, destination.decrypt);
     const std::string path = service_->GetDocumentPath(id).utf8string();
     try {
         if (service_->SaveDocument(id).get()) return;
@@ -182,8 +223,16 @@ void Session::Save(int64 id, const Destination& destination) {
     }
 }
 
-void Session::SaveAs(int64 id, const fs::path& out) {
+void Session::SaveAs(int64 id, const fs::path& out, bool decrypt) {
     try {
+        if (decrypt) {
+            if (service_->SaveDocumentAsDecrypted(id, Orvane::ioPath(out)).get()) return;
+            if (service_->IsProtected(id)) {
+                throw Failure(out.string() +
+                              ": --decrypt needs the document opened with its owner password (--password)");
+            }
+            throw Failure(out.string() + ": cannot write the file");
+        }
         if (service_->SaveDocumentAs(id, Orvane::ioPath(out)).get()) return;
         throw Failure(out.string() + ": cannot write the file");
     } catch (const Failure&) {
@@ -193,20 +242,12 @@ void Session::SaveAs(int64 id, const fs::path& out) {
     }
 }
 
-// ENGINE LIMITS HOOK: the process-wide limits come with the header
-// orvane/pdf/EngineLimits.h, which <Quirelle> includes once the library has
-// it; until then the options are accepted and ignored with a warning.
 void ApplyEngineLimits(unsigned timeBudgetMs, unsigned memoryLimitMb) {
     if (timeBudgetMs == 0 && memoryLimitMb == 0) return;
-#ifdef QUIRELLE_CLI_ENGINE_LIMITS
     Orvane::PDF::EngineLimits limits = Orvane::PDF::GetEngineLimits();
     if (timeBudgetMs) limits.timeBudget = std::chrono::milliseconds(timeBudgetMs);
     if (memoryLimitMb) limits.memoryLimitBytes = static_cast<std::size_t>(memoryLimitMb) << 20;
     Orvane::PDF::SetEngineLimits(limits);
-#else
-    std::cerr << "quirelle: warning: this library has no engine limits; --time-budget and --memory-limit are "
-                 "ignored\n";
-#endif
 }
 
 }  // namespace QuirelleCli

@@ -5,6 +5,8 @@
 #include <glog/logging.h>
 
 #include <CLI/CLI.hpp>
+#include <cmath>
+#include <cstdio>
 #include <iostream>
 
 #include "Cli.h"
@@ -17,8 +19,35 @@ namespace {
 constexpr const char* kPagesHelp =
     "pages such as 1-3,7,10-z (counted from 1, z is the last page), label:iv or label:iv..A-3 (by page label)";
 
+// A number from low to high, said plainly when it is not ("--dpi: 0 is not
+// between 1 and 2400").
+CLI::Validator Between(double low, double high, bool whole) {
+    auto format = [](double value) {
+        char text[32];
+        std::snprintf(text, sizeof text, "%.15g", value);
+        return std::string(text);
+    };
+    return CLI::Validator(
+        [=](std::string& input) -> std::string {
+            size_t used = 0;
+            double value = 0;
+            try {
+                value = std::stod(input, &used);
+            } catch (const std::exception&) {
+            }
+            if (used == 0 || used != input.size() || (whole && value != std::floor(value)))
+                return input + " is not " + (whole ? "a whole number" : "a number");
+            if (!(value >= low && value <= high))
+                return input + " is not between " + format(low) + " and " + format(high);
+            return "";
+        },
+        "", "Between");
+}
+
 void AddDestination(CLI::App* command, Destination& destination) {
     auto* out = command->add_option("--out", destination.out, "write the result to this new file");
+    command->add_flag("--decrypt", destination.decrypt,
+                      "write the new file without encryption (needs the owner password through --password)");
     command->add_flag("--in-place", destination.inPlace, "replace the file (written safely: all or nothing)")
         ->excludes(out);
 }
@@ -34,9 +63,9 @@ int main(int argc, char** argv) {
     bool verbose = false;
     app.add_option("--password", password, "password of an encrypted input file");
     app.add_option("--time-budget", timeBudget, "longest time in ms the engine may spend on one request")
-        ->check(CLI::Range(1u, 86'400'000u));
+        ->check(Between(1, 86'400'000, true));
     app.add_option("--memory-limit", memoryLimit, "most memory in MB the engine may allocate")
-        ->check(CLI::Range(16u, 1u << 20));
+        ->check(Between(16, 1 << 20, true));
     app.add_flag("--verbose", verbose, "show the library's log on stderr");
 
     InfoOptions info;
@@ -55,11 +84,11 @@ int main(int argc, char** argv) {
     renderCommand->add_option("FILE", render.file, "PDF or image file")->required();
     renderCommand->add_option("PAGES", render.pages, kPagesHelp)->capture_default_str();
     auto* dpi = renderCommand->add_option("--dpi", render.dpi, "resolution (the default is 96)")
-                    ->check(CLI::Range(1.0, 2400.0));
+                    ->check(Between(1, 2400, false));
     auto* width = renderCommand->add_option("--width", render.width, "picture width in pixels, height to scale")
-                      ->check(CLI::Range(1, 30000));
+                      ->check(Between(1, 30000, true));
     auto* height = renderCommand->add_option("--height", render.height, "picture height in pixels, width to scale")
-                       ->check(CLI::Range(1, 30000));
+                       ->check(Between(1, 30000, true));
     dpi->excludes(width)->excludes(height);
     width->excludes(height);
     renderCommand->add_option("--out", render.out, "directory for the pictures (made if missing); with --region, the file")
@@ -71,6 +100,12 @@ int main(int argc, char** argv) {
     renderCommand->add_option("--format", render.format, "png or jpg")
         ->check(CLI::IsMember({"png", "jpg"}))
         ->capture_default_str();
+    renderCommand->add_option("--png-level", render.pngLevel, "PNG compression from 1 (fastest) to 9 (smallest)")
+        ->check(Between(1, 9, true))
+        ->capture_default_str();
+    renderCommand->add_flag("--keep-going", render.keepGoing,
+                            "go on with the other pages when a page cannot be drawn completely (the exit status is "
+                            "still 1)");
 
     TextOptions text;
     auto* textCommand = app.add_subcommand("text", "print the text of pages, separated by form feeds");
@@ -98,8 +133,8 @@ int main(int argc, char** argv) {
 
     MergeOptions merge;
     auto* mergeCommand = app.add_subcommand("merge", "join files, or some of their pages, into a new file");
-    mergeCommand->add_option("OUT", merge.out, "the new file")->required();
     mergeCommand->add_option("INPUT", merge.inputs, "FILE or FILE:PAGES, for example a.pdf b.pdf:1-3,z")->required();
+    mergeCommand->add_option("--out", merge.out, "the new file (required)");
 
     PageEditOptions edit;
     auto* rotateCommand = app.add_subcommand("rotate", "turn pages clockwise");
@@ -124,16 +159,16 @@ int main(int argc, char** argv) {
     auto* blankCommand = app.add_subcommand("blank", "insert a blank page so that it becomes page N");
     blankCommand->add_option("FILE", edit.file, "PDF file")->required();
     blankCommand->add_option("--at", edit.at, "N, from 1 to the page count + 1")->required();
-    blankCommand->add_option("--size", edit.size,
-                             "A4, A3, A5, Letter, Legal or WIDTHxHEIGHT in points; by default the size of the page "
-                             "it goes before");
+    blankCommand->add_option(
+        "--size", edit.size,
+        PaperNames() + " or WIDTHxHEIGHT in points; by default the size of the page it goes before");
     AddDestination(blankCommand, edit.destination);
 
     ImagesOptions images;
     auto* imagesCommand = app.add_subcommand(
         "images-to-pdf", "make a PDF of images, one page per image (per frame of a TIFF), one point per pixel");
-    imagesCommand->add_option("OUT", images.out, "the new file")->required();
-    imagesCommand->add_option("IMAGE", images.images, ".png .jpg .jpeg .bmp .tif .tiff")->required();
+    imagesCommand->add_option("IMAGE", images.images, ImageExtensions())->required();
+    imagesCommand->add_option("--out", images.out, "the new file (required)");
 
     try {
         app.parse(argc, argv);
@@ -150,9 +185,9 @@ int main(int argc, char** argv) {
     google::InitGoogleLogging(argv[0]);
     FLAGS_logtostderr = true;
     FLAGS_minloglevel = verbose ? google::GLOG_INFO : google::GLOG_FATAL;
+    ApplyEngineLimits(timeBudget, memoryLimit);
+    Session session;
     try {
-        ApplyEngineLimits(timeBudget, memoryLimit);
-        Session session;
         if (*infoCommand) return RunInfo(session, info, password);
         if (*outlineCommand) return RunOutline(session, outline, password);
         if (*renderCommand) return RunRender(session, render, password);
@@ -168,8 +203,13 @@ int main(int argc, char** argv) {
     } catch (const UsageError& e) {
         std::cerr << "quirelle: " << e.what() << "\n";
         return 2;
-    } catch (const std::exception& e) {
+    } catch (const Failure& e) {
         std::cerr << "quirelle: " << e.what() << "\n";
+        return 1;
+    } catch (const std::exception& e) {
+        // From the library: about the file the command was working on.
+        std::cerr << "quirelle: " << session.CurrentFile() << (session.CurrentFile().empty() ? "" : ": ") << e.what()
+                  << "\n";
         return 1;
     }
     return 2;
