@@ -59,6 +59,11 @@ struct Recording {
     size_t glyphs = 0;  // glyphs of text drawn (not clipped with)
 };
 
+class PdfPage;
+// The page's recording, from the cache or made now (Renderer.cpp), with a
+// reference of the caller's; nothing when the content cannot be recorded.
+std::optional<Recording> PageRecording(PdfPage& page, bool print);
+
 class DisplayListCache {
 public:
     static DisplayListCache& Instance();

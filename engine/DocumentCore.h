@@ -71,6 +71,14 @@ private:
 // inside guarded().
 pdf_obj* LookupNamedDestination(fz_context* ctx, pdf_document* doc, pdf_obj* name);
 
+// Where a destination leads (an explicit array, a name or string naming one,
+// or a dictionary holding it under /D), resolved as links resolve theirs:
+// pageIndex -1 when it names no page of the document. pageIndices, when
+// given, remembers the page index of each page object met (for many
+// destinations resolved while the page list stays as it is).
+LinkDestination ResolveDestination(const DocumentCore& core, pdf_obj* dest,
+                                   std::unordered_map<int, int>* pageIndices = nullptr);
+
 // The page at index (std::out_of_range when there is none).
 std::shared_ptr<IPage> MakePage(const std::shared_ptr<DocumentCore>& core, unsigned index);
 

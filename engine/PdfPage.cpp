@@ -8,6 +8,7 @@
 #include <exception>
 #include <stdexcept>
 #include <string>
+#include <unordered_map>
 #include <utility>
 
 #include "engine/Context.h"
@@ -223,6 +224,42 @@ void readLink(fz_context* ctx, pdf_document* doc, pdf_obj* annot, LinkRead* out)
     if (out->dest.found) out->type = ILinkAnnotation::Destination;
 }
 
+// The index of the page a destination names, or -1 when it names none of
+// this document's pages. from names the page that asks, for the log.
+int pageIndexOf(const DocumentCore& core, const DestinationRead& dest, int from,
+                std::unordered_map<int, int>* known = nullptr) {
+    fz_context* ctx = core.ctx;
+    pdf_document* doc = core.doc;
+    if (dest.pageRef == nullptr) {
+        const int count = guarded(ctx, [&] { return pdf_count_pages(ctx, doc); });
+        return dest.explicitIndex >= 0 && dest.explicitIndex < count ? dest.explicitIndex : -1;
+    }
+    if (known != nullptr) {
+        const int number = guarded(ctx, [&] { return pdf_is_indirect(ctx, dest.pageRef) ? pdf_to_num(ctx, dest.pageRef) : 0; });
+        if (number > 0) {
+            const auto found = known->find(number);
+            if (found != known->end()) return found->second;
+            const int index = pageIndexOf(core, dest, from);
+            known->emplace(number, index);
+            return index;
+        }
+    }
+    try {
+        // MuPDF answers some number for a page object outside the page
+        // tree, or throws: only an index that leads back to it counts.
+        return guarded(ctx, [&] {
+            pdf_obj* target = pdf_resolve_indirect(ctx, dest.pageRef);
+            const int index = pdf_lookup_page_number(ctx, doc, dest.pageRef);
+            const int count = pdf_count_pages(ctx, doc);
+            if (index < 0 || index >= count) return -1;
+            return pdf_resolve_indirect(ctx, pdf_lookup_page_obj(ctx, doc, index)) == target ? index : -1;
+        });
+    } catch (const Orvane::Exception& e) {
+        VLOG(1) << "page " << from << ": link target not found: " << e.what();
+        return -1;
+    }
+}
+
 class LinkAnnotation : public Annotation, public ILinkAnnotation {
 public:
     LinkAnnotation(Rect rect, std::shared_ptr<DocumentCore> core, PdfObjHandle annot, int pageNumber)
@@ -276,28 +313,7 @@ private:
         return *target_;
     }
 
-    int PageIndexOf(const DestinationRead& dest) const {
-        fz_context* ctx = core_->ctx;
-        pdf_document* doc = core_->doc;
-        if (dest.pageRef == nullptr) {
-            const int count = guarded(ctx, [&] { return pdf_count_pages(ctx, doc); });
-            return dest.explicitIndex >= 0 && dest.explicitIndex < count ? dest.explicitIndex : -1;
-        }
-        try {
-            // MuPDF answers some number for a page object outside the page
-            // tree, or throws: only an index that leads back to it counts.
-            return guarded(ctx, [&] {
-                pdf_obj* target = pdf_resolve_indirect(ctx, dest.pageRef);
-                const int index = pdf_lookup_page_number(ctx, doc, dest.pageRef);
-                const int count = pdf_count_pages(ctx, doc);
-                if (index < 0 || index >= count) return -1;
-                return pdf_resolve_indirect(ctx, pdf_lookup_page_obj(ctx, doc, index)) == target ? index : -1;
-            });
-        } catch (const Orvane::Exception& e) {
-            VLOG(1) << "page " << page_ << ": link target not found: " << e.what();
-            return -1;
-        }
-    }
+    int PageIndexOf(const DestinationRead& dest) const { return pageIndexOf(*core_, dest, page_); }
 
     std::shared_ptr<DocumentCore> core_;
     PdfObjHandle annot_;
@@ -870,6 +886,25 @@ std::vector<std::shared_ptr<IAnnotation>> PdfPage::GetAllAnnotations() {
 
 pdf_obj* LookupNamedDestination(fz_context* ctx, pdf_document* doc, pdf_obj* name) {
     return lookupNamedDestination(ctx, doc, name);
+}
+
+LinkDestination ResolveDestination(const DocumentCore& core, pdf_obj* dest, std::unordered_map<int, int>* pageIndices) {
+    fz_context* ctx = core.ctx;
+    pdf_document* doc = core.doc;
+    const DestinationRead read = guarded(ctx, [&] {
+        DestinationRead r{};
+        r.explicitIndex = -1;
+        readDestination(ctx, doc, dest, &r);
+        return r;
+    });
+    LinkDestination destination;
+    if (!read.found) return destination;
+    destination.pageIndex = pageIndexOf(core, read, -1, pageIndices);
+    if (destination.pageIndex < 0) return destination;
+    destination.x = read.hasX ? read.x : 0.0;
+    destination.y = read.hasY ? read.y : 0.0;
+    destination.zoom = static_cast<float>(read.zoom);
+    return destination;
 }
 
 // ---- MakePage ----

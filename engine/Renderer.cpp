@@ -258,6 +258,27 @@ public:
         LogErrors(errors);
     }
 
+    // The page's recording for drawing parts of it: from the cache, else
+    // recorded now (and kept when the cache is on). Nothing when the content
+    // cannot be recorded.
+    std::optional<Recording> RecordingOf(PdfPage& page, bool flag) {
+        start_ = Clock::now();
+        ctx_ = page.Context();
+        page_ = page.Native();
+        usage_ = flag ? "Print" : "View";
+        const fz_rect bounds = guarded(ctx_, [&] { return pdf_bound_page(ctx_, page_); });
+        const PageKey key{page.Core()->serial, page.Core()->generation, pdf_to_num(ctx_, page_->obj), flag};
+        const bool keep = PageCacheLimit() > 0 && key.object > 0;
+        DisplayListCache& cache = DisplayListCache::Instance();
+        if (keep) {
+            if (std::optional<Recording> found = cache.Find(ctx_, key)) return found;
+        }
+        size_t bytes = 0;
+        std::optional<Recording> recording = Record(bounds, bytes);
+        if (recording && keep) cache.Store(ctx_, key, *recording, bytes);
+        return recording;
+    }
+
 private:
     // A picture that the limits cut short is no picture of the page.
     void Check(const RunResult& result) const {
@@ -340,6 +361,11 @@ private:
 };
 
 }  // namespace
+
+std::optional<Recording> PageRecording(PdfPage& page, bool print) {
+    PageRenderer renderer;
+    return renderer.RecordingOf(page, print);
+}
 
 std::unique_ptr<IPageRenderer> CreatePageRenderer() {
     return std::make_unique<PageRenderer>();

@@ -315,6 +315,17 @@ std::vector<SearchResultInfo> TextObject::FindText(const std::wstring& needle, i
     return hits;
 }
 
+std::wstring SpellLigature(wchar_t c) {
+    const auto code = static_cast<char32_t>(sanitise(static_cast<int>(c)));
+    icu::UnicodeString parts;
+    if (code < 0x80 || !ligatureParts(code, parts)) return std::wstring(1, static_cast<wchar_t>(code));
+    std::wstring spelt;
+    for (int32_t i = 0; i < parts.length(); i = parts.moveIndex32(i, 1)) {
+        spelt.push_back(static_cast<wchar_t>(parts.char32At(i)));
+    }
+    return spelt;
+}
+
 std::shared_ptr<ITextObject> ExtractText(const PdfPage& source) {
     fz_context* ctx = source.Context();
     pdf_page* page = source.Native();

@@ -36,6 +36,10 @@ private:
     std::vector<int> lineStarts_;
 };
 
+// The letters a ligature stands for, as the matcher spells it out
+// ("\uFB01" -> "fi"); any other character as it is.
+std::wstring SpellLigature(wchar_t c);
+
 // Extracts the text of the page's content stream (annotations not included).
 // Throws Orvane::Exception when MuPDF fails or the limits cut the run short.
 class PdfPage;

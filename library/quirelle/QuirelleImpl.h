@@ -125,6 +125,32 @@ public:
     using PendingImages = std::set<PageImageTask, ByPageIndex>;
     using PendingImageQueue = WorkQueue<PageImageTask, PendingImages>;
 
+    // A tile: GenerateTile's record, and a pending asynchronous tile.
+    struct TileTask {
+        int64_t id;
+        unsigned page;
+        Rect region;
+        double scale;
+        ViewType viewType;
+        bool SameTile(const TileTask& other) const {
+            return id == other.id && page == other.page && region.left == other.region.left &&
+                   region.top == other.region.top && region.right == other.region.right &&
+                   region.bottom == other.region.bottom && scale == other.scale && viewType == other.viewType;
+        }
+    };
+    struct LabelTask {
+        int64_t id;
+        std::string label;
+    };
+    struct SelectionTask {
+        enum Kind { Between, Word, Line, All };
+        int64_t id;
+        unsigned page;
+        Kind kind;
+        Position from;  // the point of Word and Line
+        Position to;    // Between only
+    };
+
     struct SearchRequest {
         int64_t id;         // the document searched
         unsigned step;      // position of the next page, counted from startPage without wrapping
@@ -172,6 +198,11 @@ private:
         return viewType == 0 ? pendingDefaultView : pendingOtherViews;
     }
 
+    // ---- tiles (Reading.cpp, caller's thread) ----
+
+    void AddTileRequest(const TileTask& request) EXCLUDES(queueMutex);
+    void CancelTileRequests(const std::function<bool(const TileTask&)>& matches) EXCLUDES(queueMutex);
+
     // ---- searches (caller's thread) ----
 
     int64_t AddSearch(const int64_t& id, unsigned startPage, const std::wstring& text, const SearchCallback& callback)
@@ -205,6 +236,7 @@ private:
     void ServeCallerWork() EXCLUDES(queueMutex);
     void ServePageInfoRequest() EXCLUDES(queueMutex);
     void ServePendingImage(PendingImageQueue& pending) EXCLUDES(queueMutex);
+    void ServePendingTile() EXCLUDES(queueMutex);
     void ServeSearchStep() EXCLUDES(queueMutex);
     void PurgeStoppedSearches() EXCLUDES(queueMutex);
     void DropQueuedWork() EXCLUDES(queueMutex);
@@ -238,6 +270,14 @@ private:
     Rect GetPageObjectBounds(const PagePositionTask& task) const;
     std::shared_ptr<ITextObject> GetPageTextObject(const PageTask& task) const;
     void SearchStep(SearchRequest& request);
+
+    // Reading (Reading.cpp).
+    std::vector<OutlineEntry> Outline(const int64_t& id) const;
+    std::vector<std::string> PageLabels(const int64_t& id) const;
+    int PageByLabel(const LabelTask& task) const;
+    DocumentInformation Information(const int64_t& id) const;
+    TextSelection Select(const SelectionTask& task) const;
+    QImage RenderTile(const TileTask& task) const;
 
     void AddBlankPage(const int64_t& id, unsigned index, int width, int height);
     void DeletePages(const DeletePagesTask& task);
@@ -273,10 +313,16 @@ private:
     PendingImageQueue pendingDefaultView                            {queues, SameDocument};
     PendingImageQueue pendingOtherViews                             {queues, SameDocument};
     Requests<PageImageTask, QImage> pageImageQueue                  {queues, SameDocument};
-    // Tiles go here, beside page images.
+    Requests<TileTask, QImage> tileQueue                            {queues, SameDocument};
+    // Asynchronous tiles, oldest first; one pending request per tile.
+    WorkQueue<TileTask> pendingTiles                                {queues, SameDocument};
     Requests<PagePositionTask, Rect> objectBoundsQueue              {queues, SameDocument};
     Requests<PageTask, std::shared_ptr<ITextObject>> textObjectQueue{queues, SameDocument};
-    // Reading queries (outline, page labels, information, selection) go here.
+    Requests<int64_t, std::vector<OutlineEntry>> outlineQueue       {queues, SameDocument};
+    Requests<int64_t, std::vector<std::string>> pageLabelsQueue     {queues, SameDocument};
+    Requests<LabelTask, int> pageByLabelQueue                       {queues, SameDocument};
+    Requests<int64_t, DocumentInformation> informationQueue         {queues, SameDocument};
+    Requests<SelectionTask, TextSelection> selectionQueue           {queues, SameDocument};
     Requests<RotationPageTask, void> rotationQueue                  {queues, SameDocument};
     // Annotation and form changes go here, right after rotation.
     WorkQueue<CallerWork> callerWorkQueue                           {queues, SameDocument};
@@ -310,6 +356,7 @@ private:
     std::atomic<uint64_t> wakeups{0};  // counts Wake() calls; the worker spins on it before it sleeps
 
     Orvane::Core::EventHandlerList<IPageInfoObserver, Orvane::Core::SyncExecutePolicy> observers;
+    Orvane::Core::EventHandlerList<ITileObserver, Orvane::Core::SyncExecutePolicy> tileObservers;
 
     // Memory of the pictures handed out, reused once callers drop them (also
     // by the next document); at most kIdlePictureBytes of it waits unused.

@@ -89,9 +89,16 @@ void Quirelle::Impl::ServePass() {
     ServeOne(pageInfoQueue);                //  3 page information
     ServePendingImage(pendingDefaultView);  //  4 asynchronous images, default view
     ServePendingImage(pendingOtherViews);   //    asynchronous images, other views
-    ServeOne(pageImageQueue);               //  5 page images; tiles go right after
+    ServeOne(pageImageQueue);               //  5 page images
+    ServeOne(tileQueue);                    //    tiles
+    ServePendingTile();                     //    asynchronous tiles
     ServeOne(objectBoundsQueue);            //  6 object bounds
-    ServeOne(textObjectQueue);              //  7 text objects; reading queries go right after
+    ServeOne(textObjectQueue);              //  7 text objects
+    ServeOne(outlineQueue);                 //    outline
+    ServeOne(pageLabelsQueue);              //    page labels
+    ServeOne(pageByLabelQueue);             //    page by label
+    ServeOne(informationQueue);             //    document information
+    ServeOne(selectionQueue);               //    selection
     ServeOne(rotationQueue);                //  8 rotation; annotation and form changes go right after
     ServeCallerWork();                      //  9 caller's work
     ServeOne(importQueue);                  // 10 import

@@ -33,7 +33,8 @@ struct UsageError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-// Pages as people write them: "1-3,7,10-z", counted from 1, z the last page;
+// Pages as people write them: "1-3,7,10-z", counted from 1, z the last page
+// (commands first turn pages named by label into numbers, see PagesByLabel);
 // a range may run backwards ("z-1"). Answers page indices (from 0) in the
 // order written, duplicates kept. Throws UsageError for bad syntax or a page
 // outside 1..pageCount.
@@ -166,6 +167,7 @@ struct RenderOptions {
     std::string format = "png";
     int pngLevel = kDefaultPngLevel;
     bool keepGoing = false;
+    std::string region;  // LEFT,BOTTOM,RIGHT,TOP in points: one tile (Reading.cpp)
 };
 struct TextOptions {
     std::string file;

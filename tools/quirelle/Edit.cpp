@@ -8,6 +8,7 @@
 #include <iostream>
 
 #include "Cli.h"
+#include "Reading.h"
 
 namespace QuirelleCli {
 
@@ -74,7 +75,7 @@ int RunExport(Session& session, const ExportOptions& options, const std::string&
     RefuseToOverwrite(options.out, options.file, "write the pages to a new file");
     CheckWritable(options.out);
     const int64 id = session.Open(options.file, password);
-    const std::vector<unsigned> pages = ParsePages(options.pages, session.PageCount(id));
+    const std::vector<unsigned> pages = ParsePages(PagesByLabel(session, id, options.pages), session.PageCount(id));
     session.RequireExtractPages(id, options.file);
     if (!session.Service().ExportPagesTo(id, pages, Orvane::ioPath(options.out)).get()) {
         throw Failure(options.out + ": cannot write the file");
@@ -108,7 +109,7 @@ int RunMerge(Session& session, const MergeOptions& options, const std::string& p
         session.RequireExtractPages(source, file);
         std::vector<unsigned> pages;
         try {
-            pages = ParsePages(range.empty() ? "1-z" : range, session.PageCount(source));
+            pages = ParsePages(range.empty() ? "1-z" : PagesByLabel(session, source, range), session.PageCount(source));
         } catch (const UsageError& e) {
             throw UsageError(file + ": " + e.what());
         }
@@ -125,7 +126,7 @@ int RunMerge(Session& session, const MergeOptions& options, const std::string& p
 
 int RunRotate(Session& session, const PageEditOptions& options, const std::string& password) {
     const int64 id = OpenForEdit(session, options, password);
-    const std::vector<unsigned> pages = ParsePageSet(options.pages, session.PageCount(id));
+    const std::vector<unsigned> pages = ParsePageSet(PagesByLabel(session, id, options.pages), session.PageCount(id));
     const auto turn = options.by == 90    ? IPDFProvider::RotateClockwise
                       : options.by == 180 ? IPDFProvider::RotateHalfTurn
                                           : IPDFProvider::RotateCounterClockwise;
@@ -141,7 +142,7 @@ int RunRotate(Session& session, const PageEditOptions& options, const std::strin
 int RunDelete(Session& session, const PageEditOptions& options, const std::string& password) {
     const int64 id = OpenForEdit(session, options, password);
     const unsigned pageCount = session.PageCount(id);
-    std::vector<unsigned> pages = ParsePageSet(options.pages, pageCount);
+    std::vector<unsigned> pages = ParsePageSet(PagesByLabel(session, id, options.pages), pageCount);
     if (pages.size() == pageCount) throw UsageError("cannot delete every page of a document");
     // Highest first: each deletion renumbers the pages behind it.
     std::reverse(pages.begin(), pages.end());
@@ -159,7 +160,7 @@ int RunDelete(Session& session, const PageEditOptions& options, const std::strin
 int RunMove(Session& session, const PageEditOptions& options, const std::string& password) {
     const int64 id = OpenForEdit(session, options, password);
     const unsigned pageCount = session.PageCount(id);
-    const std::vector<unsigned> pages = ParsePageSet(options.pages, pageCount);
+    const std::vector<unsigned> pages = ParsePageSet(PagesByLabel(session, id, options.pages), pageCount);
     const unsigned lastPosition = pageCount - static_cast<unsigned>(pages.size()) + 1;
     if (options.to < 1 || options.to > lastPosition) {
         throw UsageError("--to " + std::to_string(options.to) + " is out of range: moving " + Pages(pages.size()) +

@@ -8,6 +8,7 @@
 #include <nlohmann/json.hpp>
 
 #include "Cli.h"
+#include "Reading.h"
 
 namespace QuirelleCli {
 
@@ -135,6 +136,7 @@ int RunInfo(Session& session, const InfoOptions& options, const std::string& pas
             out["permissions"][permission.key] = !(service.*permission.forbidden)(id);
         }
         out["permissions"]["printLowResolutionOnly"] = lowResolution;
+        AddDocumentInformation(service, id, out);
         out["pageSizes"] = json::array();
         for (const SizeGroup& group : groups) {
             out["pageSizes"].push_back({{"pages", Span(group)},
@@ -164,8 +166,9 @@ int RunInfo(Session& session, const InfoOptions& options, const std::string& pas
         return 0;
     }
 
-    std::cout << "file:        " << options.file << "\n"
-              << "pages:       " << pageCount << "\n";
+    std::cout << "file:        " << options.file << "\n";
+    PrintDocumentInformation(service, id, std::cout);
+    std::cout << "pages:       " << pageCount << "\n";
     for (size_t i = 0; i < groups.size(); ++i) {
         const SizeGroup& group = groups[i];
         std::cout << (i == 0 ? "page sizes:  " : "             ") << Span(group) << ": " << PaperName(group.size) << " "
@@ -211,7 +214,7 @@ int RunInfo(Session& session, const InfoOptions& options, const std::string& pas
 int RunText(Session& session, const TextOptions& options, const std::string& password) {
     Quirelle& service = session.Service();
     const int64 id = session.Open(options.file, password);
-    const std::vector<unsigned> pages = ParsePages(options.pages, session.PageCount(id));
+    const std::vector<unsigned> pages = ParsePages(PagesByLabel(session, id, options.pages), session.PageCount(id));
     int status = 0;
     bool first = true;
     Pipelined(

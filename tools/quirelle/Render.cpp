@@ -7,6 +7,7 @@
 
 #include "Cli.h"
 #include "Pictures.h"
+#include "Reading.h"
 
 namespace QuirelleCli {
 
@@ -36,6 +37,7 @@ QSize PixelSize(const RenderOptions& options, const Size& points) {
 }  // namespace
 
 int RunRender(Session& session, const RenderOptions& options, const std::string& password) {
+    if (!options.region.empty()) return RunRenderRegion(session, options, password);
     // Every page is drawn once: no use keeping what it takes to draw it again.
     EngineLimits limits = GetEngineLimits();
     limits.pageCacheBytes = 0;
@@ -43,7 +45,7 @@ int RunRender(Session& session, const RenderOptions& options, const std::string&
     Quirelle& service = session.Service();
     const int64 id = session.Open(options.file, password);
     const unsigned pageCount = session.PageCount(id);
-    const std::vector<unsigned> pages = ParsePageSet(options.pages, pageCount);
+    const std::vector<unsigned> pages = ParsePageSet(PagesByLabel(session, id, options.pages), pageCount);
 
     const fs::path directory = options.out;
     const int digits = std::max<int>(3, std::to_string(pageCount).size());

@@ -10,12 +10,14 @@
 #include <iostream>
 
 #include "Cli.h"
+#include "Reading.h"
 
 using namespace QuirelleCli;
 
 namespace {
 
-constexpr const char* kPagesHelp = "pages such as 1-3,7,10-z (counted from 1, z is the last page)";
+constexpr const char* kPagesHelp =
+    "pages such as 1-3,7,10-z (counted from 1, z is the last page), label:iv or label:iv..A-3 (by page label)";
 
 // A number from low to high, said plainly when it is not ("--dpi: 0 is not
 // between 1 and 2400").
@@ -67,10 +69,15 @@ int main(int argc, char** argv) {
     app.add_flag("--verbose", verbose, "show the library's log on stderr");
 
     InfoOptions info;
-    auto* infoCommand = app.add_subcommand("info", "pages, page sizes, rotation, permissions, encryption, links");
+    auto* infoCommand = app.add_subcommand("info", "pages, page sizes, rotation, permissions, encryption, document information, page labels, links");
     infoCommand->add_option("FILE", info.file, "PDF or image file")->required();
     infoCommand->add_flag("--links", info.links, "list the links of every page");
     infoCommand->add_flag("--json", info.json, "print one JSON object");
+
+    OutlineOptions outline;
+    auto* outlineCommand = app.add_subcommand("outline", "print the outline (table of contents), one line per entry");
+    outlineCommand->add_option("FILE", outline.file, "PDF file")->required();
+    outlineCommand->add_flag("--json", outline.json, "print nested JSON entries");
 
     RenderOptions render;
     auto* renderCommand = app.add_subcommand("render", "render pages to image files page-001.png, page-002.png...");
@@ -84,7 +91,12 @@ int main(int argc, char** argv) {
                        ->check(Between(1, 30000, true));
     dpi->excludes(width)->excludes(height);
     width->excludes(height);
-    renderCommand->add_option("--out", render.out, "directory for the pictures (made if missing)")->required();
+    renderCommand->add_option("--out", render.out, "directory for the pictures (made if missing); with --region, the file")
+        ->required();
+    renderCommand->add_option("--region", render.region,
+                              "LEFT,BOTTOM,RIGHT,TOP in points: draw only this part of one PAGE, at --dpi")
+        ->excludes(width)
+        ->excludes(height);
     renderCommand->add_option("--format", render.format, "png or jpg")
         ->check(CLI::IsMember({"png", "jpg"}))
         ->capture_default_str();
@@ -177,6 +189,7 @@ int main(int argc, char** argv) {
     Session session;
     try {
         if (*infoCommand) return RunInfo(session, info, password);
+        if (*outlineCommand) return RunOutline(session, outline, password);
         if (*renderCommand) return RunRender(session, render, password);
         if (*textCommand) return RunText(session, text, password);
         if (*searchCommand) return RunSearch(session, search, password);
