@@ -32,4 +32,18 @@ constexpr double kMaxCellsPerPixel = 4;
 // the request's budget is spent. The device is used on the calling thread.
 void LimitTiling(fz_device* drawDevice, fz_rect area);
 
+// Paths: MuPDF flattens a path and scan-converts it in single calls, which
+// neither allocate much nor look at any abort flag; their time grows with the
+// flattened segments and the device rows each spans, so a few megabytes of
+// huge curves hold a render for minutes. Every path is walked once before it
+// is drawn and its work estimated at a rate well above this machine's; a
+// path whose estimate exceeds kFreePathSeconds and what is left of the
+// request's budget is left out (the picture is then incomplete: see
+// RequestBudget::NoteRefusedWork). A clip so refused clips everything away.
+constexpr double kFreePathSeconds = 0.05;
+
+// Wraps the path calls of a draw device that draws the rows of area (device
+// space, as for LimitTiling). The device is used on the calling thread.
+void LimitPaths(fz_device* drawDevice, fz_rect area);
+
 }  // namespace Orvane::PDF::Pdfium

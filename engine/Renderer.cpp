@@ -151,6 +151,7 @@ RunResult drawRows(fz_context* ctx, fz_display_list* list, fz_matrix ctm, const 
         LimitImageDecoding(device.get());
         const fz_rect rows = fz_make_rect(0, float(top), float(target.width), float(bottom));
         LimitTiling(device.get(), rows);
+        LimitPaths(device.get(), rows);
         guarded(ctx, [&] {
             fz_run_display_list(ctx, list, device.get(), ctm, rows, &cookie);
             fz_close_device(ctx, device.get());
@@ -315,7 +316,9 @@ private:
                             }));
         DeviceHandle device(ctx_, guarded(ctx_, [&] { return fz_new_draw_device(ctx_, fz_identity, pixmap.get()); }));
         LimitImageDecoding(device.get());
-        LimitTiling(device.get(), fz_make_rect(0, 0, float(target.width), float(target.height)));
+        const fz_rect whole = fz_make_rect(0, 0, float(target.width), float(target.height));
+        LimitTiling(device.get(), whole);
+        LimitPaths(device.get(), whole);
         const RunResult result = runWithin(Remaining(), [&](fz_cookie& cookie) {
             guarded(ctx_, [&] {
                 pdf_run_page_with_usage(ctx_, page_, device.get(), ctm, usage_, &cookie);

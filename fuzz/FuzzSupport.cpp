@@ -328,13 +328,10 @@ Quirelle& SharedService() {
 std::vector<std::string> EngineSeeds() {
     // The fixtures, one file of every class of damage the engine repairs on
     // open (the fuzzer starts inside the repair paths) and one of every class
-    // of endless work. The huge path is left out: it holds every render for
-    // seconds, and the seeds run in every test run.
+    // of endless work.
     std::vector<std::string> seeds = FixtureDocuments();
     for (const QuirelleTest::DamagedPdf& damaged : QuirelleTest::DamagedPdfs()) seeds.push_back(damaged.bytes);
-    for (const QuirelleTest::HostilePdf& hostile : QuirelleTest::HostilePdfs()) {
-        if (hostile.name != "huge path") seeds.push_back(hostile.bytes);
-    }
+    for (const QuirelleTest::HostilePdf& hostile : QuirelleTest::HostilePdfs()) seeds.push_back(hostile.bytes);
     return seeds;
 }
 

@@ -116,12 +116,16 @@ TEST_F(Stress, TinyLimitsNeverHangAndNeverAnswerHalfAnAnswer) {
                 case 0:
                 case 1: {
                     const QImage picture = render(page, 600);
-                    if (which == 0) EXPECT_TRUE(picture == pictures[index]) << current << ": a different picture";
+                    if (which == 0) {
+                        EXPECT_TRUE(picture == pictures[index]) << current << ": a different picture";
+                    }
                     break;
                 }
                 case 2: {
                     const std::wstring text = page->GetTextObject()->GetText();
-                    if (which == 0) EXPECT_EQ(text, texts[index]) << current;
+                    if (which == 0) {
+                        EXPECT_EQ(text, texts[index]) << current;
+                    }
                     break;
                 }
                 case 3:
