@@ -264,6 +264,7 @@ public:
     // cannot be recorded.
     std::optional<Recording> RecordingOf(PdfPage& page, bool flag) {
         start_ = Clock::now();
+        source_ = &page;
         ctx_ = page.Context();
         page_ = page.Native();
         usage_ = flag ? "Print" : "View";

@@ -45,6 +45,7 @@ QImage RenderTile(const std::shared_ptr<IPage>& page, const Rect& region, double
     }
     if (!std::isfinite(scale) || !(scale > 0)) throw std::invalid_argument("tile: the scale must be above zero");
 
+    pdfPage->ThrowIfPastBudget();
     fz_context* ctx = pdfPage->Context();
     pdf_page* native = pdfPage->Native();
     ScopedFontProvider fonts(pdfPage->Core()->fonts.get());
@@ -104,8 +105,11 @@ QImage RenderTile(const std::shared_ptr<IPage>& page, const Rect& region, double
     pixmap.get()->y = place.pixels.y0;
     DeviceHandle drawer(ctx, guarded(ctx, [&] { return fz_new_draw_device(ctx, fz_identity, pixmap.get()); }));
     LimitImageDecoding(drawer.get());
+    LimitTiling(drawer.get(), fz_rect_from_irect(place.pixels));
+    LimitPaths(drawer.get(), fz_rect_from_irect(place.pixels));
     fz_cookie cookie{};  // a failing operator ends the run instead of throwing
     bool expired = false;
+    const RunLimits limits;
     {
         const Deadline deadline(cookie, PageTimeBudget());
         guarded(ctx, [&] {
@@ -114,10 +118,8 @@ QImage RenderTile(const std::shared_ptr<IPage>& page, const Rect& region, double
         });
         expired = deadline.Expired();
     }
-    if (expired) {
-        throw Orvane::Exception("page " + std::to_string(native->super.number) + ": drawing a tile took longer than " +
-                                std::to_string(PageTimeBudget().count()) + " ms");
-    }
+    // A tile the limits cut short is no tile of the page.
+    pdfPage->CheckRun("drawing a tile", expired, limits);
     return tile;
 }
 
