@@ -609,14 +609,34 @@ PdfDocument::Permissions PdfDocument::ReadPermissions(bool ownerAccess) const {
 
 // ---- whole-document operations ----
 
+namespace {
+
+// The pages a walk over every page visits: a count the tree's nodes claim is
+// no bound, only the pages the tree holds are.
+int PagesHeld(fz_context* ctx, pdf_document* doc, const PageTree& tree) {
+    return std::min(guarded(ctx, [&] { return pdf_count_pages(ctx, doc); }), static_cast<int>(tree.leaves.size()));
+}
+
+// A walk over every page ends with the request's budget, whatever each page
+// costs (a page that fails is logged and passed over).
+void ThrowIfBudgetSpent(const char* what) {
+    if (RequestBudget::Expired()) {
+        throw Orvane::Exception(std::string(what) + " ran past the time budget of " +
+                                std::to_string(TimeBudget().count()) + " ms");
+    }
+}
+
+}  // namespace
+
 void PdfDocument::FixupDocument() const {
     const RequestBudget budget;
     fz_context* ctx = core_->ctx;
     pdf_document* doc = core_->doc;
     core_->Changed();
     const PageTree tree = ReadPageTree(ctx, doc);
-    const int count = guarded(ctx, [&] { return pdf_count_pages(ctx, doc); });
+    const int count = PagesHeld(ctx, doc, tree);
     for (int i = 0; i < count; ++i) {
+        ThrowIfBudgetSpent("completing the pages' attributes");
         try {
             pdf_obj* page = PageObject(ctx, doc, tree, i);
             guarded(ctx, [&] { pdf_flatten_inheritable_page_items(ctx, page); });
@@ -918,12 +938,13 @@ void PdfDocument::RemoveHiddenObjects() {
     pdf_document* doc = core_->doc;
     core_->Changed();
     const PageTree tree = ReadPageTree(ctx, doc);
-    const int count = guarded(ctx, [&] { return pdf_count_pages(ctx, doc); });
+    const int count = PagesHeld(ctx, doc, tree);
     // Two passes: most documents hide nothing, and only those that do are
     // searched for what could show it.
     for (int drop = 0; drop <= 1; ++drop) {
         int found = 0;
         for (int i = 0; i < count; ++i) {
+            ThrowIfBudgetSpent("looking for hidden annotations");
             try {
                 pdf_obj* page = PageObject(ctx, doc, tree, i);
                 const int hidden = guarded(ctx, [&] { return hiddenAnnotations(ctx, page, drop); });
