@@ -471,7 +471,9 @@ public:
         engineDocument(target, "target");
         fz_context* ctx = from.Core()->ctx;
         pdf_document* src = from.Core()->doc;
-        const int count = guarded(ctx, [&] { return pdf_count_pages(ctx, src); });
+        // The pages the tree holds: a count its nodes claim is no bound.
+        const int count = std::min(guarded(ctx, [&] { return pdf_count_pages(ctx, src); }),
+                                   static_cast<int>(ReadPageTree(ctx, src).leaves.size()));
         std::vector<unsigned> pages(size_t(std::max(count, 0)));
         for (size_t i = 0; i < pages.size(); ++i) pages[i] = unsigned(i);
         ImportPages(source, pages, target, insertIndex);

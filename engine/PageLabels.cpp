@@ -14,6 +14,7 @@
 
 #include "engine/DocumentCore.h"
 #include "engine/Guarded.h"
+#include "engine/PageTree.h"
 #include "engine/PdfDocument.h"
 #include "engine/Reading.h"
 
@@ -156,8 +157,10 @@ std::vector<std::string> ReadPageLabels(const IDocument& document) {
         pdf_obj* root = pdf_dict_get(ctx, pdf_trailer(ctx, core.doc), PDF_NAME(Root));
         return Top{pdf_dict_gets(ctx, root, "PageLabels"), pdf_count_pages(ctx, core.doc)};
     });
+    // The pages the tree holds: a count its nodes claim is no bound.
+    const int pages = std::min(top.pages, static_cast<int>(ReadPageTree(ctx, core.doc).leaves.size()));
     std::vector<std::string> labels;
-    labels.reserve(static_cast<size_t>(std::max(top.pages, 0)));
+    labels.reserve(static_cast<size_t>(std::max(pages, 0)));
     std::vector<Range> ranges;
     if (top.tree) {
         TreeReader reader(ctx);
@@ -166,7 +169,7 @@ std::vector<std::string> ReadPageLabels(const IDocument& document) {
     }
     size_t next = 0;
     const Range* current = nullptr;
-    for (int page = 0; page < top.pages; ++page) {
+    for (int page = 0; page < pages; ++page) {
         while (next < ranges.size() && ranges[next].start <= page) current = &ranges[next++];
         if (current == nullptr) {
             labels.push_back(std::to_string(page + 1));
