@@ -246,12 +246,9 @@ void strokePath(fz_context* ctx, fz_device* dev, const fz_path* path, const fz_s
     }
 }
 
-// A clip must still be pushed (its pop follows): an empty one.
-void clipPath(fz_context* ctx, fz_device* dev, const fz_path* path, int evenOdd, fz_matrix ctm, fz_rect scissor) {
-    if (!pathRefused(ctx, path, nullptr, ctm)) {
-        drawClipPath.load()(ctx, dev, path, evenOdd, ctm, scissor);
-        return;
-    }
+// A refused clip must still be pushed (its pop follows): an empty one,
+// which clips everything inside it away.
+void pushEmptyClip(fz_context* ctx, fz_device* dev, fz_matrix ctm, fz_rect scissor) {
     fz_path* nothing = fz_new_path(ctx);
     fz_try(ctx) {
         drawClipPath.load()(ctx, dev, nothing, 0, ctm, scissor);
@@ -264,22 +261,21 @@ void clipPath(fz_context* ctx, fz_device* dev, const fz_path* path, int evenOdd,
     }
 }
 
+void clipPath(fz_context* ctx, fz_device* dev, const fz_path* path, int evenOdd, fz_matrix ctm, fz_rect scissor) {
+    if (!pathRefused(ctx, path, nullptr, ctm)) {
+        drawClipPath.load()(ctx, dev, path, evenOdd, ctm, scissor);
+        return;
+    }
+    pushEmptyClip(ctx, dev, ctm, scissor);
+}
+
 void clipStrokePath(fz_context* ctx, fz_device* dev, const fz_path* path, const fz_stroke_state* stroke,
                     fz_matrix ctm, fz_rect scissor) {
     if (!pathRefused(ctx, path, stroke, ctm)) {
         drawClipStrokePath.load()(ctx, dev, path, stroke, ctm, scissor);
         return;
     }
-    fz_path* nothing = fz_new_path(ctx);
-    fz_try(ctx) {
-        drawClipPath.load()(ctx, dev, nothing, 0, ctm, scissor);
-    }
-    fz_always(ctx) {
-        fz_drop_path(ctx, nothing);
-    }
-    fz_catch(ctx) {
-        fz_rethrow(ctx);
-    }
+    pushEmptyClip(ctx, dev, ctm, scissor);
 }
 
 }  // namespace

@@ -222,8 +222,8 @@ void describe(fz_context* ctx, pdf_document* doc, fz_buffer* out) {
     pdf_obj* files = pdf_load_name_tree(ctx, doc, PDF_NAME(EmbeddedFiles));
     fz_try(ctx) {
         for (int i = 0; i < pdf_dict_len(ctx, files); ++i) {
-            pdf_obj* spec = pdf_dict_get_val(ctx, files, i);
-            pdf_obj* data = pdf_dict_get(ctx, pdf_dict_get(ctx, spec, PDF_NAME(EF)), PDF_NAME(F));
+            pdf_obj* fileSpec = pdf_dict_get_val(ctx, files, i);
+            pdf_obj* data = pdf_dict_get(ctx, pdf_dict_get(ctx, fileSpec, PDF_NAME(EF)), PDF_NAME(F));
             fz_buffer* bytes = pdf_is_stream(ctx, data) ? pdf_load_stream(ctx, data) : NULL;
             fz_snprintf(text, sizeof text, "%s (%d bytes)", pdf_to_name(ctx, pdf_dict_get_key(ctx, files, i)),
                         bytes != NULL ? (int)bytes->len : -1);

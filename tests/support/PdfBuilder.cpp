@@ -481,9 +481,9 @@ std::string PdfBuilder::Build() const {
         std::string entries = "<< /Names [";
         for (const auto& file : sorted) {
             const int data = w.AddStream("/Type /EmbeddedFile", file.second);
-            const int spec = w.Add("<< /Type /Filespec /F " + LiteralString(file.first) + " /UF " +
+            const int fileSpec = w.Add("<< /Type /Filespec /F " + LiteralString(file.first) + " /UF " +
                                    LiteralString(file.first) + " /EF << /F " + Ref(data) + " >> >>");
-            entries += " " + LiteralString(file.first) + " " + Ref(spec);
+            entries += " " + LiteralString(file.first) + " " + Ref(fileSpec);
         }
         names += " /EmbeddedFiles " + Ref(w.Add(entries + " ] >>"));
     }
