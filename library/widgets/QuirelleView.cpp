@@ -6,6 +6,8 @@
 #include "QuirelleView.h"
 
 #include <QApplication>
+#include <QClipboard>
+#include <QDateTime>
 #include <QGestureEvent>
 #include <QKeyEvent>
 #include <QNativeGestureEvent>
@@ -20,6 +22,7 @@
 
 #include "GuiThread.h"
 #include "PageSource.h"
+#include "TileCache.h"
 
 namespace Orvane::PDF {
 
@@ -35,6 +38,11 @@ const QColor kBackground(0x5a, 0x5a, 0x5a);
 const QColor kDarkBackground(0x20, 0x20, 0x20);
 const QColor kHighlight(255, 210, 0, 110);
 const QColor kCurrentHighlight(255, 120, 0, 150);
+const QColor kSelection(0, 110, 230, 90);
+// Above this many pixels a page's whole picture is asked at this size and
+// drawn scaled, and tiles at the zoom shown are drawn over it.
+constexpr qint64 kTilePixels = 4'000'000;
+constexpr qint64 kTileBudgetBytes = 128LL << 20;
 
 // Page space (points, y up, crop box rect, turned by rotation) to the page as
 // displayed (points from its top-left corner, y down), and back.
@@ -92,7 +100,16 @@ QImage Darkened(const QImage& image) {
 }  // namespace
 
 QuirelleView::QuirelleView(IPDFProvider& service, QWidget* parent)
-    : QAbstractScrollArea(parent), source_(new PageSource(service, IPageInfoObserver::DefaultView, this)) {
+    : QAbstractScrollArea(parent),
+      source_(new PageSource(service, IPageInfoObserver::DefaultView, this)),
+      reader_(dynamic_cast<IReadingProvider*>(&service)) {
+    if (reader_ != nullptr) {
+        tiles_ = new TileCache(service, *reader_, kTileBudgetBytes, this);
+        connect(tiles_, &TileCache::TileArrived, this, [this](int page) {
+            viewport()->update(PageRect(page));
+            emit TileArrived(page);
+        });
+    }
     setVerticalScrollBarPolicy(Qt::ScrollBarAlwaysOn);  // a fitted zoom must not change the viewport's width
     setFocusPolicy(Qt::StrongFocus);
     viewport()->setMouseTracking(true);
@@ -108,6 +125,8 @@ QuirelleView::~QuirelleView() = default;
 
 void QuirelleView::SetDocument(int64_t id) {
     highlights_.clear();
+    ClearSelection();
+    if (tiles_ != nullptr) tiles_->Reset(id);
     darkPictures_.clear();
     back_.clear();
     forward_.clear();
@@ -130,6 +149,8 @@ QImage QuirelleView::PageImage(int page) const {
 
 void QuirelleView::Reload() {
     highlights_.clear();
+    ClearSelection();
+    if (tiles_ != nullptr) tiles_->Reset(Document());
     darkPictures_.clear();
     source_->Reload();
     // The new page count at once (sizes follow), so that GoToPage can land
@@ -222,14 +243,122 @@ QRect QuirelleView::PageRect(int page) const {
 void QuirelleView::UpdateRequests() {
     if (PageCount() == 0) return source_->Want({}, 0, -1);
     const int top = verticalScrollBar()->value(), screen = viewport()->height();
-    const qreal ratio = devicePixelRatioF();
     std::map<int, QSize> wanted;
     // The visible pages and one screen ahead.
     for (int page = PageAtY(top); page < PageCount() && tops_[static_cast<size_t>(page)] < top + 2 * screen; ++page) {
-        const QSizeF size = DisplaySize(page) * ratio;
-        wanted[page] = QSize(static_cast<int>(std::lround(size.width())), static_cast<int>(std::lround(size.height())));
+        QSize size = WholePixels(page);
+        const qint64 pixels = qint64(size.width()) * size.height();
+        // A tiled page's picture is only what shows until its tiles come.
+        if (Tiled(page)) size = (QSizeF(size) * std::sqrt(double(kTilePixels) / double(pixels))).toSize();
+        wanted[page] = size;
     }
     source_->Want(wanted, PageAtY(std::max(0, top - screen)), PageAtY(top + 3 * screen));
+    UpdateTiles();
+}
+
+QSize QuirelleView::WholePixels(int page) const {
+    const QSizeF size = DisplaySize(page) * devicePixelRatioF();
+    return QSize(static_cast<int>(std::lround(size.width())), static_cast<int>(std::lround(size.height())));
+}
+
+bool QuirelleView::Tiled(int page) const {
+    if (tiles_ == nullptr || page < 0 || page >= PageCount()) return false;
+    const PageSource::Page& info = source_->At(page);
+    const QSize whole = WholePixels(page);
+    return info.known && !info.failed && qint64(whole.width()) * whole.height() > kTilePixels;
+}
+
+double QuirelleView::TileScale() const {
+    return PixelsPerPoint() * devicePixelRatioF();
+}
+
+QRect QuirelleView::CellPixels(int page, const QPoint& cell) const {
+    const int size = TileCache::kTileSize;
+    return QRect(cell.x() * size, cell.y() * size, size, size).intersected(QRect(QPoint(0, 0), WholePixels(page)));
+}
+
+// The page-space rectangle whose pixels in the whole picture are exactly
+// pixels: a hair inside them, so that rounding takes no neighbour.
+Rect QuirelleView::CellRegion(int page, const QRect& pixels) const {
+    const PageSource::Page& info = source_->At(page);
+    const QSize whole = WholePixels(page);
+    const double sx = info.size.width() / whole.width(), sy = info.size.height() / whole.height();
+    constexpr double kInset = 0.02;
+    const QPointF a = FromDisplayed(info, {(pixels.left() + kInset) * sx, (pixels.top() + kInset) * sy});
+    const QPointF b = FromDisplayed(info, {(pixels.left() + pixels.width() - kInset) * sx,
+                                           (pixels.top() + pixels.height() - kInset) * sy});
+    return Rect{std::min(a.x(), b.x()), std::max(a.y(), b.y()), std::max(a.x(), b.x()), std::min(a.y(), b.y())};
+}
+
+// The cells of the visible parts of tiled pages are asked for; those within
+// a screen of the view are kept, the rest forgotten.
+void QuirelleView::UpdateTiles() {
+    if (tiles_ == nullptr) return;
+    const qreal ratio = devicePixelRatioF();
+    const QRect visible = viewport()->rect();
+    const QRect near = visible.adjusted(-visible.width(), -visible.height(), visible.width(), visible.height());
+    const int size = TileCache::kTileSize;
+    std::vector<TileCache::Wanted> wanted;
+    std::map<int, QRect> keep;  // page: kept area in picture pixels
+    auto pixelsOf = [&](int page, const QRect& area) {
+        const QRect where = PageRect(page);
+        const QRect shown = where.intersected(area);
+        if (shown.isEmpty()) return QRect();
+        const QRectF pixels(QPointF(shown.topLeft() - where.topLeft()) * ratio, QSizeF(shown.size()) * ratio);
+        return pixels.toAlignedRect();
+    };
+    if (!tops_.empty()) {
+        const int top = verticalScrollBar()->value();
+        for (int page = PageAtY(std::max(0, top - visible.height())); page < PageCount(); ++page) {
+            if (PageRect(page).top() > near.bottom()) break;
+            if (!Tiled(page)) continue;
+            keep[page] = pixelsOf(page, near);
+            const QRect pixels = pixelsOf(page, visible);
+            if (pixels.isEmpty()) continue;
+            for (int row = pixels.top() / size; row <= pixels.bottom() / size; ++row) {
+                for (int column = pixels.left() / size; column <= pixels.right() / size; ++column) {
+                    const QPoint cell(column, row);
+                    const QRect cellPixels = CellPixels(page, cell);
+                    if (!cellPixels.isEmpty()) wanted.push_back({{page, cell}, CellRegion(page, cellPixels)});
+                }
+            }
+        }
+    }
+    tiles_->Want(TileScale(), wanted, [&](const TileCache::Key& key) {
+        auto it = keep.find(key.page);
+        return it != keep.end() && it->second.intersects(CellPixels(key.page, key.cell));
+    });
+}
+
+std::vector<std::pair<QRect, Rect>> QuirelleView::ShownTiles(int page) const {
+    std::vector<std::pair<QRect, Rect>> shown;
+    if (!Tiled(page)) return shown;
+    const qreal ratio = devicePixelRatioF();
+    const QRect where = PageRect(page);
+    const QSize whole = WholePixels(page);
+    const int size = TileCache::kTileSize;
+    for (int row = 0; row * size < whole.height(); ++row) {
+        for (int column = 0; column * size < whole.width(); ++column) {
+            const QPoint cell(column, row);
+            if (tiles_->Find({page, cell}).isNull()) continue;
+            const QRect pixels = CellPixels(page, cell);
+            const QRectF placed(QPointF(where.topLeft()) + QPointF(pixels.topLeft()) / ratio,
+                                QSizeF(pixels.size()) / ratio);
+            shown.emplace_back(placed.toAlignedRect(), CellRegion(page, pixels));
+        }
+    }
+    return shown;
+}
+
+int QuirelleView::PendingTiles() const {
+    return tiles_ == nullptr ? 0 : tiles_->Pending();
+}
+
+qint64 QuirelleView::PictureBytes() const {
+    qint64 bytes = tiles_ == nullptr ? 0 : tiles_->Bytes();
+    for (int page = 0; page < PageCount(); ++page) bytes += source_->At(page).image.sizeInBytes();
+    for (const auto& dark : darkPictures_) bytes += dark.second.sizeInBytes();
+    return bytes;
 }
 
 void QuirelleView::UpdateCurrentPage() {
@@ -352,6 +481,11 @@ void QuirelleView::SetDarkMode(bool dark) {
     if (dark == dark_) return;
     dark_ = dark;
     darkPictures_.clear();
+    if (tiles_ != nullptr) {
+        tiles_->SetRecolour(dark ? std::function<QImage(const QImage&)>(Darkened) : nullptr);
+        tiles_->Reset(Document());
+        UpdateTiles();
+    }
     viewport()->update();
 }
 
@@ -423,6 +557,23 @@ void QuirelleView::paintEvent(QPaintEvent*) {
             painter.setRenderHint(QPainter::SmoothPixmapTransform, image.size() != where.size() * devicePixelRatioF());
             painter.drawImage(QRectF(where), image);
         }
+        if (Tiled(page)) {
+            // The sharp tiles over the scaled picture, where they have come.
+            painter.setRenderHint(QPainter::SmoothPixmapTransform, false);
+            const qreal ratio = devicePixelRatioF();
+            const QRect shown = where.intersected(visible);
+            const QRectF pixels(QPointF(shown.topLeft() - where.topLeft()) * ratio, QSizeF(shown.size()) * ratio);
+            const QRect cells = pixels.toAlignedRect();
+            const int size = TileCache::kTileSize;
+            for (int row = cells.top() / size; !cells.isEmpty() && row <= cells.bottom() / size; ++row) {
+                for (int column = cells.left() / size; column <= cells.right() / size; ++column) {
+                    const QImage tile = tiles_->Find({page, QPoint(column, row)});
+                    if (tile.isNull()) continue;
+                    const QPointF at = QPointF(where.topLeft()) + QPointF(column * size, row * size) / ratio;
+                    painter.drawImage(QRectF(at, QSizeF(tile.size()) / ratio), tile);
+                }
+            }
+        }
         auto paintBoxes = [&](const QVector<Rect>& boxes, const QColor& colour) {
             for (const Rect& r : boxes) {
                 painter.fillRect(
@@ -432,6 +583,7 @@ void QuirelleView::paintEvent(QPaintEvent*) {
         };
         paintBoxes(highlights_.value(page), kHighlight);
         if (page == highlightPage_) paintBoxes(currentHighlight_, kCurrentHighlight);
+        if (page == selectionPage_) paintBoxes(QVector<Rect>(selection_.rects.begin(), selection_.rects.end()), kSelection);
     }
 }
 
@@ -449,6 +601,8 @@ void QuirelleView::scrollContentsBy(int, int) {
 void QuirelleView::keyPressEvent(QKeyEvent* event) {
     QScrollBar* bar = verticalScrollBar();
     const bool control = event->modifiers() & Qt::ControlModifier;
+    if (event->matches(QKeySequence::Copy)) return CopySelection(), event->accept();
+    if (event->matches(QKeySequence::SelectAll)) return SelectAll(), event->accept();
     switch (event->key()) {
         case Qt::Key_PageDown:
         case Qt::Key_Space:
@@ -535,6 +689,18 @@ void QuirelleView::CheckLink(const QPoint& viewportPoint) {
 }
 
 void QuirelleView::mouseMoveEvent(QMouseEvent* event) {
+    if (pressHit_ && (event->buttons() & Qt::LeftButton) &&
+        (selecting_ || (event->pos() - pressPoint_).manhattanLength() >= QApplication::startDragDistance())) {
+        // A drag selects on the page where it began.
+        selecting_ = true;
+        const int page = pressHit_->first;
+        const auto to = PointOnPage(page, event->pos());
+        if (!to) return;
+        const PDF::Position a{pressHit_->second.x(), pressHit_->second.y()}, b{to->x(), to->y()};
+        const int64_t doc = Document();
+        AskSelection(page, [this, doc, page, a, b] { return reader_->SelectText(doc, static_cast<unsigned>(page), a, b); });
+        return event->accept();
+    }
     if (!linksEnabled_ || Document() < 0) return QAbstractScrollArea::mouseMoveEvent(event);
     if (linkQueryBusy_) {
         nextLinkQuery_ = event->pos();
@@ -549,11 +715,109 @@ void QuirelleView::mousePressEvent(QMouseEvent* event) {
         return event->accept();
     }
     pressPoint_ = event->pos();
+    selecting_ = false;
+    pressHit_.reset();
+    if (event->button() == Qt::LeftButton && reader_ != nullptr) {
+        pressHit_ = PageAt(event->pos());
+        // A third click soon after a double click, where it was: the line.
+        const qint64 now = QDateTime::currentMSecsSinceEpoch();
+        if (pressHit_ && lastDoubleClick_ >= 0 && now - lastDoubleClick_ <= QApplication::doubleClickInterval() &&
+            (event->pos() - lastDoubleClickPoint_).manhattanLength() < QApplication::startDragDistance()) {
+            lastDoubleClick_ = -1;
+            const int page = pressHit_->first;
+            const PDF::Position at{pressHit_->second.x(), pressHit_->second.y()};
+            const int64_t doc = Document();
+            AskSelection(page, [this, doc, page, at] { return reader_->SelectLine(doc, static_cast<unsigned>(page), at); });
+            selecting_ = true;  // the release follows no link
+            pressHit_.reset();
+            return event->accept();
+        }
+    }
     QAbstractScrollArea::mousePressEvent(event);
+}
+
+void QuirelleView::mouseDoubleClickEvent(QMouseEvent* event) {
+    if (event->button() != Qt::LeftButton || reader_ == nullptr) return QAbstractScrollArea::mouseDoubleClickEvent(event);
+    const auto hit = PageAt(event->pos());
+    if (!hit) return;
+    lastDoubleClick_ = QDateTime::currentMSecsSinceEpoch();
+    lastDoubleClickPoint_ = event->pos();
+    const int page = hit->first;
+    const PDF::Position at{hit->second.x(), hit->second.y()};
+    const int64_t doc = Document();
+    AskSelection(page, [this, doc, page, at] { return reader_->SelectWord(doc, static_cast<unsigned>(page), at); });
+    selecting_ = true;
+    pressHit_.reset();
+    event->accept();
+}
+
+std::optional<QPointF> QuirelleView::PointOnPage(int page, const QPoint& viewportPoint) const {
+    const QRect where = PageRect(page);
+    if (where.isEmpty() || !source_->At(page).known) return std::nullopt;
+    const QPoint inside(std::clamp(viewportPoint.x(), where.left(), where.right()),
+                        std::clamp(viewportPoint.y(), where.top(), where.bottom()));
+    const PageSource::Page& info = source_->At(page);
+    const double scale = info.size.width() / std::max(1, where.width());
+    return FromDisplayed(info, QPointF(inside - where.topLeft()) * scale);
+}
+
+void QuirelleView::AskSelection(int page, std::function<std::future<TextSelection>()> ask) {
+    if (reader_ == nullptr || Document() < 0) return;
+    if (selectionBusy_) {
+        nextSelection_ = std::make_pair(page, std::move(ask));
+        return;
+    }
+    selectionBusy_ = true;
+    const uint64_t generation = selectionGeneration_;
+    WhenReady(this, ask(), [this, page, generation](std::future<TextSelection>& answer) {
+        selectionBusy_ = false;
+        try {
+            TextSelection chosen = answer.get();
+            if (generation == selectionGeneration_) {
+                selection_ = std::move(chosen);
+                selectionPage_ = selection_.charCount > 0 ? page : -1;
+                viewport()->update();
+                emit SelectionChanged();
+            }
+        } catch (const std::exception&) {
+            // The page went away meanwhile (an edit): nothing selected there.
+        }
+        if (auto next = std::exchange(nextSelection_, std::nullopt)) AskSelection(next->first, std::move(next->second));
+    });
+}
+
+void QuirelleView::SelectAll() {
+    if (reader_ == nullptr || CurrentPage() < 0) return;
+    const int page = CurrentPage();
+    const int64_t doc = Document();
+    AskSelection(page, [this, doc, page] { return reader_->SelectAll(doc, static_cast<unsigned>(page)); });
+}
+
+void QuirelleView::ClearSelection() {
+    ++selectionGeneration_;
+    nextSelection_.reset();
+    const bool had = selectionPage_ >= 0;
+    selection_ = TextSelection();
+    selectionPage_ = -1;
+    if (had) {
+        viewport()->update();
+        emit SelectionChanged();
+    }
+}
+
+void QuirelleView::CopySelection() const {
+    if (selectionPage_ < 0 || selection_.text.empty()) return;
+    QApplication::clipboard()->setText(QString::fromStdString(selection_.text));
 }
 
 void QuirelleView::mouseReleaseEvent(QMouseEvent* event) {
     QAbstractScrollArea::mouseReleaseEvent(event);
+    pressHit_.reset();
+    if (std::exchange(selecting_, false)) return;
+    // A plain click drops the selection.
+    if (event->button() == Qt::LeftButton &&
+        (event->pos() - pressPoint_).manhattanLength() < QApplication::startDragDistance())
+        ClearSelection();
     if (!linksEnabled_ || event->button() != Qt::LeftButton ||
         (event->pos() - pressPoint_).manhattanLength() >= QApplication::startDragDistance())
         return;

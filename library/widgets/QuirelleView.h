@@ -9,9 +9,16 @@
 // Pages are drawn as the service answers; only the visible pages and one
 // screen ahead are asked for, and requests for pages scrolled away are
 // withdrawn. A zoom change draws the old pictures scaled until the new ones
-// arrive; zoom goes from 10 % to 6400 %, and above 24 megapixels a page's
-// picture is asked smaller and drawn scaled, so that memory stays bounded at
-// any zoom. Link jumps and JumpToPage are remembered for Back and Forward.
+// arrive; zoom goes from 10 % to 6400 %. Where a page's whole picture would
+// pass a few megapixels, the page is asked at that size and drawn scaled,
+// and the visible parts are drawn over it from tiles of 512 pixels at the
+// zoom shown (when the service is also an IReadingProvider), so that memory
+// stays bounded at any zoom while every zoom is sharp. Link jumps and
+// JumpToPage are remembered for Back and Forward.
+//
+// With an IReadingProvider, text is selected with the mouse: a drag selects
+// in reading order, a double click a word, a triple click a line; Ctrl+A
+// selects the current page's text and Ctrl+C copies the selection.
 // The view never edits the document: after an edit, call Reload().
 // GUI thread only; the service must outlive the view.
 
@@ -22,13 +29,16 @@
 #include <QVector>
 #include <Quirelle>
 #include <memory>
+#include <functional>
 #include <optional>
+#include <vector>
 
 #include "WidgetsExport.h"
 
 namespace Orvane::PDF {
 
 class PageSource;
+class TileCache;
 
 class QUIRELLE_WIDGETS_EXPORT QuirelleView : public QAbstractScrollArea {
     Q_OBJECT
@@ -96,6 +106,21 @@ public:
     // The picture currently shown for a page (null while none has arrived).
     QImage PageImage(int page) const;
 
+    // The selection: on one page (-1: none), its text and rectangles.
+    int SelectionPage() const { return selectionPage_; }
+    const TextSelection& Selection() const { return selection_; }
+    void SelectAll();  // the current page's text
+    void ClearSelection();
+    void CopySelection() const;  // to the clipboard; nothing without a selection
+
+    // Bytes held by the pictures the view keeps (pages, tiles, dark copies).
+    qint64 PictureBytes() const;
+    // The tiles drawn over the page now: where each lies in the viewport and
+    // the page-space region it was asked for at TileScale().
+    std::vector<std::pair<QRect, Rect>> ShownTiles(int page) const;
+    double TileScale() const;
+    int PendingTiles() const;
+
     // Links: the cursor turns into a hand over a link (IsInsideLinkArea); a
     // click (HandleLink) jumps inside the document or reports a URI.
     void SetLinksEnabled(bool enabled) { linksEnabled_ = enabled; }
@@ -106,6 +131,9 @@ signals:
     void UriActivated(const QString& uri);
     void ImageArrived(int page);
     void HistoryChanged();
+    void SelectionChanged();
+    // A tile arrived and was drawn.
+    void TileArrived(int page);
 
 protected:
     void paintEvent(QPaintEvent* event) override;
@@ -117,6 +145,7 @@ protected:
     void mouseMoveEvent(QMouseEvent* event) override;
     void mousePressEvent(QMouseEvent* event) override;
     void mouseReleaseEvent(QMouseEvent* event) override;
+    void mouseDoubleClickEvent(QMouseEvent* event) override;
 
 private:
     double PixelsPerPoint() const;
@@ -129,8 +158,28 @@ private:
     void CheckLink(const QPoint& viewportPoint);
     double MaxZoom() const;
     void Step(bool in, std::optional<QPoint> anchor);
+    // Tiles: a page is tiled when its whole picture passes kTilePixels.
+    QSize WholePixels(int page) const;
+    bool Tiled(int page) const;
+    Rect CellRegion(int page, const QRect& pixels) const;
+    QRect CellPixels(int page, const QPoint& cell) const;
+    void UpdateTiles();
+    // Selection: asks one query at a time; the latest waiting one follows.
+    void AskSelection(int page, std::function<std::future<TextSelection>()> ask);
+    std::optional<QPointF> PointOnPage(int page, const QPoint& viewportPoint) const;
 
     PageSource* source_;
+    IReadingProvider* reader_;  // null when the service answers no reading queries
+    TileCache* tiles_ = nullptr;
+    TextSelection selection_;
+    int selectionPage_ = -1;
+    uint64_t selectionGeneration_ = 0;
+    bool selectionBusy_ = false;
+    std::optional<std::pair<int, std::function<std::future<TextSelection>()>>> nextSelection_;
+    std::optional<std::pair<int, QPointF>> pressHit_;  // where a drag began
+    bool selecting_ = false;
+    qint64 lastDoubleClick_ = -1;  // ms since epoch, for a triple click
+    QPoint lastDoubleClickPoint_;
     double zoom_ = 1.0;
     ZoomMode mode_ = ZoomMode::FitWidth;
     int currentPage_ = -1;

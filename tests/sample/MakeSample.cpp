@@ -13,7 +13,7 @@ int main(int argc, char** argv) {
         PdfBuilder builder;
 
         // Page 1, Letter: title, body text, colour swatches, two images and
-        // the three kinds of link.
+        // the three kinds of link. An outline of four entries leads through them.
         PageLayout first;
         first.text = {{72, 720, 24, "Quirelle sample"},
                       {72, 680, 12, "This file exercises text, shapes, images and links."},
@@ -50,6 +50,12 @@ int main(int argc, char** argv) {
         builder.AddPage(third);
 
         builder.AddNamedDestination("chapter3", 2, 72, 740);
+        // The outline: sections of the first page, then one entry per page.
+        builder.AddOutline({{"Quirelle sample", 0, 0},
+                            {"Text and links", 1, 0},
+                            {"Swatches and images", 1, 0},
+                            {"Page two: A4", 0, 1},
+                            {"Chapter three", 0, -1, "chapter3"}});
 
         const auto output = argc > 1 ? std::filesystem::path(argv[1]) : SamplesDir() / "sample.pdf";
         builder.Save(output);

@@ -9,6 +9,12 @@
 #include <gtest/gtest.h>
 
 #include <QApplication>
+#include <QClipboard>
+#include <QDialog>
+#include <QLabel>
+#include <QStatusBar>
+#include <QTabWidget>
+#include <QTreeWidget>
 #include <QDir>
 #include <QLineEdit>
 #include <QMouseEvent>
@@ -436,10 +442,204 @@ TEST_F(ViewerTest, NavigatesBackForwardByPageBoxAndZoomsAboutThePointer) {
     }
     for (int i = 0; i < 20; ++i) QTest::keyClick(&window, Qt::Key_Plus, Qt::ControlModifier);
     EXPECT_DOUBLE_EQ(view.Zoom(), 64.0);
-    // Asked no larger than 24 megapixels, drawn scaled.
+    // The page asked no larger than a few megapixels and drawn scaled, tiles over it.
     const int page = view.CurrentPage();
-    ASSERT_TRUE(QTest::qWaitFor([&] { return view.PageImage(page).width() > 2000; }, kTimeout));
-    EXPECT_LE(qint64(view.PageImage(page).width()) * view.PageImage(page).height(), 24'000'000);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return view.PageImage(page).width() > 1000; }, kTimeout));
+    EXPECT_LE(qint64(view.PageImage(page).width()) * view.PageImage(page).height(), 4'000'000);
+    EXPECT_TRUE(QTest::qWaitFor([&] { return !view.ShownTiles(page).empty(); }, kTimeout));
+}
+
+// The outline beside the thumbnails: a click goes to the entry's target, and
+// the entry of the page shown is marked as the view scrolls.
+TEST_F(ViewerTest, OutlineSidebarGoesToTargetsAndFollowsThePage) {
+    ASSERT_NE(window.Outline(), nullptr);
+    OutlineView& outline = *window.Outline();
+    QSignalSpy loaded(&outline, &OutlineView::Loaded);
+    Open(QuirelleTest::SamplesDir() / "sample.pdf");
+    ASSERT_TRUE(loaded.wait(kTimeout));
+    ASSERT_EQ(outline.EntryCount(), 5);
+    window.Sidebar().setCurrentWidget(&outline);
+    QuirelleView& view = window.View();
+    const struct {
+        int entry;              // clicked
+        int page;               // shown then
+        const char* marked;     // the entry marked
+    } steps[] = {{3, 1, "Page two: A4"}, {4, 2, "Chapter three"}, {0, 0, "Swatches and images"}};
+    for (const auto& step : steps) {
+        QTreeWidgetItem* item = outline.Entry(step.entry);
+        QTest::mouseClick(outline.viewport(), Qt::LeftButton, Qt::NoModifier,
+                          outline.visualItemRect(item).center());
+        EXPECT_TRUE(QTest::qWaitFor([&] { return view.CurrentPage() == step.page; }, kTimeout)) << step.entry;
+        EXPECT_EQ(outline.CurrentTitle(), step.marked);
+    }
+    // Scrolling alone moves the mark.
+    view.GoToPage(1);
+    EXPECT_TRUE(QTest::qWaitFor([&] { return outline.CurrentTitle() == "Page two: A4"; }, kTimeout));
+    EXPECT_TRUE(view.CanGoBack());
+    ASSERT_TRUE(WaitForPage(1));
+}
+
+// Page labels in the status bar and the page box; the properties dialog.
+TEST_F(ViewerTest, PageLabelsNameThePagesAndPropertiesShowTheInformation) {
+    const auto path = temp.File("labelled.pdf");
+    PdfBuilder()
+        .AddNumberedPages(6)
+        .AddPageLabels({{0, "r"}, {2, "D"}, {5, "D", "A-"}})
+        .SetTitle("Labelled manual")
+        .Save(path);
+    Open(path);
+    QuirelleView& view = window.View();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return window.PageLabels().size() == 6; }, kTimeout));
+    EXPECT_EQ(window.PageLabels(), (QStringList{"i", "ii", "1", "2", "3", "A-1"}));
+    const struct {
+        const char* typed;
+        int page;
+        const char* status;  // then shown
+    } steps[] = {{"ii", 1, "Page ii (2 of 6)"}, {"A-1", 5, "Page A-1 (6 of 6)"},
+                 {"3", 4, "Page 3 (5 of 6)"},   // a label before a number
+                 {"6", 5, "Page A-1 (6 of 6)"}};
+    for (const auto& step : steps) {
+        window.PageBox()->setFocus();
+        window.PageBox()->selectAll();
+        QTest::keyClicks(window.PageBox(), step.typed);
+        QTest::keyClick(window.PageBox(), Qt::Key_Return);
+        EXPECT_TRUE(QTest::qWaitFor([&] { return view.CurrentPage() == step.page; }, kTimeout)) << step.typed;
+        EXPECT_TRUE(window.statusBar()->currentMessage().startsWith(step.status))
+            << window.statusBar()->currentMessage().toStdString();
+    }
+    EXPECT_EQ(window.PageFromText("vii"), -1);
+
+    QSignalSpy shown(&window, &ViewerWindow::PropertiesShown);
+    QTest::keyClick(&window, Qt::Key_D, Qt::ControlModifier);
+    ASSERT_TRUE(shown.wait(kTimeout));
+    auto* dialog = window.findChild<QDialog*>("properties");
+    ASSERT_NE(dialog, nullptr);
+    auto field = [&](const char* name) { return dialog->findChild<QLabel*>(name)->text(); };
+    EXPECT_EQ(field("title"), "Labelled manual");
+    EXPECT_EQ(field("pages"), "6");
+    EXPECT_EQ(field("encryption"), "none");
+    dialog->close();
+}
+
+// Dragging selects in reading order and paints the selection as matches are
+// painted; a double click takes a word, a triple click a line, Ctrl+A the
+// page; Ctrl+C copies.
+TEST_F(ViewerTest, SelectsTextWithTheMouseAndCopiesIt) {
+    Open(QuirelleTest::SamplesDir() / "sample.pdf");
+    ASSERT_TRUE(WaitForPage(0));
+    QuirelleView& view = window.View();
+    view.setFocus();
+    QWidget* port = view.viewport();
+    QSignalSpy changed(&view, &QuirelleView::SelectionChanged);
+    auto send = [&](QEvent::Type type, const QPointF& page, Qt::MouseButtons buttons) {
+        const QPoint at = view.MapFromPage(0, page).toPoint();
+        QMouseEvent event(type, at, port->mapToGlobal(at), type == QEvent::MouseMove ? Qt::NoButton : Qt::LeftButton,
+                          buttons, Qt::NoModifier);
+        QApplication::sendEvent(port, &event);
+    };
+    auto settle = [&] {
+        return QTest::qWaitFor([&] { return !changed.isEmpty(); }, kTimeout) &&
+               (QTest::qWait(100), true);  // a drag's last query follows the first
+    };
+    // From the start of the first body line to the middle of the second.
+    send(QEvent::MouseButtonPress, {73, 684}, Qt::LeftButton);
+    send(QEvent::MouseMove, {150, 670}, Qt::LeftButton);
+    send(QEvent::MouseMove, {160, 664}, Qt::LeftButton);
+    send(QEvent::MouseButtonRelease, {160, 664}, Qt::NoButton);
+    ASSERT_TRUE(settle());
+    ASSERT_EQ(view.SelectionPage(), 0);
+    const std::string dragged = view.Selection().text;
+    EXPECT_EQ(dragged.rfind("This file exercises text, shapes, images and links.\nVisit ", 0), 0u) << dragged;
+    EXPECT_EQ(view.Selection().rects.size(), 2u);
+    // Painted: the white under the selection tinted blue.
+    const QColor tinted = Pixel(window, InWindow(view.MapFromPage(0, {120, 686})));
+    EXPECT_TRUE(tinted.blue() > tinted.red() + 40) << tinted.name().toStdString();
+    QTest::keyClick(&window, Qt::Key_C, Qt::ControlModifier);
+    EXPECT_EQ(QApplication::clipboard()->text().toStdString(), dragged);
+
+    const struct {
+        const char* how;
+        std::function<void()> act;
+        std::string text;
+    } choices[] = {
+        {"double click",
+         [&] {
+             send(QEvent::MouseButtonPress, {200, 726}, Qt::LeftButton);
+             send(QEvent::MouseButtonRelease, {200, 726}, Qt::NoButton);
+             send(QEvent::MouseButtonDblClick, {200, 726}, Qt::LeftButton);
+             send(QEvent::MouseButtonRelease, {200, 726}, Qt::NoButton);
+         },
+         "sample"},
+        {"triple click",
+         [&] {
+             send(QEvent::MouseButtonPress, {200, 726}, Qt::LeftButton);
+             send(QEvent::MouseButtonRelease, {200, 726}, Qt::NoButton);
+         },
+         "Quirelle sample"},
+        {"Ctrl+A", [&] { QTest::keyClick(&window, Qt::Key_A, Qt::ControlModifier); }, ""},
+    };
+    for (const auto& choice : choices) {
+        changed.clear();
+        choice.act();
+        ASSERT_TRUE(settle()) << choice.how;
+        if (!choice.text.empty()) {
+            EXPECT_EQ(view.Selection().text, choice.text) << choice.how;
+        } else {
+            EXPECT_EQ(view.Selection().text.rfind("Quirelle sample\nThis file", 0), 0u) << view.Selection().text;
+            EXPECT_EQ(view.Selection().rects.size(), 5u);
+        }
+    }
+    QTest::keyClick(&window, Qt::Key_C, Qt::ControlModifier);
+    EXPECT_EQ(QApplication::clipboard()->text().toStdString(), view.Selection().text);
+    // A plain click elsewhere drops it.
+    send(QEvent::MouseButtonPress, {560, 100}, Qt::LeftButton);
+    send(QEvent::MouseButtonRelease, {560, 100}, Qt::NoButton);
+    EXPECT_EQ(view.SelectionPage(), -1);
+}
+
+// Far in, the visible parts of the page are tiles at the zoom shown: the
+// pixels on screen are those of a direct render of the same region, and the
+// view's pictures stay within their budget at any zoom.
+TEST_F(ViewerTest, ZoomedFarInTheViewDrawsTilesAsSharpAsADirectRender) {
+    Open(QuirelleTest::SamplesDir() / "sample.pdf");
+    ASSERT_TRUE(WaitForPage(0));
+    QuirelleView& view = window.View();
+    for (double zoom : {32.0, 64.0}) {
+        SCOPED_TRACE(zoom);
+        view.SetZoom(zoom);
+        QApplication::processEvents();
+        // The right edge of the red swatch near the top-left of the view.
+        const QPointF corner = view.MapFromPage(0, {172, 540});
+        view.horizontalScrollBar()->setValue(view.horizontalScrollBar()->value() + int(corner.x()) - 200);
+        view.verticalScrollBar()->setValue(view.verticalScrollBar()->value() + int(corner.y()) - 200);
+        const QRect visible = view.viewport()->rect();
+        auto covered = [&] {
+            QRegion region;
+            for (const auto& tile : view.ShownTiles(0)) region += tile.first;
+            return view.PendingTiles() == 0 && region.contains(visible.center());
+        };
+        ASSERT_TRUE(QTest::qWaitFor(covered, kTimeout));
+        const QImage screen = view.viewport()->grab().toImage().convertToFormat(QImage::Format_RGB32);
+        int compared = 0, differing = 0;
+        for (const auto& [where, region] : view.ShownTiles(0)) {
+            const QRect seen = where.intersected(visible);
+            if (seen.isEmpty()) continue;
+            const QImage direct = service.GenerateTile(window.Document(), 0, region, view.TileScale(),
+                                                       IPageInfoObserver::DefaultView)
+                                      .get()
+                                      .convertToFormat(QImage::Format_RGB32);
+            ASSERT_EQ(direct.size(), where.size());
+            for (int y = seen.top(); y <= seen.bottom(); ++y)
+                for (int x = seen.left(); x <= seen.right(); ++x, ++compared)
+                    differing += screen.pixel(x, y) != direct.pixel(x - where.left(), y - where.top());
+        }
+        EXPECT_GT(compared, visible.width() * visible.height() / 2);
+        EXPECT_EQ(differing, 0);
+        // Red on the left of the swatch's edge, white on its right, sharp.
+        EXPECT_TRUE(Near(screen.pixelColor(190, 250), 0xE53935, 2));
+        EXPECT_TRUE(Near(screen.pixelColor(210, 250), 0xFFFFFF, 2));
+        EXPECT_LT(view.PictureBytes(), 256LL << 20);
+    }
 }
 
 // Printing: the chosen pages, each drawn with the printing view at the

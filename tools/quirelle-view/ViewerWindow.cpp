@@ -18,7 +18,12 @@
 
 #include <QAction>
 #include <QCloseEvent>
+#include <QClipboard>
 #include <QCryptographicHash>
+#include <QDateTime>
+#include <QDialog>
+#include <QDialogButtonBox>
+#include <QFormLayout>
 #include <QDesktopServices>
 #include <QFileDialog>
 #include <QFileInfo>
@@ -34,6 +39,7 @@
 #include <QSettings>
 #include <QSplitter>
 #include <QStatusBar>
+#include <QTabWidget>
 #include <QToolBar>
 #include <QUrl>
 #include <QVBoxLayout>
@@ -81,7 +87,9 @@ ViewerWindow::ViewerWindow(IPDFProvider& service, QWidget* parent)
     : QMainWindow(parent),
       service_(service),
       view_(new QuirelleView(service)),
+      reader_(dynamic_cast<IReadingProvider*>(&service)),
       thumbnails_(new ThumbnailStrip(service)),
+      sidebar_(new QTabWidget),
       findBar_(new FindBar(service, *view_)),
       pageBox_(new QLineEdit),
       pageCountLabel_(new QLabel) {
@@ -91,8 +99,31 @@ ViewerWindow::ViewerWindow(IPDFProvider& service, QWidget* parent)
     column->setSpacing(0);
     column->addWidget(view_, 1);
     column->addWidget(findBar_);
+    // The sidebar: a tab for each way through the document.
+    sidebar_->setDocumentMode(true);
+    sidebar_->addTab(thumbnails_, tr("Pages"));
+    if (reader_ != nullptr) {
+        outline_ = new OutlineView(*reader_);
+        sidebar_->addTab(outline_, tr("Outline"));
+        connect(outline_, &OutlineView::PageActivated, this, [this](int page, double y) {
+            view_->JumpToPage(page, y);
+            view_->setFocus();
+        });
+        connect(outline_, &OutlineView::UriActivated, this,
+                [](const QString& uri) { QDesktopServices::openUrl(QUrl(uri)); });
+        // A document that asks to open with its outline shown.
+        connect(outline_, &OutlineView::Loaded, this, [this](int entries) {
+            if (entries == 0 || doc_ < 0) return;
+            WhenReady(this, reader_->GetDocumentInformation(doc_), [this](std::future<DocumentInformation>& answer) {
+                try {
+                    if (answer.get().pageMode == "UseOutlines") sidebar_->setCurrentWidget(outline_);
+                } catch (const std::exception&) {
+                }
+            });
+        });
+    }
     auto splitter = new QSplitter;
-    splitter->addWidget(thumbnails_);
+    splitter->addWidget(sidebar_);
     splitter->addWidget(pane);
     splitter->setStretchFactor(1, 1);
     splitter->setSizes({thumbnails_->minimumWidth(), 1});
@@ -119,6 +150,7 @@ ViewerWindow::ViewerWindow(IPDFProvider& service, QWidget* parent)
     };
     connect(view_, &QuirelleView::CurrentPageChanged, this, [this](int page) {
         thumbnails_->SetCurrentPage(page);
+        if (outline_ != nullptr) outline_->SetCurrentPage(page);
         UpdateStatus();
     });
     connect(view_, &QuirelleView::ZoomChanged, this, &ViewerWindow::UpdateStatus);
@@ -163,6 +195,8 @@ void ViewerWindow::BuildMenus() {
         if (!path.isEmpty()) SaveAs(path);
     });
     QAction* print = add(file, tr("&Print..."), QKeySequence::Print, &ViewerWindow::PrintWithDialog);
+    add(file, tr("Prope&rties..."), QKeySequence(tr("Ctrl+D")), &ViewerWindow::ShowProperties)
+        ->setEnabled(reader_ != nullptr);
     file->addSeparator();
     add(file, tr("&Quit"), QKeySequence::Quit, &QWidget::close);
 
@@ -170,6 +204,9 @@ void ViewerWindow::BuildMenus() {
     undoAction_ = add(edit, tr("&Undo"), QKeySequence::Undo, &ViewerWindow::Undo);
     redoAction_ = add(edit, tr("&Redo"), QKeySequence::Redo, &ViewerWindow::Redo);
     redoAction_->setShortcuts({QKeySequence(tr("Ctrl+Shift+Z")), QKeySequence(tr("Ctrl+Y"))});
+    edit->addSeparator();
+    add(edit, tr("&Copy"), QKeySequence::Copy, [this] { view_->CopySelection(); });
+    add(edit, tr("Select &all"), QKeySequence::SelectAll, [this] { view_->SelectAll(); });
 
     QMenu* viewMenu = menuBar()->addMenu(tr("&View"));
     add(viewMenu, tr("&Find..."), QKeySequence::Find, [this] { findBar_->Activate(); });
@@ -223,14 +260,13 @@ void ViewerWindow::BuildMenus() {
     tools->addSeparator();
     tools->addAction(backAction_);
     tools->addAction(forwardAction_);
-    // The page box: a page number, Enter goes there (a jump Back returns from).
+    // The page box: a page label or number, Enter goes there (a jump Back returns from).
     pageBox_->setMaximumWidth(60);
     pageBox_->setAlignment(Qt::AlignRight);
-    pageBox_->setToolTip(tr("Page number (Ctrl+G)"));
+    pageBox_->setToolTip(tr("Page label or number (Ctrl+G)"));
     connect(pageBox_, &QLineEdit::returnPressed, this, [this] {
-        bool ok = false;
-        const int page = pageBox_->text().trimmed().toInt(&ok) - 1;
-        if (ok && page >= 0 && page < view_->PageCount()) {
+        const int page = PageFromText(pageBox_->text());
+        if (page >= 0) {
             view_->JumpToPage(page);
             view_->setFocus();
         } else {
@@ -370,6 +406,9 @@ void ViewerWindow::Show(int64_t id, int page) {
     findBar_->Clear();
     view_->SetDocument(id);
     thumbnails_->SetDocument(id);
+    sidebar_->setCurrentWidget(thumbnails_);
+    if (outline_ != nullptr) outline_->SetDocument(id);
+    LoadLabels();
     if (id >= 0) {
         // Where the document was left, unless a page was asked for.
         QSettings settings;
@@ -438,6 +477,8 @@ void ViewerWindow::Finish(const QString& what, const QString& error, const QVect
     findBar_->Clear();
     view_->Reload();
     thumbnails_->Reload();
+    if (outline_ != nullptr) outline_->Reload();
+    LoadLabels();
     // The edited pages stay under the user's eyes: selected in the strip when
     // the edit came from there, else shown in the view.
     if (fromStrip) {
@@ -826,14 +867,107 @@ void ViewerWindow::UpdateTitle() {
     setWindowTitle(Modified() ? name + QLatin1String(" *") : name);
 }
 
+// A page whose label is not its number shows both: "iv (4 of 311)".
 void ViewerWindow::UpdateStatus() {
-    pageCountLabel_->setText(doc_ < 0 ? QString() : tr(" of %1 ").arg(view_->PageCount()));
-    if (!pageBox_->hasFocus()) pageBox_->setText(doc_ < 0 ? QString() : QString::number(view_->CurrentPage() + 1));
+    const int page = view_->CurrentPage();
+    const QString label = LabelOf(page), number = QString::number(page + 1);
+    const bool labelled = label != number;
+    pageCountLabel_->setText(doc_ < 0 ? QString()
+                             : labelled ? tr(" (%1 of %2) ").arg(number).arg(view_->PageCount())
+                                        : tr(" of %1 ").arg(view_->PageCount()));
+    if (!pageBox_->hasFocus()) pageBox_->setText(doc_ < 0 ? QString() : label);
     if (doc_ < 0) return;
-    statusBar()->showMessage(tr("Page %1 of %2   %3 %")
-                                 .arg(view_->CurrentPage() + 1)
-                                 .arg(view_->PageCount())
-                                 .arg(qRound(view_->Zoom() * 100)));
+    const QString where = labelled ? tr("Page %1 (%2 of %3)").arg(label, number).arg(view_->PageCount())
+                                   : tr("Page %1 of %2").arg(number).arg(view_->PageCount());
+    statusBar()->showMessage(tr("%1   %2 %").arg(where).arg(qRound(view_->Zoom() * 100)));
+}
+
+QString ViewerWindow::LabelOf(int page) const {
+    return page >= 0 && page < labels_.size() ? labels_[page] : QString::number(page + 1);
+}
+
+void ViewerWindow::LoadLabels() {
+    labels_.clear();
+    if (doc_ < 0 || reader_ == nullptr) return;
+    const int64_t doc = doc_;
+    WhenReady(this, reader_->GetPageLabels(doc), [this, doc](std::future<std::vector<std::string>>& answer) {
+        if (doc != doc_) return;
+        QStringList labels;
+        try {
+            for (const std::string& label : answer.get()) labels.push_back(QString::fromStdString(label));
+        } catch (const std::exception&) {
+            return;  // closed or changed meanwhile: plain numbers
+        }
+        labels_ = labels;
+        UpdateStatus();
+    });
+}
+
+// As the service's FindPageByLabel answers: the first page with that label,
+// else a page number.
+int ViewerWindow::PageFromText(const QString& text) const {
+    const QString wanted = text.trimmed();
+    if (wanted.isEmpty()) return -1;
+    const int labelled = labels_.indexOf(wanted);
+    if (labelled >= 0 && labelled < view_->PageCount()) return labelled;
+    bool ok = false;
+    const int page = wanted.toInt(&ok) - 1;
+    return ok && page >= 0 && page < view_->PageCount() ? page : -1;
+}
+
+void ViewerWindow::ShowProperties() {
+    if (doc_ < 0 || reader_ == nullptr) return;
+    const QString file = path_;
+    WhenReady(this, reader_->GetDocumentInformation(doc_), [this, file](std::future<DocumentInformation>& answer) {
+        DocumentInformation info;
+        try {
+            info = answer.get();
+        } catch (const std::exception& e) {
+            return ShowError(tr("No document information: %1").arg(QString::fromStdString(e.what())));
+        }
+        delete findChild<QDialog*>(QStringLiteral("properties"), Qt::FindDirectChildrenOnly);
+        auto dialog = new QDialog(this);
+        dialog->setObjectName(QStringLiteral("properties"));
+        dialog->setAttribute(Qt::WA_DeleteOnClose);
+        dialog->setWindowTitle(tr("Properties of %1").arg(QFileInfo(file).fileName()));
+        auto form = new QFormLayout(dialog);
+        auto row = [&](const QString& name, const QString& value, const char* id) {
+            auto label = new QLabel(value.isEmpty() ? tr("-") : value);
+            label->setObjectName(QLatin1String(id));
+            label->setTextInteractionFlags(Qt::TextSelectableByMouse);
+            label->setWordWrap(true);
+            form->addRow(name, label);
+        };
+        auto text = [](const std::string& value) { return QString::fromStdString(value); };
+        auto date = [&](const DocumentDate& d) {
+            if (!d.valid) return text(d.raw);
+            return QDateTime::fromSecsSinceEpoch(d.secondsSinceEpoch).toString(Qt::TextDate);
+        };
+        auto yes = [this](bool value) { return value ? tr("yes") : tr("no"); };
+        row(tr("File:"), QFileInfo(file).absoluteFilePath(), "file");
+        row(tr("Title:"), text(info.title), "title");
+        row(tr("Author:"), text(info.author), "author");
+        row(tr("Subject:"), text(info.subject), "subject");
+        row(tr("Keywords:"), text(info.keywords), "keywords");
+        row(tr("Creator:"), text(info.creator), "creator");
+        row(tr("Producer:"), text(info.producer), "producer");
+        row(tr("Created:"), date(info.created), "created");
+        row(tr("Modified:"), date(info.modified), "modified");
+        row(tr("PDF version:"), text(info.version), "version");
+        row(tr("Pages:"), QString::number(view_->PageCount()), "pages");
+        row(tr("Encryption:"), info.encryption.empty() ? tr("none") : text(info.encryption), "encryption");
+        row(tr("Layout, mode:"), QStringList{text(info.pageLayout), text(info.pageMode)}.join(QLatin1String(", ")),
+            "layout");
+        row(tr("Tagged:"), yes(info.tagged), "tagged");
+        row(tr("Form:"), yes(info.hasForm), "form");
+        row(tr("Attachments:"), yes(info.hasAttachments), "attachments");
+        row(tr("Layers:"), yes(info.hasLayers), "layers");
+        auto buttons = new QDialogButtonBox(QDialogButtonBox::Close);
+        connect(buttons, &QDialogButtonBox::rejected, dialog, &QDialog::close);
+        form->addRow(buttons);
+        dialog->open();
+        emit PropertiesShown();
+    });
 }
 
 void ViewerWindow::UpdateActions() {

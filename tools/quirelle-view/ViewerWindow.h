@@ -1,7 +1,10 @@
 #pragma once
 
-// The main window of quirelle-view: thumbnails, the page view and the find
-// bar over one document of a service, with the file, view and page menus.
+// The main window of quirelle-view: a sidebar (the pages' thumbnails and the
+// outline, one tab each), the page view and the find bar over one document
+// of a service, with the file, edit, view and page menus. With a service
+// that answers reading queries (IReadingProvider) it shows the outline,
+// page labels, the document's properties and selects text.
 // Every service call returns at once; answers come back through WhenReady.
 //
 // Page commands act on the thumbnails' selection while the strip has the
@@ -17,6 +20,7 @@
 #include <vector>
 
 class QLabel;
+class QTabWidget;
 class QLineEdit;
 class QMenu;
 class QPrinter;
@@ -60,6 +64,15 @@ public:
 
     QuirelleView& View() const { return *view_; }
     ThumbnailStrip& Thumbnails() const { return *thumbnails_; }
+    // Null without reading queries.
+    OutlineView* Outline() const { return outline_; }
+    QTabWidget& Sidebar() const { return *sidebar_; }
+    // The pages' labels ("iv", "A-3"; the page numbers where the document has none).
+    const QStringList& PageLabels() const { return labels_; }
+    // The page (from 0) a label or a page number typed by the user names; -1 for none.
+    int PageFromText(const QString& text) const;
+    // The document information dialog (File > Properties); ends with PropertiesShown.
+    void ShowProperties();
     FindBar& Find() const { return *findBar_; }
     QLineEdit* PageBox() const { return pageBox_; }
     int64_t Document() const { return doc_; }
@@ -78,6 +91,7 @@ signals:
     void Edited();
     void Printed(bool ok);
     void ErrorShown(const QString& text);
+    void PropertiesShown();  // the dialog is the child named "properties"
 
 protected:
     void closeEvent(QCloseEvent* event) override;
@@ -122,10 +136,16 @@ private:
     void UpdateTitle();
     void UpdateStatus();
     void UpdateActions();
+    void LoadLabels();
+    QString LabelOf(int page) const;
 
     IPDFProvider& service_;
     QuirelleView* view_;
+    IReadingProvider* reader_;  // null when the service answers no reading queries
     ThumbnailStrip* thumbnails_;
+    OutlineView* outline_ = nullptr;
+    QTabWidget* sidebar_;
+    QStringList labels_;
     FindBar* findBar_;
     QLineEdit* pageBox_;
     QLabel* pageCountLabel_;
