@@ -34,7 +34,14 @@ protected:
             "<< /Title (Section) /Dest [10 0 R /Fit] >>",
             "<< /Title (Appendix) /Dest [11 0 R /Fit] >>",
         };
-        for (int i = 0; i < 5; ++i) objects.push_back("<< /Type /Page /Parent 2 0 R /MediaBox [0 0 200 200] >>");
+        // Pages 7 to 11 show "Page 1" to "Page 5" (contents 12 to 16, font 17).
+        for (int i = 0; i < 5; ++i) {
+            objects.push_back("<< /Type /Page /Parent 2 0 R /MediaBox [0 0 200 200] /Contents " +
+                              std::to_string(12 + i) + " 0 R /Resources << /Font << /F 17 0 R >> >> >>");
+        }
+        for (int i = 0; i < 5; ++i)
+            objects.push_back(RawStream("", "BT /F 12 Tf 20 100 Td (Page " + std::to_string(i + 1) + ") Tj ET"));
+        objects.push_back("<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica >>");
         WriteFile(temp.File("book.pdf"), RawPdf(objects));
     }
 
@@ -79,6 +86,25 @@ TEST_F(ReadingCli, OutlineInfoLabelsAndRegion) {
     r = Run("text book.pdf label:xx");
     EXPECT_EQ(r.status, 2);
     EXPECT_THAT(r.err, HasSubstr("no page is labelled \"xx\""));
+    // --pages-by-label: every item a label; what no label names, page numbers.
+    const struct {
+        const char* args;
+        int status;
+        const char* text;  // the output starts so
+    } byLabel[] = {
+        {"--pages-by-label text book.pdf 1", 0, "Page 3"},
+        {"text --pages-by-label book.pdf ii..1,A-1", 0, "Page 2\n\fPage 3\n\fPage 5"},
+        {"--pages-by-label text book.pdf label:i", 0, "Page 1"},
+        {"--pages-by-label text book.pdf 4-z", 0, "Page 4\n\fPage 5"},
+        {"--pages-by-label text book.pdf", 0, "Page 1\n\fPage 2"},
+        {"--pages-by-label text book.pdf iii", 2, ""},
+    };
+    for (const auto& row : byLabel) {
+        r = Run(row.args);
+        EXPECT_EQ(r.status, row.status) << row.args << ": " << r.err;
+        EXPECT_EQ(r.out.rfind(row.text, 0), 0u) << row.args << ": " << r.out;
+    }
+    EXPECT_THAT(r.err, HasSubstr("no page is labelled \"iii\""));
 
     // One region at 144 dpi: 50 x 25 points are 100 x 50 pixels.
     r = Run("render book.pdf label:A-1 --region 10,10,60,35 --dpi 144 --out tile.png");

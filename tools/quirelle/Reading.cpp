@@ -168,8 +168,21 @@ void PrintDocumentInformation(Quirelle& service, int64 id, std::ostream& out) {
     if (!PlainNumbers(labels)) line("page labels:", LabelSummary(labels));
 }
 
+namespace {
+bool everyPageAsLabel = false;
+
+// Written as page numbers: digits, ranges and z only.
+bool NumbersOnly(const std::string& item) {
+    return !item.empty() && item.find_first_not_of("0123456789-z ") == std::string::npos;
+}
+}  // namespace
+
+void ReadEveryPageAsLabel(bool on) {
+    everyPageAsLabel = on;
+}
+
 std::string PagesByLabel(Session& session, int64 id, const std::string& pages) {
-    if (pages.find("label:") == std::string::npos) return pages;
+    if (!everyPageAsLabel && pages.find("label:") == std::string::npos) return pages;
     auto page = [&](const std::string& label) {
         const int index = session.Service().FindPageByLabel(id, label).get();
         if (index < 0) throw UsageError("no page is labelled \"" + label + "\"");
@@ -178,8 +191,12 @@ std::string PagesByLabel(Session& session, int64 id, const std::string& pages) {
     std::string resolved;
     std::stringstream items(pages);
     for (std::string item; std::getline(items, item, ',');) {
-        if (item.rfind("label:", 0) == 0) {
-            item = item.substr(6);
+        const bool prefixed = item.rfind("label:", 0) == 0;
+        if (!prefixed && everyPageAsLabel && item.find("..") == std::string::npos && NumbersOnly(item) &&
+            session.Service().FindPageByLabel(id, item).get() < 0) {
+            // "1-z", "3-5": no label reads so; page numbers as ever.
+        } else if (prefixed || everyPageAsLabel) {
+            if (prefixed) item = item.substr(6);
             const size_t dots = item.find("..");
             item =
                 dots == std::string::npos ? page(item) : page(item.substr(0, dots)) + "-" + page(item.substr(dots + 2));

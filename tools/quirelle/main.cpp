@@ -17,7 +17,8 @@ using namespace QuirelleCli;
 namespace {
 
 constexpr const char* kPagesHelp =
-    "pages such as 1-3,7,10-z (counted from 1, z is the last page), label:iv or label:iv..A-3 (by page label)";
+    "pages such as 1-3,7,10-z (counted from 1, z is the last page), label:iv or label:iv..A-3 (by page label; "
+    "with --pages-by-label every item: iv,iv..A-3)";
 
 // A number from low to high, said plainly when it is not ("--dpi: 0 is not
 // between 1 and 2400").
@@ -67,6 +68,9 @@ int main(int argc, char** argv) {
     app.add_option("--memory-limit", memoryLimit, "most memory in MB the engine may allocate")
         ->check(Between(16, 1 << 20, true));
     app.add_flag("--verbose", verbose, "show the library's log on stderr");
+    bool pagesByLabel = false;
+    app.add_flag("--pages-by-label", pagesByLabel,
+                 "read every item of PAGES as a page label (iv, iv..A-3); an item no label names stays a page number");
 
     InfoOptions info;
     auto* infoCommand = app.add_subcommand("info", "pages, page sizes, rotation, permissions, encryption, document information, page labels, links");
@@ -186,6 +190,7 @@ int main(int argc, char** argv) {
     FLAGS_logtostderr = true;
     FLAGS_minloglevel = verbose ? google::GLOG_INFO : google::GLOG_FATAL;
     ApplyEngineLimits(timeBudget, memoryLimit);
+    ReadEveryPageAsLabel(pagesByLabel);
     Session session;
     try {
         if (*infoCommand) return RunInfo(session, info, password);
