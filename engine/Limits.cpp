@@ -11,8 +11,10 @@
 #include <limits>
 #include <mutex>
 #include <optional>
+#include <string>
 
 #include "engine/EngineState.h"
+#include "orvane/Exception.h"
 #include "orvane/pdf/EngineLimits.h"
 
 namespace Orvane::PDF::Pdfium {
@@ -104,6 +106,13 @@ std::optional<std::chrono::steady_clock::time_point> RequestBudget::Deadline() {
 
 void RequestBudget::AllowBlocksOf(size_t bytes) {
     if (request.depth > 0) request.blockLimit = std::max(request.blockLimit, bytes);
+}
+
+void ThrowIfBudgetSpent(const char* what) {
+    if (RequestBudget::Expired()) {
+        throw Orvane::Exception(std::string(what) + " ran past the time budget of " +
+                                std::to_string(TimeBudget().count()) + " ms");
+    }
 }
 
 size_t RequestBudget::Refusals() {

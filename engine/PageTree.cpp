@@ -642,6 +642,10 @@ TreeRepair MendPageTree(fz_context* ctx, pdf_document* doc) {
     return repair;
 }
 
+int PagesHeld(fz_context* ctx, pdf_document* doc, const PageTree& tree) {
+    return std::min(guarded(ctx, [&] { return pdf_count_pages(ctx, doc); }), static_cast<int>(tree.leaves.size()));
+}
+
 pdf_obj* PageObject(fz_context* ctx, pdf_document* doc, const PageTree& tree, int i) {
     if (tree.consistent) return tree.leaves.at(size_t(i)).page;
     return guarded(ctx, [&] { return pdf_lookup_page_obj(ctx, doc, i); });

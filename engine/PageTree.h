@@ -62,6 +62,10 @@ TreeRepair MendPageTree(fz_context* ctx, pdf_document* doc);
 // tree is not edited.
 PageTree ReadPageTree(fz_context* ctx, pdf_document* doc);
 
+// The pages a walk over every page visits: a count the tree's nodes claim is
+// no bound, only the pages the tree holds are.
+int PagesHeld(fz_context* ctx, pdf_document* doc, const PageTree& tree);
+
 // Page i of tree: the leaf when the tree is consistent, else MuPDF's lookup.
 pdf_obj* PageObject(fz_context* ctx, pdf_document* doc, const PageTree& tree, int i);
 
