@@ -245,10 +245,6 @@ private:
     int count_ = 0;
 };
 
-Rect toRect(fz_rect r) {
-    return Rect{r.x0, r.y1, r.x1, r.y0};
-}
-
 }  // namespace
 
 TextObject::TextObject(std::wstring text, std::vector<Rect> boxes, std::vector<int> lineStarts)
@@ -375,7 +371,7 @@ std::shared_ptr<ITextObject> ExtractText(const PdfPage& source) {
                     break;
                 }
                 text.push_back(sanitise(ch->c));
-                boxes.push_back(toRect(fz_transform_rect(fz_rect_from_quad(ch->quad), frame.toPage)));
+                boxes.push_back(ToRect(fz_transform_rect(fz_rect_from_quad(ch->quad), frame.toPage)));
             }
             text.push_back(L'\n');
             boxes.push_back(Rect{});
