@@ -16,6 +16,7 @@
 #include "engine/Geometry.h"
 #include "engine/Guarded.h"
 #include "engine/PdfPage.h"
+#include "engine/ContentRun.h"
 #include "engine/Watchdog.h"
 
 namespace Orvane::PDF::Pdfium {
@@ -346,26 +347,25 @@ const std::vector<PageObjectInfo>& PdfPage::Objects() {
     // The interpreter runs with the identity matrix, so every bound the
     // device sees is already in page space.
     ObjectCollector collector(content.box);
-    fz_cookie cookie{};  // a failing operator ends the page instead of throwing
-    const Deadline deadline(cookie, PageTimeBudget());
     DeviceHandle device(ctx, guarded(ctx, [&] { return newCollectorDevice(ctx, &collector); }));
-    ProcessorHandle processor(ctx, guarded(ctx, [&] {
-                                  return pdf_new_run_processor(ctx, device.get(), fz_identity, "View", nullptr, nullptr,
-                                                               &cookie);
-                              }));
-    FormHook hook{&collector, processor.get()->op_Do_form, Number()};
-    FormHookScope scope(&hook);
-    if (hook.original) processor.get()->op_Do_form = onDoForm;
-
-    const RunLimits limits;
-    guarded(ctx, [&] {
-        pdf_process_contents(ctx, processor.get(), doc, content.resources, content.contents, &cookie);
-        pdf_close_processor(ctx, processor.get());
-        fz_close_device(ctx, device.get());
+    const ContentRun run = RunContent(PageTimeBudget(), [&](fz_cookie& cookie) {
+        ProcessorHandle processor(ctx, guarded(ctx, [&] {
+                                      return pdf_new_run_processor(ctx, device.get(), fz_identity, "View", nullptr,
+                                                                   nullptr, &cookie);
+                                  }));
+        FormHook hook{&collector, processor.get()->op_Do_form, Number()};
+        FormHookScope scope(&hook);
+        if (hook.original) processor.get()->op_Do_form = onDoForm;
+        guarded(ctx, [&] {
+            pdf_process_contents(ctx, processor.get(), doc, content.resources, content.contents, &cookie);
+            pdf_close_processor(ctx, processor.get());
+            fz_close_device(ctx, device.get());
+        });
     });
-    CheckRun("listing its objects", deadline.Expired(), limits);
-    if (cookie.errors > 0) {
-        LOG(WARNING) << "page " << Number() << ": objects read with " << cookie.errors << " error(s)";
+    if (run.failure) std::rethrow_exception(run.failure);
+    CheckRun("listing its objects", run);
+    if (run.errors > 0) {
+        LOG(WARNING) << "page " << Number() << ": objects read with " << run.errors << " error(s)";
     }
     objects_ = collector.Take();
     return *objects_;

@@ -11,6 +11,7 @@
 #include <unordered_map>
 #include <utility>
 
+#include "engine/ContentRun.h"
 #include "engine/Context.h"
 #include "engine/FontLoader.h"
 #include "engine/Geometry.h"
@@ -118,15 +119,11 @@ void PdfPage::FailRun(const char* what, Cut cut) const {
     throw Orvane::Exception(message);
 }
 
-void PdfPage::CheckRun(const char* what, bool expired, const RunLimits& limits) const {
-    CheckRun(what, expired, limits.WorkRefused(), limits.ShortOfMemory());
-}
-
-void PdfPage::CheckRun(const char* what, bool expired, bool workRefused, bool shortOfMemory) const {
-    if (expired) FailRun(what, Cut::Time);
-    if (workRefused) FailRun(what, Cut::Work);
+void PdfPage::CheckRun(const char* what, const ContentRun& run) const {
+    if (run.expired) FailRun(what, Cut::Time);
+    if (run.workRefused) FailRun(what, Cut::Work);
     // Past the budget every allocation is refused: the budget is the cause.
-    if (shortOfMemory) FailRun(what, RequestBudget::Expired() ? Cut::Time : Cut::Memory);
+    if (run.shortOfMemory) FailRun(what, RequestBudget::Expired() ? Cut::Time : Cut::Memory);
 }
 
 Size PdfPage::GetSize() const {

@@ -17,6 +17,7 @@
 #include "engine/Guarded.h"
 #include "engine/Handles.h"
 #include "engine/PdfPage.h"
+#include "engine/ContentRun.h"
 #include "engine/Watchdog.h"
 #include "orvane/Exception.h"
 
@@ -343,17 +344,17 @@ std::shared_ptr<ITextObject> ExtractText(const PdfPage& source) {
     fz_stext_options options{};
     options.flags = FZ_STEXT_PRESERVE_WHITESPACE | FZ_STEXT_MEDIABOX_CLIP;
     DeviceHandle device(ctx, guarded(ctx, [&] { return fz_new_stext_device(ctx, stext.get(), &options); }));
-    fz_cookie cookie{};  // a failing operator ends the page instead of throwing
-    const Deadline deadline(cookie, PageTimeBudget());
-    const RunLimits limits;
-    guarded(ctx, [&] {
-        fz_run_page_contents(ctx, &page->super, device.get(), fz_identity, &cookie);
-        fz_close_device(ctx, device.get());
+    const ContentRun run = RunContent(PageTimeBudget(), [&](fz_cookie& cookie) {
+        guarded(ctx, [&] {
+            fz_run_page_contents(ctx, &page->super, device.get(), fz_identity, &cookie);
+            fz_close_device(ctx, device.get());
+        });
     });
+    if (run.failure) std::rethrow_exception(run.failure);
     device.reset();
-    source.CheckRun("reading its text", deadline.Expired(), limits);
-    if (cookie.errors > 0) {
-        LOG(WARNING) << "page " << page->super.number << ": text read with " << cookie.errors << " error(s)";
+    source.CheckRun("reading its text", run);
+    if (run.errors > 0) {
+        LOG(WARNING) << "page " << page->super.number << ": text read with " << run.errors << " error(s)";
     }
 
     std::wstring text;
