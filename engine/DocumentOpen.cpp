@@ -157,6 +157,8 @@ PdfDocument::PdfDocument(const std::shared_ptr<IFontProvider>& fonts, const Orva
         LOG(WARNING) << "cannot repair the page tree of " << file << ": " << e.what();
     }
 
+    // MuPDF's own count, checked: a file whose tree could not be mended
+    // and still claims more pages than it has objects is refused.
     const int count = guarded(
         ctx, [&] { return pdf_count_pages(ctx, doc); }, Failure::File);
     const int objects = guarded(
@@ -172,10 +174,11 @@ PdfDocument::PdfDocument(const std::shared_ptr<IFontProvider>& fonts, const Orva
                                  " pages in a file of " + std::to_string(objects) + " objects");
     }
 
+    const int pages = PageCount(ctx, doc);
     const Permissions permissions = ReadPermissions(ownerAccess);
     std::lock_guard<std::mutex> lock(metaMutex_);
     path_ = path;
-    pageCount_ = unsigned(count);
+    pageCount_ = unsigned(pages);
     permissions_ = permissions;
     ownerAccess_ = doc->crypt == nullptr || ownerAccess;
 }

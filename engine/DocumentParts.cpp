@@ -515,8 +515,7 @@ void writeLabels(fz_context* ctx, pdf_document* dst, const std::vector<PageLabel
 // Each copied page keeps its label, each page of the target its own.
 void copyLabels(fz_context* ctx, pdf_document* src, pdf_document* dst, const PartsCopy& copy) {
     // The pages the tree holds: a count its nodes claim is no bound.
-    const int sourcePages = std::min(guarded(ctx, [&] { return pdf_count_pages(ctx, src); }),
-                                     static_cast<int>(ReadPageTree(ctx, src).leaves.size()));
+    const int sourcePages = PagesHeld(ctx, src, ReadPageTree(ctx, src));
     std::vector<PageLabel> from = readLabels(ctx, src, sourcePages);
     std::vector<PageLabel> into = readLabels(ctx, dst, copy.targetPages);
     if (from.empty() && into.empty()) return;

@@ -15,6 +15,7 @@
 #include "engine/DocumentCore.h"
 #include "engine/Guarded.h"
 #include "engine/PageAnnotations.h"
+#include "engine/PageTree.h"
 #include "orvane/Exception.h"
 
 namespace Orvane::PDF::Pdfium {
@@ -181,7 +182,7 @@ int pageIndexOf(const DocumentCore& core, const DestinationRead& dest, int from,
     fz_context* ctx = core.ctx;
     pdf_document* doc = core.doc;
     if (dest.pageRef == nullptr) {
-        const int count = guarded(ctx, [&] { return pdf_count_pages(ctx, doc); });
+        const int count = PageCount(ctx, doc);
         return dest.explicitIndex >= 0 && dest.explicitIndex < count ? dest.explicitIndex : -1;
     }
     if (known != nullptr) {
@@ -195,12 +196,12 @@ int pageIndexOf(const DocumentCore& core, const DestinationRead& dest, int from,
         }
     }
     try {
+        const int count = PageCount(ctx, doc);
         // MuPDF answers some number for a page object outside the page
         // tree, or throws: only an index that leads back to it counts.
         return guarded(ctx, [&] {
             pdf_obj* target = pdf_resolve_indirect(ctx, dest.pageRef);
             const int index = pdf_lookup_page_number(ctx, doc, dest.pageRef);
-            const int count = pdf_count_pages(ctx, doc);
             if (index < 0 || index >= count) return -1;
             return pdf_resolve_indirect(ctx, pdf_lookup_page_obj(ctx, doc, index)) == target ? index : -1;
         });

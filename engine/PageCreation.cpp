@@ -129,7 +129,7 @@ std::shared_ptr<IPage> PdfDocument::CreatePage(unsigned index, double width, dou
     const RequestBudget budget;
     fz_context* ctx = core_->ctx;
     pdf_document* doc = core_->doc;
-    const int at = insertionPoint(index, guarded(ctx, [&] { return pdf_count_pages(ctx, doc); }));
+    const int at = insertionPoint(index, PageCount(ctx, doc));
 
     BufferHandle contents(ctx, guarded(ctx, [&] { return fz_new_buffer(ctx, 1); }));
     PdfObjHandle resources(ctx, guarded(ctx, [&] { return pdf_new_dict(ctx, doc, 1); }));
@@ -172,7 +172,7 @@ std::shared_ptr<IPage> PdfDocument::CreatePageFromImage(unsigned index, const st
                                   ctx, reinterpret_cast<const unsigned char*>(drawing.data()), drawing.size());
                           }));
 
-    const int at = insertionPoint(index, guarded(ctx, [&] { return pdf_count_pages(ctx, doc); }));
+    const int at = insertionPoint(index, PageCount(ctx, doc));
     const fz_rect box = fz_make_rect(0, 0, float(width), float(height));
     PdfObjHandle page(ctx,
                       guarded(ctx, [&] { return pdf_add_page(ctx, doc, box, 0, resources.get(), contents.get()); }));

@@ -413,7 +413,7 @@ public:
         pdf_document* src = from.Core()->doc;
         pdf_document* dst = into.Core()->doc;
 
-        const int sourceCount = guarded(ctx, [&] { return pdf_count_pages(ctx, src); });
+        const int sourceCount = PageCount(ctx, src);
         for (unsigned page : pages) {
             if (page >= unsigned(std::max(sourceCount, 0))) {
                 throw std::out_of_range("no page " + std::to_string(page) + " in a source of " +
@@ -432,7 +432,7 @@ public:
             sourcePages.emplace_back(ctx, guarded(ctx, [&] { return pdf_keep_obj(ctx, obj); }));
         }
 
-        const int targetCount = guarded(ctx, [&] { return pdf_count_pages(ctx, dst); });
+        const int targetCount = PageCount(ctx, dst);
         const int at = insertIndex < 0 || insertIndex > targetCount ? targetCount : insertIndex;
         // The copies join the target's page tree at the end, in one step:
         // a failure before leaves the target's pages as they were.
@@ -472,8 +472,7 @@ public:
         fz_context* ctx = from.Core()->ctx;
         pdf_document* src = from.Core()->doc;
         // The pages the tree holds: a count its nodes claim is no bound.
-        const int count = std::min(guarded(ctx, [&] { return pdf_count_pages(ctx, src); }),
-                                   static_cast<int>(ReadPageTree(ctx, src).leaves.size()));
+        const int count = PagesHeld(ctx, src, ReadPageTree(ctx, src));
         std::vector<unsigned> pages(size_t(std::max(count, 0)));
         for (size_t i = 0; i < pages.size(); ++i) pages[i] = unsigned(i);
         ImportPages(source, pages, target, insertIndex);
@@ -491,7 +490,7 @@ void MovePages(const std::shared_ptr<IDocument>& document, const std::vector<uns
     const RequestBudget budget;
     fz_context* ctx = engineDoc.Core()->ctx;
     pdf_document* doc = engineDoc.Core()->doc;
-    const int count = guarded(ctx, [&] { return pdf_count_pages(ctx, doc); });
+    const int count = PageCount(ctx, doc);
     std::vector<unsigned> moved;
     for (unsigned page : pages) {
         if (page >= unsigned(std::max(count, 0))) {

@@ -1,9 +1,12 @@
 #include "engine/PageTree.h"
 
+#include <glog/logging.h>
+
 #include <algorithm>
 #include <cstring>
 #include <stdexcept>
 #include <string>
+#include <unordered_map>
 #include <unordered_set>
 
 #include "engine/Context.h"
@@ -642,8 +645,52 @@ TreeRepair MendPageTree(fz_context* ctx, pdf_document* doc) {
     return repair;
 }
 
+int PageCount(fz_context* ctx, pdf_document* doc) {
+    struct Claims {
+        int count;
+        int root;
+        int objects;
+    };
+    const Claims claims = guarded(ctx, [&] {
+        Claims c;
+        c.count = pdf_count_pages(ctx, doc);
+        c.root = pdf_to_int(ctx, pdf_dict_getp(ctx, pdf_trailer(ctx, doc), "Root/Pages/Count"));
+        c.objects = pdf_xref_len(ctx, doc);
+        return c;
+    });
+    if (claims.count >= 0 && claims.count == claims.root && claims.count <= claims.objects) return claims.count;
+    return std::min(std::max(claims.count, 0), static_cast<int>(ReadPageTree(ctx, doc).leaves.size()));
+}
+
 int PagesHeld(fz_context* ctx, pdf_document* doc, const PageTree& tree) {
-    return std::min(guarded(ctx, [&] { return pdf_count_pages(ctx, doc); }), static_cast<int>(tree.leaves.size()));
+    return std::min(PageCount(ctx, doc), static_cast<int>(tree.leaves.size()));
+}
+
+void RenumberOpenPages(fz_context* ctx, pdf_document* doc) {
+    if (doc->super.open == nullptr) return;
+    const PageTree tree = ReadPageTree(ctx, doc);
+    std::unordered_map<pdf_obj*, int> numbers;
+    if (tree.consistent) {
+        for (size_t i = 0; i < tree.leaves.size(); ++i) {
+            pdf_obj* leaf = tree.leaves[i].page;
+            numbers.emplace(guarded(ctx, [&] { return pdf_resolve_indirect(ctx, leaf); }), int(i));
+        }
+    }
+    for (fz_page* page = doc->super.open; page != nullptr; page = page->next) {
+        pdf_obj* obj = reinterpret_cast<pdf_page*>(page)->obj;
+        int number = -1;
+        try {
+            if (tree.consistent) {
+                const auto found = numbers.find(guarded(ctx, [&] { return pdf_resolve_indirect(ctx, obj); }));
+                if (found != numbers.end()) number = found->second;
+            } else {
+                number = guarded(ctx, [&] { return pdf_lookup_page_number(ctx, doc, obj); });
+            }
+        } catch (const Orvane::Exception& e) {
+            VLOG(1) << "an open page is no longer in the page tree: " << e.what();
+        }
+        page->number = number;
+    }
 }
 
 pdf_obj* PageObject(fz_context* ctx, pdf_document* doc, const PageTree& tree, int i) {
@@ -653,7 +700,7 @@ pdf_obj* PageObject(fz_context* ctx, pdf_document* doc, const PageTree& tree, in
 
 void InsertPages(fz_context* ctx, pdf_document* doc, int at, const std::vector<pdf_obj*>& pages) {
     if (pages.empty()) return;
-    const int count = guarded(ctx, [&] { return pdf_count_pages(ctx, doc); });
+    const int count = PageCount(ctx, doc);
     Place place;
     if (count <= 0) {
         place.parent = rootNode(ctx, doc);
@@ -673,7 +720,7 @@ void InsertPages(fz_context* ctx, pdf_document* doc, int at, const std::vector<p
 }
 
 void RemovePage(fz_context* ctx, pdf_document* doc, int index) {
-    const int count = guarded(ctx, [&] { return pdf_count_pages(ctx, doc); });
+    const int count = PageCount(ctx, doc);
     if (index < 0 || index >= count) {
         throw std::out_of_range("no page " + std::to_string(index) + " in a document of " + std::to_string(count) +
                                 " pages");

@@ -11,7 +11,6 @@
 #include <cstring>
 #include <filesystem>
 #include <stdexcept>
-#include <unordered_map>
 #include <utility>
 
 #include "engine/AtomicFile.h"
@@ -208,35 +207,8 @@ void PdfDocument::RefreshPageCount() {
     fz_context* ctx = core_->ctx;
     pdf_document* doc = core_->doc;
     core_->Changed();
-    // MuPDF finds an open page by its number; after pages moved, the numbers
-    // it keeps would hand out the wrong page. One walk of the tree answers
-    // for every open page.
-    if (doc->super.open != nullptr) {
-        const PageTree tree = ReadPageTree(ctx, doc);
-        std::unordered_map<pdf_obj*, int> numbers;
-        if (tree.consistent) {
-            for (size_t i = 0; i < tree.leaves.size(); ++i) {
-                pdf_obj* leaf = tree.leaves[i].page;
-                numbers.emplace(guarded(ctx, [&] { return pdf_resolve_indirect(ctx, leaf); }), int(i));
-            }
-        }
-        for (fz_page* page = doc->super.open; page != nullptr; page = page->next) {
-            pdf_obj* obj = reinterpret_cast<pdf_page*>(page)->obj;
-            int number = -1;
-            try {
-                if (tree.consistent) {
-                    const auto found = numbers.find(guarded(ctx, [&] { return pdf_resolve_indirect(ctx, obj); }));
-                    if (found != numbers.end()) number = found->second;
-                } else {
-                    number = guarded(ctx, [&] { return pdf_lookup_page_number(ctx, doc, obj); });
-                }
-            } catch (const Orvane::Exception& e) {
-                VLOG(1) << "an open page is no longer in the page tree: " << e.what();
-            }
-            page->number = number;
-        }
-    }
-    const int count = guarded(ctx, [&] { return pdf_count_pages(ctx, doc); });
+    RenumberOpenPages(ctx, doc);
+    const int count = PageCount(ctx, doc);
     std::lock_guard<std::mutex> lock(metaMutex_);
     pageCount_ = unsigned(std::max(count, 0));
 }
@@ -251,7 +223,7 @@ void PdfDocument::DeletePage(unsigned index) {
     const RequestBudget budget;
     fz_context* ctx = core_->ctx;
     pdf_document* doc = core_->doc;
-    const int count = guarded(ctx, [&] { return pdf_count_pages(ctx, doc); });
+    const int count = PageCount(ctx, doc);
     if (index >= unsigned(std::max(count, 0))) {
         throw std::out_of_range("no page " + std::to_string(index) + " in a document of " + std::to_string(count) +
                                 " pages");

@@ -17,6 +17,7 @@
 #include "engine/Geometry.h"
 #include "engine/Watchdog.h"
 #include "engine/Guarded.h"
+#include "engine/PageTree.h"
 #include "engine/TextObject.h"
 #include "orvane/Exception.h"
 
@@ -29,24 +30,6 @@ int quarterTurns(int degrees) {
     degrees %= 360;
     degrees = 90 * ((degrees + 45) / 90);
     return degrees >= 360 ? 0 : degrees / 90;
-}
-
-// ---- keeping MuPDF's list of open pages in step with the page tree ----
-
-// MuPDF finds a loaded page by the number it was loaded under and does not
-// renumber its open pages when pages are inserted or deleted. Give each open
-// page of the document the number it has now (-1 once it left the tree).
-void renumberOpenPages(fz_context* ctx, pdf_document* doc) {
-    for (fz_page* page = doc->super.open; page != nullptr; page = page->next) {
-        pdf_obj* obj = reinterpret_cast<pdf_page*>(page)->obj;
-        int number = -1;
-        try {
-            number = guarded(ctx, [&] { return pdf_lookup_page_number(ctx, doc, obj); });
-        } catch (const Orvane::Exception&) {
-            number = -1;  // MuPDF throws for a page no longer in the tree
-        }
-        page->number = number;
-    }
 }
 
 PageHandle loadPage(fz_context* ctx, pdf_document* doc, int index) {
@@ -164,7 +147,7 @@ std::shared_ptr<IPage> MakePage(const std::shared_ptr<DocumentCore>& core, unsig
     const RequestBudget budget;
     fz_context* ctx = core->ctx;
     pdf_document* doc = core->doc;
-    const int count = guarded(ctx, [&] { return pdf_count_pages(ctx, doc); });
+    const int count = PageCount(ctx, doc);
     if (count < 0 || index >= static_cast<unsigned>(count)) {
         throw std::out_of_range("page index " + std::to_string(index) + " out of range (" + std::to_string(count) +
                                 " pages)");
@@ -175,7 +158,7 @@ std::shared_ptr<IPage> MakePage(const std::shared_ptr<DocumentCore>& core, unsig
         // A page loaded before pages were inserted or deleted answered for
         // its old number.
         page.reset();
-        renumberOpenPages(ctx, doc);
+        RenumberOpenPages(ctx, doc);
         page = loadPage(ctx, doc, number);
     }
     return std::make_shared<PdfPage>(core, std::move(page));
