@@ -66,6 +66,14 @@ constexpr int kMaxSaveDepth = 20000;
 
 }  // namespace
 
+PdfDocument& EngineDocument(const std::shared_ptr<IDocument>& document, const char* role) {
+    if (!document) throw std::invalid_argument(std::string("no ") + role + " document for the import");
+    auto* engineDoc = dynamic_cast<PdfDocument*>(document.get());
+    if (engineDoc == nullptr)
+        throw std::invalid_argument(std::string("the ") + role + " document is not a PDF document");
+    return *engineDoc;
+}
+
 // ---- construction ----
 
 PdfDocument::PdfDocument(const std::shared_ptr<IFontProvider>& fonts) : fonts_(fonts) {
