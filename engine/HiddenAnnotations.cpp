@@ -94,22 +94,17 @@ void PdfDocument::RemoveHiddenObjects() {
     pdf_document* doc = core_->doc;
     core_->Changed();
     const PageTree tree = ReadPageTree(ctx, doc);
-    const int count = PagesHeld(ctx, doc, tree);
     // Two passes: most documents hide nothing, and only those that do are
     // searched for what could show it.
     for (int drop = 0; drop <= 1; ++drop) {
         int found = 0;
-        for (int i = 0; i < count; ++i) {
-            ThrowIfBudgetSpent("looking for hidden annotations");
-            try {
-                pdf_obj* page = PageObject(ctx, doc, tree, i);
-                const int hidden = guarded(ctx, [&] { return hiddenAnnotations(ctx, page, drop); });
-                found += hidden;
-                VLOG_IF(1, drop && hidden > 0) << "removed " << hidden << " hidden annotation(s) from page " << i + 1;
-            } catch (const Orvane::Exception& e) {
-                LOG(WARNING) << "cannot look for hidden annotations on page " << i + 1 << ": " << e.what();
-            }
-        }
+        ForEachPage(ctx, doc, tree, "looking for hidden annotations", "look for hidden annotations on",
+                    [&](int i, pdf_obj* page) {
+                        const int hidden = guarded(ctx, [&] { return hiddenAnnotations(ctx, page, drop); });
+                        found += hidden;
+                        VLOG_IF(1, drop && hidden > 0)
+                            << "removed " << hidden << " hidden annotation(s) from page " << i + 1;
+                    });
         if (found == 0) return;
         if (!drop && guarded(ctx, [&] { return mayShowHidden(ctx, doc); })) {
             VLOG(1) << "hidden annotations kept: an action or a script of the document may show them";

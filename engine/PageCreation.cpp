@@ -117,9 +117,16 @@ std::string pdfNumber(double value) {
     return text;
 }
 
-// Where an insertion at index lands: before that page, or at the end.
-int insertionPoint(unsigned index, int count) {
-    return index <= unsigned(count) ? int(index) : count;
+// A new page of width x height showing contents, inserted before page
+// index, or after the last page; answers where it went.
+int insertPage(fz_context* ctx, pdf_document* doc, unsigned index, double width, double height, pdf_obj* resources,
+               fz_buffer* contents) {
+    const int count = PageCount(ctx, doc);
+    const int at = index <= unsigned(count) ? int(index) : count;
+    const fz_rect box = fz_make_rect(0, 0, float(width), float(height));
+    PdfObjHandle page(ctx, guarded(ctx, [&] { return pdf_add_page(ctx, doc, box, 0, resources, contents); }));
+    InsertPages(ctx, doc, at, {page.get()});
+    return at;
 }
 
 }  // namespace
@@ -129,14 +136,9 @@ std::shared_ptr<IPage> PdfDocument::CreatePage(unsigned index, double width, dou
     const RequestBudget budget;
     fz_context* ctx = core_->ctx;
     pdf_document* doc = core_->doc;
-    const int at = insertionPoint(index, PageCount(ctx, doc));
-
     BufferHandle contents(ctx, guarded(ctx, [&] { return fz_new_buffer(ctx, 1); }));
     PdfObjHandle resources(ctx, guarded(ctx, [&] { return pdf_new_dict(ctx, doc, 1); }));
-    const fz_rect box = fz_make_rect(0, 0, float(width), float(height));
-    PdfObjHandle page(ctx,
-                      guarded(ctx, [&] { return pdf_add_page(ctx, doc, box, 0, resources.get(), contents.get()); }));
-    InsertPages(ctx, doc, at, {page.get()});
+    const int at = insertPage(ctx, doc, index, width, height, resources.get(), contents.get());
     RefreshPageCount();
     return MakePage(core_, unsigned(at));
 }
@@ -172,11 +174,7 @@ std::shared_ptr<IPage> PdfDocument::CreatePageFromImage(unsigned index, const st
                                   ctx, reinterpret_cast<const unsigned char*>(drawing.data()), drawing.size());
                           }));
 
-    const int at = insertionPoint(index, PageCount(ctx, doc));
-    const fz_rect box = fz_make_rect(0, 0, float(width), float(height));
-    PdfObjHandle page(ctx,
-                      guarded(ctx, [&] { return pdf_add_page(ctx, doc, box, 0, resources.get(), contents.get()); }));
-    InsertPages(ctx, doc, at, {page.get()});
+    const int at = insertPage(ctx, doc, index, width, height, resources.get(), contents.get());
     RefreshPageCount();
     return MakePage(core_, unsigned(at));
 }

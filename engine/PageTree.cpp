@@ -187,6 +187,19 @@ int PagesHeld(fz_context* ctx, pdf_document* doc, const PageTree& tree) {
     return std::min(PageCount(ctx, doc), static_cast<int>(tree.leaves.size()));
 }
 
+void ForEachPage(fz_context* ctx, pdf_document* doc, const PageTree& tree, const char* walk, const char* failure,
+                 const std::function<void(int, pdf_obj*)>& visit) {
+    const int count = PagesHeld(ctx, doc, tree);
+    for (int i = 0; i < count; ++i) {
+        ThrowIfBudgetSpent(walk);
+        try {
+            visit(i, PageObject(ctx, doc, tree, i));
+        } catch (const Orvane::Exception& e) {
+            LOG(WARNING) << "cannot " << failure << " page " << i + 1 << ": " << e.what();
+        }
+    }
+}
+
 void RenumberOpenPages(fz_context* ctx, pdf_document* doc) {
     if (doc->super.open == nullptr) return;
     const PageTree tree = ReadPageTree(ctx, doc);

@@ -9,6 +9,7 @@
 
 #include <mupdf/pdf.h>
 
+#include <functional>
 #include <vector>
 
 namespace Orvane::PDF::Pdfium {
@@ -73,6 +74,13 @@ int PageCount(fz_context* ctx, pdf_document* doc);
 // The pages a walk over every page visits: a count the tree's nodes claim is
 // no bound, only the pages the tree holds are.
 int PagesHeld(fz_context* ctx, pdf_document* doc, const PageTree& tree);
+
+// Calls visit(i, page object) for every page the tree holds, ending with
+// the request's budget (ThrowIfBudgetSpent(walk)). A page whose visit throws
+// Orvane::Exception is logged ("cannot <failure> page N: ...") and passed
+// over.
+void ForEachPage(fz_context* ctx, pdf_document* doc, const PageTree& tree, const char* walk, const char* failure,
+                 const std::function<void(int, pdf_obj*)>& visit);
 
 // MuPDF finds a loaded page by the number it was loaded under and does not
 // renumber its open pages when pages are inserted or deleted: gives each open

@@ -104,17 +104,8 @@ void PdfDocument::FixupDocument() const {
     fz_context* ctx = core_->ctx;
     pdf_document* doc = core_->doc;
     core_->Changed();
-    const PageTree tree = ReadPageTree(ctx, doc);
-    const int count = PagesHeld(ctx, doc, tree);
-    for (int i = 0; i < count; ++i) {
-        ThrowIfBudgetSpent("completing the pages' attributes");
-        try {
-            pdf_obj* page = PageObject(ctx, doc, tree, i);
-            guarded(ctx, [&] { pdf_flatten_inheritable_page_items(ctx, page); });
-        } catch (const Orvane::Exception& e) {
-            LOG(WARNING) << "cannot complete the attributes of page " << i + 1 << ": " << e.what();
-        }
-    }
+    ForEachPage(ctx, doc, ReadPageTree(ctx, doc), "completing the pages' attributes", "complete the attributes of",
+                [&](int, pdf_obj* page) { guarded(ctx, [&] { pdf_flatten_inheritable_page_items(ctx, page); }); });
 }
 
 void PdfDocument::Save(const Orvane::ioPath& path, unsigned long) const {
