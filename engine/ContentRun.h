@@ -25,8 +25,8 @@ struct ContentRun {
     // lacks some of what it should hold.
     bool workRefused = false;
     bool shortOfMemory = false;
-    int errors = 0;               // operators that failed and were passed over
-    std::exception_ptr failure;   // what body threw
+    int errors = 0;              // operators that failed and were passed over
+    std::exception_ptr failure;  // what body threw
 };
 
 // Runs body(cookie) under a deadline of budget. body hands the cookie to

@@ -49,7 +49,9 @@ struct PageLabel {
 // The label of each of the first count pages; empty when the document has
 // no page labels.
 std::vector<PageLabel> readLabels(fz_context* ctx, pdf_document* doc, int count) {
-    pdf_obj* tree = guarded(ctx, [&] { return pdf_dict_gets(ctx, pdf_dict_get(ctx, pdf_trailer(ctx, doc), PDF_NAME(Root)), "PageLabels"); });
+    pdf_obj* tree = guarded(ctx, [&] {
+        return pdf_dict_gets(ctx, pdf_dict_get(ctx, pdf_trailer(ctx, doc), PDF_NAME(Root)), "PageLabels");
+    });
     if (tree == nullptr) return {};
     PdfObjHandle pairs(ctx, guarded(ctx, [&] { return pdf_new_array(ctx, doc, 16); }));
     guarded(ctx, [&] { collectNumbers(ctx, tree, pairs.get(), 0); });
@@ -108,7 +110,9 @@ void writeLabels(fz_context* ctx, pdf_document* dst, const std::vector<PageLabel
             if (label.number != 1) pdf_dict_puts_drop(ctx, dict, "St", pdf_new_int(ctx, label.number));
         });
     }
-    guarded(ctx, [&] { pdf_dict_puts(ctx, pdf_dict_get(ctx, pdf_trailer(ctx, dst), PDF_NAME(Root)), "PageLabels", tree.get()); });
+    guarded(ctx, [&] {
+        pdf_dict_puts(ctx, pdf_dict_get(ctx, pdf_trailer(ctx, dst), PDF_NAME(Root)), "PageLabels", tree.get());
+    });
 }
 
 }  // namespace

@@ -52,7 +52,7 @@ public:
 
     void Add(IPageObject::Kind kind, fz_rect bounds) noexcept {
         if (!Recording() || fz_is_empty_rect(bounds) || fz_is_infinite_rect(bounds)) return;
-        Guard([&] {
+        Catching([&] {
             if (objects_.size() >= kMaxObjects) {
                 if (!truncated_) LOG(WARNING) << "page objects: list cut at " << kMaxObjects << " objects";
                 truncated_ = true;
@@ -70,7 +70,7 @@ public:
     }
 
     void PushClip(fz_rect bounds, IPageObject::Kind kind) noexcept {
-        Guard([&] { clips_.push_back({fz_intersect_rect(bounds, clips_.back().rect), kind}); });
+        Catching([&] { clips_.push_back({fz_intersect_rect(bounds, clips_.back().rect), kind}); });
     }
     void PopClip() noexcept {
         if (clips_.size() > 1) clips_.pop_back();
@@ -95,7 +95,7 @@ public:
     }
 
     void BeginForm() noexcept {
-        Guard([&] {
+        Catching([&] {
             if (Recording() && objects_.size() < kMaxObjects) {
                 openForms_.push_back(static_cast<int>(objects_.size()));
                 objects_.push_back({IPageObject::Form, Rect{}});
@@ -137,7 +137,7 @@ private:
     };
 
     template <class F>
-    void Guard(F&& f) noexcept {
+    void Catching(F&& f) noexcept {
         try {
             f();
         } catch (...) {

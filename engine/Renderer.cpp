@@ -190,7 +190,7 @@ public:
         std::vector<int> seams;
         const bool coldGlyphs = fresh && long(target.width) * target.height < kFirstPictureBandPixels;
         if (banded && !coldGlyphs && !GlyphBound(*recording, target)) {
-            seams = ChooseSeams(*recording->guards, bounds.y0, scaleY, std::max(scaleX, scaleY), target.height,
+            seams = ChooseSeams(*recording->obstacles, bounds.y0, scaleY, std::max(scaleX, scaleY), target.height,
                                 BandCount(target));
         }
         std::vector<ContentRun> results(seams.size() + 1);
@@ -318,11 +318,11 @@ private:
         Check(result);
         if (result.failure) return std::nullopt;
         size_t glyphs = 0;
-        auto guards = std::make_shared<const std::vector<SeamGuard>>(FindSeamGuards(ctx_, list.get(), glyphs));
+        auto obstacles = std::make_shared<const std::vector<SeamObstacle>>(FindSeamObstacles(ctx_, list.get(), glyphs));
         const size_t after = MemoryInUse();
         bytes = std::max(after > before ? after - before : 0, kLeastRecordingBytes) +
-                guards->capacity() * sizeof(SeamGuard);
-        return Recording{list.release(), std::move(guards), glyphs};
+                obstacles->capacity() * sizeof(SeamObstacle);
+        return Recording{list.release(), std::move(obstacles), glyphs};
     }
 
     Clock::time_point start_;

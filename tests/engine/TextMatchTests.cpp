@@ -95,7 +95,8 @@ TEST(TextMatch, Rules) {
 // covers exactly the page characters (which GetText shows unchanged) and
 // their boxes.
 TEST(TextMatch, AsTyped) {
-    auto text = Lines({L"Stra\u00DFe STRASSE find caf\u00E9 e-", L"mail to the infor\u00ADmation desk infor\u00AD", L"mation"});
+    auto text =
+        Lines({L"Stra\u00DFe STRASSE find caf\u00E9 e-", L"mail to the infor\u00ADmation desk infor\u00AD", L"mation"});
     const std::wstring sharpS = L"Stra\u00DFe", shy = L"infor\u00ADmation", shyBreak = L"infor\u00AD\nmation";
     struct Case {
         std::wstring needle;
@@ -107,9 +108,9 @@ TEST(TextMatch, AsTyped) {
         {L"Stra\u00DF", 0, {L"Stra\u00DF", L"STRASS"}},
         {L"strasse", ITextObject::MatchCase, {}},
         {L"strase", 0, {}},
-        {L"stras", 0, {L"STRAS"}},                      // but not half of "ß"
+        {L"stras", 0, {L"STRAS"}},  // but not half of "ß"
         {L"FIND", ITextObject::WholeWords, {L"find"}},
-        {L"\uFB01nd", 0, {L"find"}},  // the ligature U+FB01 in the needle
+        {L"\uFB01nd", 0, {L"find"}},         // the ligature U+FB01 in the needle
         {L"cafe\u0301", 0, {L"caf\u00E9"}},  // a combining mark in the needle
         {L"CAFE\u0301", ITextObject::IgnoreDiacritics, {L"caf\u00E9"}},
         {L"cafe", 0, {}},
