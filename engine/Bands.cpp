@@ -12,27 +12,27 @@
 namespace Orvane::PDF::Pdfium {
 namespace {
 
-// ---- seam guards ----
+// ---- what a seam must not cut ----
 
 // Glyphs up to this size in pixels come from the glyph cache's bitmaps (its
 // limit is twice as large), which a seam may cut.
 constexpr float kCachedGlyphPixels = 128.0f;
-// Rows kept free on either side of a guard.
+// Rows kept free on either side of a obstacle.
 constexpr float kSeamMargin = 2.0f;
 
-struct GuardDevice {
+struct ObstacleDevice {
     fz_device super;
-    std::vector<SeamGuard>* guards;
+    std::vector<SeamObstacle>* obstacles;
     size_t glyphs;
     bool failed;
 };
 
 // The callbacks run inside MuPDF's fz_try frames: nothing may throw.
-void addGuard(fz_device* dev, fz_rect r, float fromScale = 0) {
-    auto* self = reinterpret_cast<GuardDevice*>(dev);
+void addObstacle(fz_device* dev, fz_rect r, float fromScale = 0) {
+    auto* self = reinterpret_cast<ObstacleDevice*>(dev);
     if (fz_is_empty_rect(r)) return;
     try {
-        self->guards->push_back(SeamGuard{r.y0, r.y1, fromScale});
+        self->obstacles->push_back(SeamObstacle{r.y0, r.y1, fromScale});
     } catch (...) {
         self->failed = true;
     }
@@ -82,11 +82,11 @@ bool axisAligned(fz_context* ctx, const fz_path* path, fz_matrix ctm) {
     return walk.aligned;
 }
 
-void guardFill(fz_context* ctx, fz_device* dev, const fz_path* path, fz_matrix ctm) {
-    if (!axisAligned(ctx, path, ctm)) addGuard(dev, fz_bound_path(ctx, path, nullptr, ctm));
+void obstacleFill(fz_context* ctx, fz_device* dev, const fz_path* path, fz_matrix ctm) {
+    if (!axisAligned(ctx, path, ctm)) addObstacle(dev, fz_bound_path(ctx, path, nullptr, ctm));
 }
 
-void guardText(fz_context* ctx, fz_device* dev, const fz_text* text, const fz_stroke_state* stroke,
+void obstacleText(fz_context* ctx, fz_device* dev, const fz_text* text, const fz_stroke_state* stroke,
                fz_matrix ctm) {
     float largest = 0;
     for (const fz_text_span* span = text->head; span != nullptr; span = span->next) {
@@ -94,71 +94,71 @@ void guardText(fz_context* ctx, fz_device* dev, const fz_text* text, const fz_st
     }
     // Stroked glyphs and huge ones are drawn as paths.
     const float fromScale = stroke != nullptr || largest <= 0 ? 0 : kCachedGlyphPixels / largest;
-    addGuard(dev, fz_bound_text(ctx, text, stroke, ctm), fromScale);
+    addObstacle(dev, fz_bound_text(ctx, text, stroke, ctm), fromScale);
 }
 
 void onFillPath(fz_context* ctx, fz_device* dev, const fz_path* path, int, fz_matrix ctm, fz_colorspace*,
                 const float*, float, fz_color_params) {
-    guardFill(ctx, dev, path, ctm);
+    obstacleFill(ctx, dev, path, ctm);
 }
 void onStrokePath(fz_context* ctx, fz_device* dev, const fz_path* path, const fz_stroke_state* stroke,
                   fz_matrix ctm, fz_colorspace*, const float*, float, fz_color_params) {
-    addGuard(dev, fz_bound_path(ctx, path, stroke, ctm));
+    addObstacle(dev, fz_bound_path(ctx, path, stroke, ctm));
 }
 void onClipPath(fz_context* ctx, fz_device* dev, const fz_path* path, int, fz_matrix ctm, fz_rect) {
-    guardFill(ctx, dev, path, ctm);
+    obstacleFill(ctx, dev, path, ctm);
 }
 void onClipStrokePath(fz_context* ctx, fz_device* dev, const fz_path* path, const fz_stroke_state* stroke,
                       fz_matrix ctm, fz_rect) {
-    addGuard(dev, fz_bound_path(ctx, path, stroke, ctm));
+    addObstacle(dev, fz_bound_path(ctx, path, stroke, ctm));
 }
 void countGlyphs(fz_device* dev, const fz_text* text) {
-    auto* self = reinterpret_cast<GuardDevice*>(dev);
+    auto* self = reinterpret_cast<ObstacleDevice*>(dev);
     for (const fz_text_span* span = text->head; span != nullptr; span = span->next) self->glyphs += size_t(span->len);
 }
 void onFillText(fz_context* ctx, fz_device* dev, const fz_text* text, fz_matrix ctm, fz_colorspace*, const float*,
                 float, fz_color_params) {
-    guardText(ctx, dev, text, nullptr, ctm);
+    obstacleText(ctx, dev, text, nullptr, ctm);
     countGlyphs(dev, text);
 }
 void onStrokeText(fz_context* ctx, fz_device* dev, const fz_text* text, const fz_stroke_state* stroke,
                   fz_matrix ctm, fz_colorspace*, const float*, float, fz_color_params) {
-    guardText(ctx, dev, text, stroke, ctm);
+    obstacleText(ctx, dev, text, stroke, ctm);
     countGlyphs(dev, text);
 }
 void onClipText(fz_context* ctx, fz_device* dev, const fz_text* text, fz_matrix ctm, fz_rect) {
-    guardText(ctx, dev, text, nullptr, ctm);
+    obstacleText(ctx, dev, text, nullptr, ctm);
 }
 void onClipStrokeText(fz_context* ctx, fz_device* dev, const fz_text* text, const fz_stroke_state* stroke,
                       fz_matrix ctm, fz_rect) {
-    guardText(ctx, dev, text, stroke, ctm);
+    obstacleText(ctx, dev, text, stroke, ctm);
 }
 void onFillShade(fz_context* ctx, fz_device* dev, fz_shade* shade, fz_matrix ctm, float, fz_color_params) {
-    addGuard(dev, fz_bound_shade(ctx, shade, ctm));
+    addObstacle(dev, fz_bound_shade(ctx, shade, ctm));
 }
 // Images are sampled from a sub-area chosen by the clip: guarded too.
 void onFillImage(fz_context*, fz_device* dev, fz_image*, fz_matrix ctm, float, fz_color_params) {
-    addGuard(dev, fz_transform_rect(fz_unit_rect, ctm));
+    addObstacle(dev, fz_transform_rect(fz_unit_rect, ctm));
 }
 void onFillImageMask(fz_context*, fz_device* dev, fz_image*, fz_matrix ctm, fz_colorspace*, const float*, float,
                      fz_color_params) {
-    addGuard(dev, fz_transform_rect(fz_unit_rect, ctm));
+    addObstacle(dev, fz_transform_rect(fz_unit_rect, ctm));
 }
 void onClipImageMask(fz_context*, fz_device* dev, fz_image*, fz_matrix ctm, fz_rect) {
-    addGuard(dev, fz_transform_rect(fz_unit_rect, ctm));
+    addObstacle(dev, fz_transform_rect(fz_unit_rect, ctm));
 }
 int onBeginTile(fz_context*, fz_device* dev, fz_rect area, fz_rect, float, float, fz_matrix ctm, int) {
-    addGuard(dev, fz_transform_rect(area, ctm));
+    addObstacle(dev, fz_transform_rect(area, ctm));
     return 0;
 }
 
 }  // namespace
 
-std::vector<SeamGuard> FindSeamGuards(fz_context* ctx, fz_display_list* list, size_t& glyphs) {
-    std::vector<SeamGuard> guards;
-    auto* dev = guarded(ctx, [&] { return fz_new_derived_device(ctx, GuardDevice); });
+std::vector<SeamObstacle> FindSeamObstacles(fz_context* ctx, fz_display_list* list, size_t& glyphs) {
+    std::vector<SeamObstacle> obstacles;
+    auto* dev = guarded(ctx, [&] { return fz_new_derived_device(ctx, ObstacleDevice); });
     DeviceHandle device(ctx, &dev->super);
-    dev->guards = &guards;
+    dev->obstacles = &obstacles;
     dev->glyphs = 0;
     dev->failed = false;
     dev->super.fill_path = onFillPath;
@@ -181,23 +181,23 @@ std::vector<SeamGuard> FindSeamGuards(fz_context* ctx, fz_display_list* list, si
     glyphs = dev->glyphs;
     // Without the whole list nothing is known to be safe.
     if (dev->failed) {
-        guards.clear();
+        obstacles.clear();
         const float far = std::numeric_limits<float>::max();
-        guards.push_back(SeamGuard{-far, far, 0});
+        obstacles.push_back(SeamObstacle{-far, far, 0});
     }
-    return guards;
+    return obstacles;
 }
 
-std::vector<int> ChooseSeams(const std::vector<SeamGuard>& guards, float top, float scaleY, float textScale,
+std::vector<int> ChooseSeams(const std::vector<SeamObstacle>& obstacles, float top, float scaleY, float textScale,
                              int height, int bands) {
     std::vector<int> seams;
     if (bands < 2 || height < 2 * bands || !(scaleY > 0)) return seams;
-    // blocked[s] > 0: the boundary above row s crosses a guard.
+    // blocked[s] > 0: the boundary above row s crosses a obstacle.
     std::vector<int> blocked(static_cast<size_t>(height) + 2, 0);
-    for (const SeamGuard& guard : guards) {
-        if (guard.fromScale > 0 && textScale < guard.fromScale) continue;
-        const double from = (double(guard.top) - top) * scaleY - kSeamMargin;
-        const double to = (double(guard.bottom) - top) * scaleY + kSeamMargin;
+    for (const SeamObstacle& obstacle : obstacles) {
+        if (obstacle.fromScale > 0 && textScale < obstacle.fromScale) continue;
+        const double from = (double(obstacle.top) - top) * scaleY - kSeamMargin;
+        const double to = (double(obstacle.bottom) - top) * scaleY + kSeamMargin;
         const int first = static_cast<int>(std::max(1.0, std::floor(std::max(from, -1.0)) + 1));
         const int last = static_cast<int>(std::min(double(height - 1), std::ceil(std::min(to, double(height))) - 1));
         if (first > last) continue;

@@ -8,7 +8,7 @@
 // edge clipped there steps a little differently from the whole edge, so a
 // seam through a curve or a slanted line would change a few pixels next to
 // it. Seams are therefore placed only on rows that nothing at risk crosses
-// (SeamGuard); a picture without such rows is drawn in one piece.
+// (SeamObstacle); a picture without such rows is drawn in one piece.
 
 #include <mupdf/fitz.h>
 
@@ -26,13 +26,13 @@ namespace Orvane::PDF::Pdfium {
 // What in the recording a seam must not cross, in recording space. Throws
 // the engine's exceptions.
 // glyphs counts the glyphs of the text drawn.
-std::vector<SeamGuard> FindSeamGuards(fz_context* ctx, fz_display_list* list, size_t& glyphs);
+std::vector<SeamObstacle> FindSeamObstacles(fz_context* ctx, fz_display_list* list, size_t& glyphs);
 
 // The first rows of the bands after the first (ascending) for a picture of
 // height rows whose row y shows recording-space y = top + y / scaleY, cut
 // into at most bands bands of about equal height; empty when no seam is
 // safe. textScale is the picture's larger scale, which sizes the glyphs.
-std::vector<int> ChooseSeams(const std::vector<SeamGuard>& guards, float top, float scaleY, float textScale,
+std::vector<int> ChooseSeams(const std::vector<SeamObstacle>& obstacles, float top, float scaleY, float textScale,
                              int height, int bands);
 
 // How many pictures were drawn by more than one thread so far.

@@ -144,6 +144,10 @@ public:
     static size_t RefusedWork();
 };
 
+// A walk over every page ends with the request's budget, whatever each page
+// costs: throws Orvane::Exception naming what once the budget is spent.
+void ThrowIfBudgetSpent(const char* what);
+
 // What the calling thread's engine work ran into from construction on.
 class RunLimits {
 public:

@@ -47,7 +47,7 @@ struct PageKey {
 // a clipped edge steps slightly differently from the whole one. Glyphs small
 // enough for the glyph cache are drawn from bitmaps and can be cut anywhere:
 // text is only in the way at a scale of at least fromScale.
-struct SeamGuard {
+struct SeamObstacle {
     float top = 0;
     float bottom = 0;
     float fromScale = 0;
@@ -55,7 +55,7 @@ struct SeamGuard {
 
 struct Recording {
     fz_display_list* list = nullptr;
-    std::shared_ptr<const std::vector<SeamGuard>> guards;
+    std::shared_ptr<const std::vector<SeamObstacle>> obstacles;
     size_t glyphs = 0;  // glyphs of text drawn (not clipped with)
 };
 

@@ -40,4 +40,8 @@ struct PartsCopy {
 // Call after the pages and annotations are copied, before the grafter drains.
 void CopyDocumentParts(fz_context* ctx, Grafter& grafter, const PartsCopy& copy, std::vector<unsigned char>& placed);
 
+// Each copied page keeps its label, each page of the target its own
+// (DocumentPartsLabels.cpp; part of CopyDocumentParts).
+void CopyPageLabels(fz_context* ctx, pdf_document* src, pdf_document* dst, const PartsCopy& copy);
+
 }  // namespace Orvane::PDF::Pdfium

@@ -1,10 +1,21 @@
 #pragma once
 
+#include <mupdf/fitz.h>
+
 #include <algorithm>
 
 #include "orvane/pdf/Records.h"
 
 namespace Orvane::PDF::Pdfium {
+
+// An fz_rect in page space (y upward), where its y0 is the bottom.
+inline Rect ToRect(fz_rect r) {
+    return Rect{r.x0, r.y1, r.x1, r.y0};
+}
+
+inline bool Holds(const Rect& r, double x, double y) {
+    return x >= r.left && x <= r.right && y >= r.bottom && y <= r.top;
+}
 
 // A box with no area (a line break's box, a path that paints nothing).
 inline bool IsEmptyBox(const Rect& r) {

@@ -15,6 +15,7 @@
 
 #include "engine/DocumentCore.h"
 #include "engine/Guarded.h"
+#include "engine/PageTree.h"
 #include "engine/PdfDocument.h"
 #include "engine/Reading.h"
 
@@ -127,7 +128,7 @@ private:
             entry.uri.assign(read.uri, read.uriLength);
         } else if (read.named) {
             fz_context* ctx = core_.ctx;
-            const int pages = guarded(ctx, [&] { return pdf_count_pages(ctx, core_.doc); });
+            const int pages = PageCount(ctx, core_.doc);
             if (pages > 0) entry.pageIndex = read.named == 1 ? 0 : pages - 1;
         } else if (read.dest) {
             const LinkDestination target = ResolveDestination(core_, read.dest, &pageIndices_);

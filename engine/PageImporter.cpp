@@ -393,27 +393,19 @@ private:
     std::unordered_map<int, pdf_obj*> pages_;
 };
 
-PdfDocument& engineDocument(const std::shared_ptr<IDocument>& document, const char* role) {
-    if (!document) throw std::invalid_argument(std::string("no ") + role + " document for the import");
-    auto* engineDoc = dynamic_cast<PdfDocument*>(document.get());
-    if (engineDoc == nullptr)
-        throw std::invalid_argument(std::string("the ") + role + " document is not a PDF document");
-    return *engineDoc;
-}
-
 class PageImporter : public IPageImporter {
 public:
     void ImportPages(const std::shared_ptr<IDocument>& source, const std::vector<unsigned>& pages,
                      const std::shared_ptr<IDocument>& target, int insertIndex) override {
-        PdfDocument& from = engineDocument(source, "source");
-        PdfDocument& into = engineDocument(target, "target");
+        PdfDocument& from = EngineDocument(source, "source");
+        PdfDocument& into = EngineDocument(target, "target");
         const RequestBudget budget;
         fz_context* ctx = into.Core()->ctx;
         if (from.Core()->ctx != ctx) throw Orvane::Exception("the documents of an import belong to different threads");
         pdf_document* src = from.Core()->doc;
         pdf_document* dst = into.Core()->doc;
 
-        const int sourceCount = guarded(ctx, [&] { return pdf_count_pages(ctx, src); });
+        const int sourceCount = PageCount(ctx, src);
         for (unsigned page : pages) {
             if (page >= unsigned(std::max(sourceCount, 0))) {
                 throw std::out_of_range("no page " + std::to_string(page) + " in a source of " +
@@ -432,7 +424,7 @@ public:
             sourcePages.emplace_back(ctx, guarded(ctx, [&] { return pdf_keep_obj(ctx, obj); }));
         }
 
-        const int targetCount = guarded(ctx, [&] { return pdf_count_pages(ctx, dst); });
+        const int targetCount = PageCount(ctx, dst);
         const int at = insertIndex < 0 || insertIndex > targetCount ? targetCount : insertIndex;
         // The copies join the target's page tree at the end, in one step:
         // a failure before leaves the target's pages as they were.
@@ -467,13 +459,12 @@ public:
 
     void ImportAllPages(const std::shared_ptr<IDocument>& source, const std::shared_ptr<IDocument>& target,
                         int insertIndex) override {
-        PdfDocument& from = engineDocument(source, "source");
-        engineDocument(target, "target");
+        PdfDocument& from = EngineDocument(source, "source");
+        EngineDocument(target, "target");
         fz_context* ctx = from.Core()->ctx;
         pdf_document* src = from.Core()->doc;
         // The pages the tree holds: a count its nodes claim is no bound.
-        const int count = std::min(guarded(ctx, [&] { return pdf_count_pages(ctx, src); }),
-                                   static_cast<int>(ReadPageTree(ctx, src).leaves.size()));
+        const int count = PagesHeld(ctx, src, ReadPageTree(ctx, src));
         std::vector<unsigned> pages(size_t(std::max(count, 0)));
         for (size_t i = 0; i < pages.size(); ++i) pages[i] = unsigned(i);
         ImportPages(source, pages, target, insertIndex);
@@ -484,42 +475,6 @@ public:
 
 std::unique_ptr<IPageImporter> CreatePageImporter() {
     return std::make_unique<PageImporter>();
-}
-
-void MovePages(const std::shared_ptr<IDocument>& document, const std::vector<unsigned>& pages, unsigned destination) {
-    PdfDocument& engineDoc = engineDocument(document, "edited");
-    const RequestBudget budget;
-    fz_context* ctx = engineDoc.Core()->ctx;
-    pdf_document* doc = engineDoc.Core()->doc;
-    const int count = guarded(ctx, [&] { return pdf_count_pages(ctx, doc); });
-    std::vector<unsigned> moved;
-    for (unsigned page : pages) {
-        if (page >= unsigned(std::max(count, 0))) {
-            throw std::out_of_range("no page " + std::to_string(page) + " in a document of " + std::to_string(count) +
-                                    " pages");
-        }
-        if (std::find(moved.begin(), moved.end(), page) == moved.end()) moved.push_back(page);
-    }
-    if (moved.empty()) return;
-    const PageTree tree = ReadPageTree(ctx, doc);
-    std::vector<PdfObjHandle> objects;
-    for (unsigned page : moved) {
-        pdf_obj* obj = PageObject(ctx, doc, tree, int(page));
-        objects.emplace_back(ctx, guarded(ctx, [&] { return pdf_keep_obj(ctx, obj); }));
-    }
-    std::vector<unsigned> descending = moved;
-    std::sort(descending.rbegin(), descending.rend());
-    engineDoc.Core()->Changed();
-    for (unsigned page : descending) RemovePage(ctx, doc, int(page));
-    // Only the last listed page is compared: for an ascending list every
-    // moved page stood before the destination exactly when the last one did.
-    const int left = count - int(moved.size());
-    const unsigned insertion = destination > pages.back() ? destination - unsigned(moved.size()) : destination;
-    const int at = int(std::min(insertion, unsigned(left)));
-    std::vector<pdf_obj*> inserted;
-    for (const PdfObjHandle& obj : objects) inserted.push_back(obj.get());
-    InsertPages(ctx, doc, at, inserted);
-    engineDoc.RefreshPageCount();
 }
 
 }  // namespace Orvane::PDF::Pdfium

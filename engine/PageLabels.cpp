@@ -151,14 +151,13 @@ std::vector<std::string> ReadPageLabels(const IDocument& document) {
     fz_context* ctx = core.ctx;
     struct Top {
         pdf_obj* tree;
-        int pages;
     };
     const Top top = guarded(ctx, [&] {
         pdf_obj* root = pdf_dict_get(ctx, pdf_trailer(ctx, core.doc), PDF_NAME(Root));
-        return Top{pdf_dict_gets(ctx, root, "PageLabels"), pdf_count_pages(ctx, core.doc)};
+        return Top{pdf_dict_gets(ctx, root, "PageLabels")};
     });
     // The pages the tree holds: a count its nodes claim is no bound.
-    const int pages = std::min(top.pages, static_cast<int>(ReadPageTree(ctx, core.doc).leaves.size()));
+    const int pages = PagesHeld(ctx, core.doc, ReadPageTree(ctx, core.doc));
     std::vector<std::string> labels;
     labels.reserve(static_cast<size_t>(std::max(pages, 0)));
     std::vector<Range> ranges;

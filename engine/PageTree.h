@@ -9,6 +9,7 @@
 
 #include <mupdf/pdf.h>
 
+#include <functional>
 #include <vector>
 
 namespace Orvane::PDF::Pdfium {
@@ -61,6 +62,31 @@ TreeRepair MendPageTree(fz_context* ctx, pdf_document* doc);
 // Walks the document's page tree once. The objects stay valid while the
 // tree is not edited.
 PageTree ReadPageTree(fz_context* ctx, pdf_document* doc);
+
+// The number of pages the document's tree holds: what every page count of
+// the engine reads. MuPDF's count is the root node's /Count, or one it keeps
+// from an earlier look (a page map, a linearised file's claim), and a
+// damaged file can make either anything. It is taken as it is while it is
+// the root's /Count and no larger than the file's objects (a page takes one
+// at least); otherwise the tree is walked and its pages counted.
+int PageCount(fz_context* ctx, pdf_document* doc);
+
+// The pages a walk over every page visits: a count the tree's nodes claim is
+// no bound, only the pages the tree holds are.
+int PagesHeld(fz_context* ctx, pdf_document* doc, const PageTree& tree);
+
+// Calls visit(i, page object) for every page the tree holds, ending with
+// the request's budget (ThrowIfBudgetSpent(walk)). A page whose visit throws
+// Orvane::Exception is logged ("cannot <failure> page N: ...") and passed
+// over.
+void ForEachPage(fz_context* ctx, pdf_document* doc, const PageTree& tree, const char* walk, const char* failure,
+                 const std::function<void(int, pdf_obj*)>& visit);
+
+// MuPDF finds a loaded page by the number it was loaded under and does not
+// renumber its open pages when pages are inserted or deleted: gives each open
+// page of the document the number it has now (-1 once it left the tree), one
+// walk of the tree answering for every open page.
+void RenumberOpenPages(fz_context* ctx, pdf_document* doc);
 
 // Page i of tree: the leaf when the tree is consistent, else MuPDF's lookup.
 pdf_obj* PageObject(fz_context* ctx, pdf_document* doc, const PageTree& tree, int i);

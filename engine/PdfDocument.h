@@ -152,4 +152,9 @@ private:
     std::function<void()> formChangeHandler_;  // guarded by metaMutex_
 };
 
+// The engine's document behind document, for an operation that needs it
+// (role names it in the message): std::invalid_argument for none, or for a
+// document the engine did not make.
+PdfDocument& EngineDocument(const std::shared_ptr<IDocument>& document, const char* role);
+
 }  // namespace Orvane::PDF::Pdfium

@@ -15,6 +15,8 @@
 namespace Orvane::PDF::Pdfium {
 
 // One entry of a page's object list: what was painted and where (page space).
+struct ContentRun;
+
 struct PageObjectInfo {
     IPageObject::Kind kind = IPageObject::Unknown;
     Rect bounds;
@@ -56,8 +58,7 @@ public:
     [[noreturn]] void FailRun(const char* what, Cut cut) const;
     // Fails the run when limits cut it short: the deadline expired, work was
     // refused, or an allocation was refused.
-    void CheckRun(const char* what, bool expired, const RunLimits& limits) const;
-    void CheckRun(const char* what, bool expired, bool workRefused, bool shortOfMemory) const;
+    void CheckRun(const char* what, const ContentRun& run) const;
 
 private:
     struct Geometry {

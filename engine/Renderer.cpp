@@ -14,6 +14,7 @@
 #include "engine/Bands.h"
 #include "engine/Bitmap.h"
 #include "engine/Context.h"
+#include "engine/ContentRun.h"
 #include "engine/DisplayListCache.h"
 #include "engine/Engine.h"
 #include "engine/FontLoader.h"
@@ -100,46 +101,13 @@ bool GlyphBound(const Recording& recording, const Target& target) {
     return double(recording.glyphs) * 1e6 > kBandGlyphsPerMegapixel * double(target.width) * double(target.height);
 }
 
-// How one run over the page (or over a band of it) ended.
-struct RunResult {
-    bool expired = false;
-    // The limits cut the run short where MuPDF carries on: a picture made
-    // without some of what it should show.
-    bool workRefused = false;
-    bool shortOfMemory = false;
-    int errors = 0;
-    std::exception_ptr failure;
-};
-
-// Runs body(cookie) under a deadline of budget; with a cookie MuPDF counts a
-// failing operator and goes on instead of throwing, so a damaged page shows
-// what it can, and the watchdog aborts a page that would run without end.
-template <class Body>
-RunResult runWithin(milliseconds budget, Body&& body) noexcept {
-    RunResult result;
-    fz_cookie cookie{};
-    std::optional<Deadline> deadline;
-    const RunLimits limits;
-    try {
-        deadline.emplace(cookie, budget);
-        body(cookie);
-    } catch (...) {
-        result.failure = std::current_exception();
-    }
-    result.expired = deadline && deadline->Expired();
-    result.workRefused = limits.WorkRefused();
-    result.shortOfMemory = limits.ShortOfMemory();
-    result.errors = cookie.errors;
-    return result;
-}
-
 // Draws rows [top, bottom) of the recording into the target, with a pixmap
 // that starts at row top, so that every pixel comes out as in a drawing of the
 // whole picture.
-RunResult drawRows(fz_context* ctx, fz_display_list* list, fz_matrix ctm, const Target& target, int top, int bottom,
+ContentRun drawRows(fz_context* ctx, fz_display_list* list, fz_matrix ctm, const Target& target, int top, int bottom,
                    std::optional<unsigned char> clear, milliseconds budget) noexcept {
     if (clear) target.Clear(top, bottom, *clear);
-    return runWithin(budget, [&](fz_cookie& cookie) {
+    return RunContent(budget, [&](fz_cookie& cookie) {
         PixmapHandle pixmap(ctx, guarded(ctx, [&] {
                                 return fz_new_pixmap_with_data(ctx, fz_device_bgr(ctx), target.width, bottom - top,
                                                                nullptr, 1, target.stride,
@@ -222,10 +190,10 @@ public:
         std::vector<int> seams;
         const bool coldGlyphs = fresh && long(target.width) * target.height < kFirstPictureBandPixels;
         if (banded && !coldGlyphs && !GlyphBound(*recording, target)) {
-            seams = ChooseSeams(*recording->guards, bounds.y0, scaleY, std::max(scaleX, scaleY), target.height,
+            seams = ChooseSeams(*recording->obstacles, bounds.y0, scaleY, std::max(scaleX, scaleY), target.height,
                                 BandCount(target));
         }
-        std::vector<RunResult> results(seams.size() + 1);
+        std::vector<ContentRun> results(seams.size() + 1);
         if (seams.empty()) {
             if (banded && pending.Pending()) ClearOnAllCores(target, *pending.Take());
             results[0] = drawRows(ctx_, list.get(), ctm, target, 0, target.height, pending.Take(), Remaining());
@@ -245,15 +213,15 @@ public:
             BandPool::Instance().Run(ctx_, static_cast<int>(results.size()), draw);
         }
         int errors = 0;
-        RunResult cut;
-        for (const RunResult& result : results) {
+        ContentRun cut;
+        for (const ContentRun& result : results) {
             cut.expired |= result.expired;
             cut.workRefused |= result.workRefused;
             cut.shortOfMemory |= result.shortOfMemory;
             errors += result.errors;
         }
         Check(cut);
-        for (const RunResult& result : results) {
+        for (const ContentRun& result : results) {
             if (result.failure) std::rethrow_exception(result.failure);
         }
         LogErrors(errors);
@@ -283,8 +251,8 @@ public:
 
 private:
     // A picture that the limits cut short is no picture of the page.
-    void Check(const RunResult& result) const {
-        source_->CheckRun("rendering", result.expired, result.workRefused, result.shortOfMemory);
+    void Check(const ContentRun& result) const {
+        source_->CheckRun("rendering", result);
     }
 
     milliseconds Remaining() const {
@@ -320,7 +288,7 @@ private:
         const fz_rect whole = fz_make_rect(0, 0, float(target.width), float(target.height));
         LimitTiling(device.get(), whole);
         LimitPaths(device.get(), whole);
-        const RunResult result = runWithin(Remaining(), [&](fz_cookie& cookie) {
+        const ContentRun result = RunContent(Remaining(), [&](fz_cookie& cookie) {
             guarded(ctx_, [&] {
                 pdf_run_page_with_usage(ctx_, page_, device.get(), ctm, usage_, &cookie);
                 fz_close_device(ctx_, device.get());
@@ -340,7 +308,7 @@ private:
         DisplayListHandle list(ctx_, guarded(ctx_, [&] { return fz_new_display_list(ctx_, bounds); }));
         DeviceHandle device(ctx_, guarded(ctx_, [&] { return fz_new_list_device(ctx_, list.get()); }));
         const TextLineSplitting lines(device.get());
-        const RunResult result = runWithin(Remaining(), [&](fz_cookie& cookie) {
+        const ContentRun result = RunContent(Remaining(), [&](fz_cookie& cookie) {
             guarded(ctx_, [&] {
                 pdf_run_page_with_usage(ctx_, page_, device.get(), fz_identity, usage_, &cookie);
                 fz_close_device(ctx_, device.get());
@@ -350,11 +318,11 @@ private:
         Check(result);
         if (result.failure) return std::nullopt;
         size_t glyphs = 0;
-        auto guards = std::make_shared<const std::vector<SeamGuard>>(FindSeamGuards(ctx_, list.get(), glyphs));
+        auto obstacles = std::make_shared<const std::vector<SeamObstacle>>(FindSeamObstacles(ctx_, list.get(), glyphs));
         const size_t after = MemoryInUse();
         bytes = std::max(after > before ? after - before : 0, kLeastRecordingBytes) +
-                guards->capacity() * sizeof(SeamGuard);
-        return Recording{list.release(), std::move(guards), glyphs};
+                obstacles->capacity() * sizeof(SeamObstacle);
+        return Recording{list.release(), std::move(obstacles), glyphs};
     }
 
     Clock::time_point start_;

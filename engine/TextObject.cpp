@@ -1,8 +1,8 @@
+// Finding text in a page's text, and the text object's geometry. Plain
+// data and ICU: nothing here touches the engine.
+
 #include "engine/TextObject.h"
 
-#include <glog/logging.h>
-#include <mupdf/fitz.h>
-#include <mupdf/pdf.h>
 #include <unicode/normalizer2.h>
 #include <unicode/uchar.h>
 #include <unicode/unistr.h>
@@ -14,18 +14,10 @@
 #include <utility>
 
 #include "engine/Geometry.h"
-#include "engine/Guarded.h"
-#include "engine/Handles.h"
-#include "engine/PdfPage.h"
-#include "engine/Watchdog.h"
 #include "orvane/Exception.h"
 
 namespace Orvane::PDF::Pdfium {
 namespace {
-
-// A page claiming more characters than this is not text anyone reads; the
-// rest is dropped so that a hostile page cannot make the copy unbounded.
-constexpr size_t kMaxChars = size_t(1) << 22;
 
 // Unites the boxes that have an area; any tells whether one was seen.
 void unite(Rect& into, bool& any, const Rect& r) {
@@ -33,14 +25,6 @@ void unite(Rect& into, bool& any, const Rect& r) {
     if (!any) into = r;
     any = true;
     Unite(into, r);
-}
-
-// A page's or a needle's character as the matcher takes it: an invalid code
-// point is U+FFFD, a control character other than a tab a space.
-wchar_t sanitise(int c) {
-    if (c < 0 || c > 0x10FFFF || (c >= 0xD800 && c <= 0xDFFF)) return static_cast<wchar_t>(0xFFFD);
-    if (c < 0x20 && c != '\t') return L' ';
-    return static_cast<wchar_t>(c);
 }
 
 // ---- the form in which page text and needle are compared ----
@@ -143,7 +127,7 @@ class Matcher {
 public:
     Matcher(const std::wstring& text, const std::wstring& needle, int flags) : text_(text), normaliser_(flags) {
         for (wchar_t raw : needle) {
-            const auto c = static_cast<char32_t>(sanitise(static_cast<int>(raw)));
+            const auto c = static_cast<char32_t>(TextChar(static_cast<int>(raw)));
             if (isSpaceUnit(c)) {
                 if (tokens_.empty() || !tokens_.back().space) tokens_.push_back({true, 0});
                 continue;
@@ -245,11 +229,13 @@ private:
     int count_ = 0;
 };
 
-Rect toRect(fz_rect r) {
-    return Rect{r.x0, r.y1, r.x1, r.y0};
-}
-
 }  // namespace
+
+wchar_t TextChar(int c) {
+    if (c < 0 || c > 0x10FFFF || (c >= 0xD800 && c <= 0xDFFF)) return static_cast<wchar_t>(0xFFFD);
+    if (c < 0x20 && c != '\t') return L' ';
+    return static_cast<wchar_t>(c);
+}
 
 TextObject::TextObject(std::wstring text, std::vector<Rect> boxes, std::vector<int> lineStarts)
     : text_(std::move(text)), boxes_(std::move(boxes)), lineStarts_(std::move(lineStarts)) {
@@ -316,7 +302,7 @@ std::vector<SearchResultInfo> TextObject::FindText(const std::wstring& needle, i
 }
 
 std::wstring SpellLigature(wchar_t c) {
-    const auto code = static_cast<char32_t>(sanitise(static_cast<int>(c)));
+    const auto code = static_cast<char32_t>(TextChar(static_cast<int>(c)));
     icu::UnicodeString parts;
     if (code < 0x80 || !ligatureParts(code, parts)) return std::wstring(1, static_cast<wchar_t>(code));
     std::wstring spelt;
@@ -324,67 +310,6 @@ std::wstring SpellLigature(wchar_t c) {
         spelt.push_back(static_cast<wchar_t>(parts.char32At(i)));
     }
     return spelt;
-}
-
-std::shared_ptr<ITextObject> ExtractText(const PdfPage& source) {
-    fz_context* ctx = source.Context();
-    pdf_page* page = source.Native();
-    struct Frame {
-        fz_rect bounds;    // the page as displayed, MuPDF's space
-        fz_matrix toPage;  // MuPDF's space -> page space
-    };
-    const Frame frame = guarded(ctx, [&] {
-        fz_rect box;
-        fz_matrix ctm;
-        pdf_page_transform(ctx, page, &box, &ctm);
-        return Frame{fz_transform_rect(box, ctm), fz_invert_matrix(ctm)};
-    });
-
-    StextPageHandle stext(ctx, guarded(ctx, [&] { return fz_new_stext_page(ctx, frame.bounds); }));
-    // Keep white space as the file has it, expand ligatures (so "fi" is two
-    // searchable letters), and leave hyphenated words alone: the matcher joins
-    // them itself and GetText() must show the page as it is.
-    fz_stext_options options{};
-    options.flags = FZ_STEXT_PRESERVE_WHITESPACE | FZ_STEXT_MEDIABOX_CLIP;
-    DeviceHandle device(ctx, guarded(ctx, [&] { return fz_new_stext_device(ctx, stext.get(), &options); }));
-    fz_cookie cookie{};  // a failing operator ends the page instead of throwing
-    const Deadline deadline(cookie, PageTimeBudget());
-    const RunLimits limits;
-    guarded(ctx, [&] {
-        fz_run_page_contents(ctx, &page->super, device.get(), fz_identity, &cookie);
-        fz_close_device(ctx, device.get());
-    });
-    device.reset();
-    source.CheckRun("reading its text", deadline.Expired(), limits);
-    if (cookie.errors > 0) {
-        LOG(WARNING) << "page " << page->super.number << ": text read with " << cookie.errors << " error(s)";
-    }
-
-    std::wstring text;
-    std::vector<Rect> boxes;
-    std::vector<int> lineStarts;
-    bool truncated = false;
-    for (fz_stext_block* block = stext.get()->first_block; block && !truncated; block = block->next) {
-        if (block->type != FZ_STEXT_BLOCK_TEXT) continue;
-        for (fz_stext_line* line = block->u.t.first_line; line && !truncated; line = line->next) {
-            if (line->first_char == nullptr) continue;
-            lineStarts.push_back(static_cast<int>(text.size()));
-            for (fz_stext_char* ch = line->first_char; ch; ch = ch->next) {
-                if (text.size() + 1 >= kMaxChars) {
-                    truncated = true;
-                    break;
-                }
-                text.push_back(sanitise(ch->c));
-                boxes.push_back(toRect(fz_transform_rect(fz_rect_from_quad(ch->quad), frame.toPage)));
-            }
-            text.push_back(L'\n');
-            boxes.push_back(Rect{});
-        }
-    }
-    if (truncated) {
-        LOG(WARNING) << "page " << page->super.number << ": text cut after " << kMaxChars << " characters";
-    }
-    return std::make_shared<TextObject>(std::move(text), std::move(boxes), std::move(lineStarts));
 }
 
 }  // namespace Orvane::PDF::Pdfium

@@ -36,6 +36,10 @@ private:
     std::vector<int> lineStarts_;
 };
 
+// A page's or a needle's character as the matcher takes it: an invalid code
+// point is U+FFFD, a control character other than a tab a space.
+wchar_t TextChar(int c);
+
 // The letters a ligature stands for, as the matcher spells it out
 // ("\uFB01" -> "fi"); any other character as it is.
 std::wstring SpellLigature(wchar_t c);

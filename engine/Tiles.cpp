@@ -18,6 +18,7 @@
 #include "engine/ImageLimit.h"
 #include "engine/PdfPage.h"
 #include "engine/Reading.h"
+#include "engine/ContentRun.h"
 #include "engine/Watchdog.h"
 #include "orvane/Exception.h"
 
@@ -107,19 +108,15 @@ QImage RenderTile(const std::shared_ptr<IPage>& page, const Rect& region, double
     LimitImageDecoding(drawer.get());
     LimitTiling(drawer.get(), fz_rect_from_irect(place.pixels));
     LimitPaths(drawer.get(), fz_rect_from_irect(place.pixels));
-    fz_cookie cookie{};  // a failing operator ends the run instead of throwing
-    bool expired = false;
-    const RunLimits limits;
-    {
-        const Deadline deadline(cookie, PageTimeBudget());
+    const ContentRun run = RunContent(PageTimeBudget(), [&](fz_cookie& cookie) {
         guarded(ctx, [&] {
             fz_run_display_list(ctx, list.get(), drawer.get(), place.ctm, fz_rect_from_irect(place.pixels), &cookie);
             fz_close_device(ctx, drawer.get());
         });
-        expired = deadline.Expired();
-    }
+    });
+    if (run.failure) std::rethrow_exception(run.failure);
     // A tile the limits cut short is no tile of the page.
-    pdfPage->CheckRun("drawing a tile", expired, limits);
+    pdfPage->CheckRun("drawing a tile", run);
     return tile;
 }
 
