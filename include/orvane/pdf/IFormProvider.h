@@ -16,12 +16,12 @@
 // is UTF-8; rectangles are in page space (PDF points, origin at the
 // bottom-left, y upward); pages are counted from 0.
 //
-// The document's scripts (format, keystroke, validation, calculation) run as
-// a reader runs them, inside the engine's limits: a script that runs past
-// the request's time budget is stopped there, and scripts reach neither the
-// file system, the network nor the application (alerts, mail, printing and
-// opening addresses do nothing). A script that fails leaves the value as the
-// field's own rules take it.
+// The document's scripts (validation, calculation) run only where the engine
+// can stop a script at the request's time budget; scripts reach neither the
+// file system, the network nor the application (alerts become the message
+// of a refused value; mail, printing and opening addresses do nothing). A
+// script that fails leaves the value as the field's own rules take it.
+// Without scripts, values are checked against the field's own rules alone.
 //
 // Every change marks the document changed (no picture, tile or recorded page
 // made afterwards shows the old values) and, when a field's value changed,
