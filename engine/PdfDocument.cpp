@@ -202,6 +202,11 @@ void PdfDocument::SetFormOnChangeHandler(std::function<void()> handler) {
     formChangeHandler_ = std::move(handler);
 }
 
+std::function<void()> PdfDocument::FormOnChangeHandler() const {
+    std::lock_guard<std::mutex> lock(metaMutex_);
+    return formChangeHandler_;
+}
+
 void PdfDocument::RefreshPageCount() {
     fz_context* ctx = core_->ctx;
     pdf_document* doc = core_->doc;

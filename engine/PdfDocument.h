@@ -99,9 +99,10 @@ public:
     // everything else are left alone, so no page changes what it shows or
     // prints. A page that cannot be read is logged and skipped.
     void RemoveHiddenObjects() override;
-    // Stores the handler (any thread). The engine edits no form fields, so
-    // it is kept for the service and not called from here.
+    // Stores the handler (any thread); the service calls it after a request
+    // changed a form field.
     void SetFormOnChangeHandler(std::function<void()> handler) override;
+    std::function<void()> FormOnChangeHandler() const;
 
     // Whether the document was opened with its owner password (an
     // unencrypted document counts as opened by its owner).

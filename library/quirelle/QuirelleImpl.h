@@ -151,6 +151,12 @@ public:
         Position to;    // Between only
     };
 
+    // A form request: list, fill, reset or flatten, run with the document's id.
+    struct FormRequest {
+        int64_t id;
+        std::function<void(Impl&)> work;
+    };
+
     struct SearchRequest {
         int64_t id;         // the document searched
         unsigned step;      // position of the next page, counted from startPage without wrapping
@@ -202,6 +208,16 @@ private:
 
     void AddTileRequest(const TileTask& request) EXCLUDES(queueMutex);
     void CancelTileRequests(const std::function<bool(const TileTask&)>& matches) EXCLUDES(queueMutex);
+
+    // ---- forms (Forms.cpp) ----
+
+    // Queues body(Impl&, id) to the form queue; its result answers the future.
+    template <class Result, class Body>
+    std::future<Result> EnqueueForm(const int64_t& id, Body body) EXCLUDES(queueMutex);
+    void ServeFormRequest() EXCLUDES(queueMutex);
+    // Runs change with the open document (worker); calls the document's
+    // form-change callback when it answers that a field changed.
+    void ChangeForm(const int64_t& id, const std::function<bool(IDocument&)>& change);
 
     // ---- searches (caller's thread) ----
 
@@ -324,7 +340,8 @@ private:
     Requests<int64_t, DocumentInformation> informationQueue         {queues, SameDocument};
     Requests<SelectionTask, TextSelection> selectionQueue           {queues, SameDocument};
     Requests<RotationPageTask, void> rotationQueue                  {queues, SameDocument};
-    // Annotation and form changes go here, right after rotation.
+    // Form queries and changes in one queue, so that each sees the ones before.
+    WorkQueue<FormRequest> formQueue                                {queues, SameDocument};
     WorkQueue<CallerWork> callerWorkQueue                           {queues, SameDocument};
     Requests<ImportPageTask, void> importQueue                      {queues, EitherDocument};
     Requests<SaveDocumentTask, bool> saveQueue                      {queues, SameDocument};

@@ -568,6 +568,7 @@ std::string PdfBuilder::Build() const {
             const FieldLayout& field = fields_[f];
             if (field.widgets.empty()) throw std::runtime_error("PdfBuilder: field without widgets");
             std::string attrs = " /T " + LiteralString(field.name) + " /DA (/Helv 10 Tf 0 g)";
+            int ff = field.flags;
             switch (field.kind) {
                 case FieldLayout::Kind::Text:
                     attrs += " /FT /Tx /V " + LiteralString(field.value);
@@ -576,14 +577,39 @@ std::string PdfBuilder::Build() const {
                     attrs += " /FT /Btn /V " + Name(field.value.empty() ? "Off" : field.value);
                     break;
                 case FieldLayout::Kind::Radio:
-                    attrs += " /FT /Btn /Ff 49152 /V " + Name(field.value.empty() ? "Off" : field.value);
+                    ff |= 49152;
+                    attrs += " /FT /Btn /V " + Name(field.value.empty() ? "Off" : field.value);
                     break;
-                case FieldLayout::Kind::Choice: {
-                    attrs += " /FT /Ch /Ff 131072 /V " + LiteralString(field.value) + " /Opt [";
+                case FieldLayout::Kind::PushButton:
+                    ff |= 65536;
+                    attrs += " /FT /Btn";
+                    break;
+                case FieldLayout::Kind::Signature:
+                    attrs += " /FT /Sig";
+                    break;
+                case FieldLayout::Kind::Choice:
+                case FieldLayout::Kind::List: {
+                    if (field.kind == FieldLayout::Kind::Choice) ff |= 131072;
+                    attrs += " /FT /Ch /V " + LiteralString(field.value) + " /Opt [";
                     for (const std::string& option : field.options) attrs += " " + LiteralString(option);
                     attrs += " ]";
                     break;
                 }
+            }
+            if (ff != 0) attrs += " /Ff " + std::to_string(ff);
+            if (field.maxLength > 0) attrs += " /MaxLen " + std::to_string(field.maxLength);
+            if (!field.tooltip.empty()) attrs += " /TU " + LiteralString(field.tooltip);
+            if (!field.defaultValue.empty()) {
+                const bool button = field.kind == FieldLayout::Kind::CheckBox || field.kind == FieldLayout::Kind::Radio;
+                attrs += " /DV " + (button ? Name(field.defaultValue) : LiteralString(field.defaultValue));
+            }
+            if (!field.validateScript.empty() || !field.calculateScript.empty()) {
+                attrs += " /AA <<";
+                if (!field.validateScript.empty())
+                    attrs += " /V << /S /JavaScript /JS " + LiteralString(field.validateScript) + " >>";
+                if (!field.calculateScript.empty())
+                    attrs += " /C << /S /JavaScript /JS " + LiteralString(field.calculateScript) + " >>";
+                attrs += " >>";
             }
             auto widget = [&](size_t k) {
                 const auto& place = field.widgets[k];

@@ -112,7 +112,8 @@ struct PageLabelRange {
 // merged with it; with several, the widgets are its kids. With parent, the
 // field is the kid of a field of that (partial) name, made for it.
 struct FieldLayout {
-    enum class Kind { Text, CheckBox, Radio, Choice };
+    // Choice is a combo box, List a list box.
+    enum class Kind { Text, CheckBox, Radio, Choice, List, PushButton, Signature };
     Kind kind = Kind::Text;
     std::string name;
     std::string value;
@@ -120,6 +121,13 @@ struct FieldLayout {
     std::vector<std::pair<int, Rect>> widgets;
     bool calculated = false;  // listed in the form's calculation order
     std::string parent;
+    int flags = 0;            // further /Ff bits (1 read-only, 2 required, 4096 multi-line...)
+    int maxLength = 0;        // /MaxLen when above 0
+    std::string tooltip;      // /TU
+    std::string defaultValue; // /DV when not empty
+    // JavaScript run on validation (/AA /V) and calculation (/AA /C).
+    std::string validateScript;
+    std::string calculateScript;
 };
 
 class PdfBuilder {
