@@ -69,6 +69,8 @@ bool Quirelle::Impl::SaveDocument(const SaveDocumentTask& task) {
                             << "a copy without encryption needs the document opened with its owner password";
         return false;
     }
+    // The copy is the worker's alone, and so is the document: no engine locks.
+    const Pdfium::SoleUse sole;
     auto copy = std::make_shared<Pdfium::PdfDocument>(fontProvider);
     if (document->GetPageCount() > 0) {
         std::unique_ptr<IPageImporter> importer = Pdfium::CreatePageImporter();

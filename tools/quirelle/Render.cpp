@@ -1,6 +1,8 @@
 // render: one image file per page, named so that the files sort in page order,
 // each written as soon as its page is drawn.
 
+#include <malloc.h>
+
 #include <QImage>
 #include <cmath>
 #include <iostream>
@@ -34,14 +36,48 @@ QSize PixelSize(const RenderOptions& options, const Size& points) {
     return {std::max(1, static_cast<int>(std::lround(width))), std::max(1, static_cast<int>(std::lround(height)))};
 }
 
+// The page-space region whose tile is rows [top, bottom) of the page's
+// picture of height rows, as displayed (its rotation applied). Its edges lie
+// a quarter pixel inside the rows, so rounding cannot add or lose one;
+// across, it reaches past the page, and the tile is the picture's whole width.
+Rect StripRegion(const IPDFProvider::PageInfo& info, int height, int top, int bottom) {
+    const double rows = height / info.size.height;  // the picture's rows a point
+    const double from = (top + 0.25) / rows;        // points below the displayed top edge
+    const double to = (bottom - 0.25) / rows;
+    const Rect& box = info.rect;
+    const double margin = 1;
+    switch (info.rotation) {
+        case IPage::Rotate90:  // the page's left edge shows at the top
+            return {box.left + from, box.top + margin, box.left + to, box.bottom - margin};
+        case IPage::Rotate180:
+            return {box.left - margin, box.bottom + to, box.right + margin, box.bottom + from};
+        case IPage::Rotate270:
+            return {box.right - to, box.top + margin, box.right - from, box.bottom - margin};
+        default:
+            return {box.left - margin, box.top - from, box.right + margin, box.top - to};
+    }
+}
+
+// A strip that did not come out as the whole picture's rows would, and one
+// that the limits cut short.
+struct StripMismatch {};
+struct StripCutShort {};
+
 }  // namespace
 
 int RunRender(Session& session, const RenderOptions& options, const std::string& password) {
     if (!options.region.empty()) return RunRenderRegion(session, options, password);
-    // Every page is drawn once: no use keeping what it takes to draw it again.
+    // Every page is drawn once: no use keeping what it takes to draw it
+    // again. (Its strips record it each: keeping the recording of the page
+    // at hand would save a sixth of the time and cost a megabyte.)
     EngineLimits limits = GetEngineLimits();
     limits.pageCacheBytes = 0;
     SetEngineLimits(limits);
+    // A fixed threshold: the strips, fonts and other large blocks are mapped
+    // and given back as soon as they are freed, where glibc's own threshold
+    // would soon rise and keep them in the heap, which then grows by their
+    // sizes' mix page after page.
+    mallopt(M_MMAP_THRESHOLD, 128 * 1024);
     Quirelle& service = session.Service();
     const int64 id = session.Open(options.file, password);
     const unsigned pageCount = session.PageCount(id);
@@ -77,14 +113,15 @@ int RunRender(Session& session, const RenderOptions& options, const std::string&
         progress.Step();
         status = 1;
     };
-    // One page at a time, read when its turn comes and written as soon as it
-    // is drawn. Asking for the next page while this one is compressed would
-    // be a quarter faster, at the cost of a second picture's memory (9 MB for
-    // A4 at 150 dpi).
+    // One page at a time, read when its turn comes and written as it is
+    // drawn. Asking for the next page while this one is compressed would be a
+    // quarter faster, at the cost of a second picture's memory.
     for (unsigned page : pages) {
         QSize size;
+        IPDFProvider::PageInfo info;
         try {
-            size = PixelSize(options, service.GetPageInfo(id, page).get().size);
+            info = service.GetPageInfo(id, page).get();
+            size = PixelSize(options, info.size);
         } catch (const std::exception& e) {
             problem(page, e.what());
             continue;
@@ -94,19 +131,53 @@ int RunRender(Session& session, const RenderOptions& options, const std::string&
                               " pixels is too large a picture");
             continue;
         }
-        // Null when the time budget or the memory limit ran out, or the
-        // engine failed on part of the page: never a partial picture.
-        const QImage image = service.GeneratePageImage(id, page, size.width(), size.height()).get();
-        if (image.isNull()) {
-            problem(page,
-                    "the page could not be drawn completely (time budget, memory limit or damage); no picture "
-                    "written");
-        } else {
-            const std::string file = name(page);
-            SavePicture(image, directory / file, picture);
-            written.push_back(file);
-            progress.Step();
+        const std::string file = name(page);
+        const std::string cutShort =
+            "the page could not be drawn completely (time budget, memory limit or damage); no picture written";
+        // A PNG picture is drawn in strips, each written as it comes, so that
+        // the whole picture is never in memory. The tiles keep to the page's
+        // limits as the whole picture does: a strip cut short is no strip.
+        const double scale = size.width() / info.size.width;
+        bool saved = false;
+        if (!picture.jpeg && std::lround(info.size.height * scale) == size.height()) {
+            const Strips strips = [&](int top, int rows) {
+                QImage strip;
+                try {
+                    strip = service
+                                .GenerateTile(id, page, StripRegion(info, size.height(), top, top + rows), scale,
+                                              IPageInfoObserver::DefaultView)
+                                .get();
+                } catch (const std::invalid_argument&) {
+                    throw StripMismatch();
+                } catch (const std::exception&) {
+                    strip = QImage();
+                }
+                if (strip.isNull()) throw StripCutShort();
+                if (strip.width() != size.width() || strip.height() != rows) throw StripMismatch();
+                return strip;
+            };
+            try {
+                SavePngInStrips(size.width(), size.height(), strips, directory / file, picture.pngLevel);
+                saved = true;
+            } catch (const StripMismatch&) {
+                // Drawn whole below.
+            } catch (const StripCutShort&) {
+                problem(page, cutShort);
+                continue;
+            }
         }
+        if (!saved) {
+            // Null when the time budget or the memory limit ran out, or the
+            // engine failed on part of the page: never a partial picture.
+            const QImage image = service.GeneratePageImage(id, page, size.width(), size.height()).get();
+            if (image.isNull()) {
+                problem(page, cutShort);
+                continue;
+            }
+            SavePicture(image, directory / file, picture);
+        }
+        written.push_back(file);
+        progress.Step();
     }
     progress.Clear();
     std::cout << directory.string() << ": " << written.size() << " of " << pages.size() << " page(s) rendered";
