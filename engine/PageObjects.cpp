@@ -119,10 +119,7 @@ public:
         std::vector<PageObjectInfo> result;
         result.reserve(objects_.size());
         for (const auto& object : objects_) {
-            if (object.kind == IPageObject::Form && object.bounds.right <= object.bounds.left &&
-                object.bounds.top <= object.bounds.bottom) {
-                continue;
-            }
+            if (object.kind == IPageObject::Form && IsEmptyBox(object.bounds)) continue;
             result.push_back(object);
         }
         return result;
