@@ -20,6 +20,7 @@
 #include <utility>
 #include <vector>
 
+#include "engine/Annotations.h"
 #include "engine/Context.h"
 #include "engine/DocumentCore.h"
 #include "engine/FontLoader.h"
@@ -304,9 +305,15 @@ bool neverVisible(int flags) {
     return (flags & 32) && !(flags & 4) && !(flags & 256);
 }
 
-// Counts the page's never-visible annotations (not widgets, not popups) and,
+int compareInts(const void* a, const void* b) {
+    const int x = *static_cast<const int*>(a), y = *static_cast<const int*>(b);
+    return (x > y) - (x < y);
+}
+
+// Counts the page's never-visible annotations (not widgets, not popups, not
+// those in kept, sorted object numbers of annotations a user made) and,
 // with drop, removes them from its /Annots. C only: runs inside guarded().
-int hiddenAnnotations(fz_context* ctx, pdf_obj* page, int drop) {
+int hiddenAnnotations(fz_context* ctx, pdf_obj* page, int drop, const int* kept, size_t keptCount) {
     pdf_obj* annots = pdf_dict_get(ctx, page, PDF_NAME(Annots));
     int found = 0;
     for (int i = pdf_array_len(ctx, annots) - 1; i >= 0; --i) {
@@ -314,6 +321,8 @@ int hiddenAnnotations(fz_context* ctx, pdf_obj* page, int drop) {
         if (!pdf_is_dict(ctx, annot)) continue;
         pdf_obj* subtype = pdf_dict_get(ctx, annot, PDF_NAME(Subtype));
         if (pdf_name_eq(ctx, subtype, PDF_NAME(Widget)) || pdf_name_eq(ctx, subtype, PDF_NAME(Popup))) continue;
+        const int num = pdf_to_num(ctx, pdf_array_get(ctx, annots, i));
+        if (num > 0 && bsearch(&num, kept, keptCount, sizeof num, compareInts)) continue;
         if (neverVisible(pdf_dict_get_int(ctx, annot, PDF_NAME(F)))) {
             if (drop) pdf_array_delete(ctx, annots, i);
             ++found;
@@ -500,9 +509,12 @@ PdfDocument::PdfDocument(const std::shared_ptr<IFontProvider>& fonts, const Orva
     checkReadable(path);
     const std::string file = path.utf8string();
     ScopedFontProvider fontScope(fonts.get());
+    // Read before MuPDF opens it: a change made meanwhile stops appending.
+    const DocumentCoreSource source = ReadSourceFile(path.path());
     try {
         Adopt(ctx, guarded(
                        ctx, [&] { return pdf_open_document(ctx, file.c_str()); }, Failure::File));
+        core_->source = source;
     } catch (const std::runtime_error& e) {
         // MuPDF's repair gives up on an object cut short at the end of the
         // file (a truncated file): the objects before it are opened.
@@ -684,10 +696,24 @@ void PdfDocument::SaveAs(const Orvane::ioPath& path, int version) const {
     }
 
     NewFile temp(target);
+    // Changes to the file the document came from are appended to its bytes
+    // where MuPDF can express them as an update.
+    const bool append = version == 0 && CanAppendTo(*core_, target);
+    if (append) {
+        WriteAppended(*core_, temp.fd());
+    } else {
+        WriteWhole(temp.fd(), version);
+    }
     if (::fchmod(temp.fd(), modeFor(target)) != 0) {
         LOG(WARNING) << "cannot set the permissions of the new " << target.string() << ": " << errorText(errno);
     }
+    temp.commit();
+    NoteSaved(*core_, target, append);
+}
 
+void PdfDocument::WriteWhole(int fd, int version) const {
+    fz_context* ctx = core_->ctx;
+    pdf_document* doc = core_->doc;
     pdf_write_options options = pdf_default_write_options;
     // Garbage collection 1 leaves out what nothing refers to (deleted pages,
     // replaced resources) without renumbering: the higher levels renumber the
@@ -698,7 +724,7 @@ void PdfDocument::SaveAs(const Orvane::ioPath& path, int version) const {
     options.do_compress_fonts = 1;
     options.do_encrypt = PDF_ENCRYPT_KEEP;
 
-    FileSink sink{temp.fd(), 0};
+    FileSink sink{fd, 0};
     OutputHandle out(ctx, guarded(ctx, [&] { return fz_new_output(ctx, 64 * 1024, &sink, sinkWrite, NULL, NULL); }));
     out.get()->tell = sinkTell;
 
@@ -714,8 +740,6 @@ void PdfDocument::SaveAs(const Orvane::ioPath& path, int version) const {
         throw;
     }
     doc->version = ownVersion;
-    out.reset();
-    temp.commit();
 }
 
 bool PdfDocument::HasOwnerAccess() const {
@@ -939,6 +963,8 @@ void PdfDocument::RemoveHiddenObjects() {
     core_->Changed();
     const PageTree tree = ReadPageTree(ctx, doc);
     const int count = PagesHeld(ctx, doc, tree);
+    std::vector<int> kept(core_->userAnnotations.begin(), core_->userAnnotations.end());
+    std::sort(kept.begin(), kept.end());
     // Two passes: most documents hide nothing, and only those that do are
     // searched for what could show it.
     for (int drop = 0; drop <= 1; ++drop) {
@@ -947,7 +973,7 @@ void PdfDocument::RemoveHiddenObjects() {
             ThrowIfBudgetSpent("looking for hidden annotations");
             try {
                 pdf_obj* page = PageObject(ctx, doc, tree, i);
-                const int hidden = guarded(ctx, [&] { return hiddenAnnotations(ctx, page, drop); });
+                const int hidden = guarded(ctx, [&] { return hiddenAnnotations(ctx, page, drop, kept.data(), kept.size()); });
                 found += hidden;
                 VLOG_IF(1, drop && hidden > 0) << "removed " << hidden << " hidden annotation(s) from page " << i + 1;
             } catch (const Orvane::Exception& e) {

@@ -151,6 +151,14 @@ public:
         Position to;    // Between only
     };
 
+    // Annotations: listing and changes share one queue, so each task
+    // carries its own answer (a promise of its result type); destroyed
+    // unrun, it breaks that promise.
+    struct AnnotationWork {
+        int64_t id;
+        std::packaged_task<void(Impl&)> work;
+    };
+
     struct SearchRequest {
         int64_t id;         // the document searched
         unsigned step;      // position of the next page, counted from startPage without wrapping
@@ -237,6 +245,7 @@ private:
     void ServePageInfoRequest() EXCLUDES(queueMutex);
     void ServePendingImage(PendingImageQueue& pending) EXCLUDES(queueMutex);
     void ServePendingTile() EXCLUDES(queueMutex);
+    void ServeAnnotationWork() EXCLUDES(queueMutex);
     void ServeSearchStep() EXCLUDES(queueMutex);
     void PurgeStoppedSearches() EXCLUDES(queueMutex);
     void DropQueuedWork() EXCLUDES(queueMutex);
@@ -278,6 +287,10 @@ private:
     DocumentInformation Information(const int64_t& id) const;
     TextSelection Select(const SelectionTask& task) const;
     QImage RenderTile(const TileTask& task) const;
+
+    // Annotations (Annotations.cpp): queued for document id, body run with the open document.
+    template <class Result, class Body>
+    std::future<Result> EnqueueAnnotationWork(const int64_t& id, Body body) EXCLUDES(queueMutex);
 
     void AddBlankPage(const int64_t& id, unsigned index, int width, int height);
     void DeletePages(const DeletePagesTask& task);
@@ -324,7 +337,8 @@ private:
     Requests<int64_t, DocumentInformation> informationQueue         {queues, SameDocument};
     Requests<SelectionTask, TextSelection> selectionQueue           {queues, SameDocument};
     Requests<RotationPageTask, void> rotationQueue                  {queues, SameDocument};
-    // Annotation and form changes go here, right after rotation.
+    // Annotation listing and changes, right after rotation.
+    WorkQueue<AnnotationWork> annotationQueue                       {queues, SameDocument};
     WorkQueue<CallerWork> callerWorkQueue                           {queues, SameDocument};
     Requests<ImportPageTask, void> importQueue                      {queues, EitherDocument};
     Requests<SaveDocumentTask, bool> saveQueue                      {queues, SameDocument};

@@ -99,7 +99,8 @@ void Quirelle::Impl::ServePass() {
     ServeOne(pageByLabelQueue);             //    page by label
     ServeOne(informationQueue);             //    document information
     ServeOne(selectionQueue);               //    selection
-    ServeOne(rotationQueue);                //  8 rotation; annotation and form changes go right after
+    ServeOne(rotationQueue);                //  8 rotation
+    ServeAnnotationWork();                  //    annotations: listing and changes
     ServeCallerWork();                      //  9 caller's work
     ServeOne(importQueue);                  // 10 import
     ServeOne(saveQueue);                    // 11 save, save as
