@@ -688,17 +688,18 @@ void PdfDocument::SaveAs(const Orvane::ioPath& path, int version) const {
     // no decompression bomb, only the memory cap applies.
     RequestBudget::AllowBlocksOf(MemoryLimit());
 
-    // Writing marks what the document reaches recursively: refuse chains
-    // of references long enough to overflow the stack before it starts.
-    {
+    // Changes to the file the document came from are appended to its bytes
+    // where MuPDF can express them as an update.
+    const bool append = version == 0 && CanAppendTo(*core_, target);
+    // A whole write marks what the document reaches recursively: refuse
+    // chains of references long enough to overflow the stack before it
+    // starts. An update writes the changed objects alone and marks nothing.
+    if (!append) {
         Nesting nesting(ctx, doc, kMaxSaveDepth, false);
         guarded(ctx, [&] { CheckNesting(ctx, nesting.State(), pdf_trailer(ctx, doc)); });
     }
 
     NewFile temp(target);
-    // Changes to the file the document came from are appended to its bytes
-    // where MuPDF can express them as an update.
-    const bool append = version == 0 && CanAppendTo(*core_, target);
     if (append) {
         WriteAppended(*core_, temp.fd());
     } else {
