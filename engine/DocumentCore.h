@@ -13,6 +13,7 @@
 #include <memory>
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
 
 #include "engine/Context.h"
 #include "orvane/pdf/Document.h"
@@ -21,6 +22,16 @@ namespace Orvane::PDF::Pdfium {
 
 // Drops the pages of the document recorded for drawing (DisplayListCache.cpp).
 void DropRecordedPages(fz_context* ctx, uint64_t document) noexcept;
+
+// A file as it stood on disk: where, which, how long, when last written.
+struct DocumentCoreSource {
+    bool known = false;
+    std::string path;  // canonical
+    uint64_t device = 0;
+    uint64_t inode = 0;
+    int64_t size = -1;
+    int64_t modifiedNs = 0;
+};
 
 struct DocumentCore {
     DocumentCore(fz_context* context, pdf_document* document) : ctx(context), doc(document) {}
@@ -61,6 +72,13 @@ struct DocumentCore {
         std::string message;
     };
     std::unordered_map<int, PastBudget> pastBudget;
+
+    // The file the document was opened from as it was then, or as this
+    // document last appended to it (IncrementalSave.cpp).
+    DocumentCoreSource source;
+    // Annotations made or changed through the service, by object number:
+    // hidden or not, a save keeps them. Document thread only.
+    std::unordered_set<int> userAnnotations;
 
 private:
     static inline std::atomic<uint64_t> nextSerial{1};

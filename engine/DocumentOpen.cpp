@@ -12,6 +12,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "engine/Annotations.h"
 #include "engine/Context.h"
 #include "engine/DocumentCore.h"
 #include "engine/FontLoader.h"
@@ -107,9 +108,12 @@ PdfDocument::PdfDocument(const std::shared_ptr<IFontProvider>& fonts, const Orva
     checkReadable(path);
     const std::string file = path.utf8string();
     ScopedFontProvider fontScope(fonts.get());
+    // Read before MuPDF opens it: a change made meanwhile stops appending.
+    const DocumentCoreSource source = ReadSourceFile(path.path());
     try {
         Adopt(ctx, guarded(
                        ctx, [&] { return pdf_open_document(ctx, file.c_str()); }, Failure::File));
+        core_->source = source;
     } catch (const std::runtime_error& e) {
         // MuPDF's repair gives up on an object cut short at the end of the
         // file (a truncated file): the objects before it are opened.

@@ -4,7 +4,10 @@
 #include <glog/logging.h>
 #include <mupdf/pdf.h>
 
+#include <algorithm>
+#include <cstdlib>
 #include <cstring>
+#include <vector>
 
 #include "engine/Context.h"
 #include "engine/DocumentCore.h"
@@ -24,9 +27,15 @@ bool neverVisible(int flags) {
     return (flags & 32) && !(flags & 4) && !(flags & 256);
 }
 
-// Counts the page's never-visible annotations (not widgets, not popups) and,
+int compareInts(const void* a, const void* b) {
+    const int x = *static_cast<const int*>(a), y = *static_cast<const int*>(b);
+    return (x > y) - (x < y);
+}
+
+// Counts the page's never-visible annotations (not widgets, not popups, not
+// those in kept, sorted object numbers of annotations a user made) and,
 // with drop, removes them from its /Annots. C only: runs inside guarded().
-int hiddenAnnotations(fz_context* ctx, pdf_obj* page, int drop) {
+int hiddenAnnotations(fz_context* ctx, pdf_obj* page, int drop, const int* kept, size_t keptCount) {
     pdf_obj* annots = pdf_dict_get(ctx, page, PDF_NAME(Annots));
     int found = 0;
     for (int i = pdf_array_len(ctx, annots) - 1; i >= 0; --i) {
@@ -34,6 +43,8 @@ int hiddenAnnotations(fz_context* ctx, pdf_obj* page, int drop) {
         if (!pdf_is_dict(ctx, annot)) continue;
         pdf_obj* subtype = pdf_dict_get(ctx, annot, PDF_NAME(Subtype));
         if (pdf_name_eq(ctx, subtype, PDF_NAME(Widget)) || pdf_name_eq(ctx, subtype, PDF_NAME(Popup))) continue;
+        const int num = pdf_to_num(ctx, pdf_array_get(ctx, annots, i));
+        if (num > 0 && bsearch(&num, kept, keptCount, sizeof num, compareInts)) continue;
         if (neverVisible(pdf_dict_get_int(ctx, annot, PDF_NAME(F)))) {
             if (drop) pdf_array_delete(ctx, annots, i);
             ++found;
@@ -94,13 +105,15 @@ void PdfDocument::RemoveHiddenObjects() {
     pdf_document* doc = core_->doc;
     core_->Changed();
     const PageTree tree = ReadPageTree(ctx, doc);
+    std::vector<int> kept(core_->userAnnotations.begin(), core_->userAnnotations.end());
+    std::sort(kept.begin(), kept.end());
     // Two passes: most documents hide nothing, and only those that do are
     // searched for what could show it.
     for (int drop = 0; drop <= 1; ++drop) {
         int found = 0;
         ForEachPage(ctx, doc, tree, "looking for hidden annotations", "look for hidden annotations on",
                     [&](int i, pdf_obj* page) {
-                        const int hidden = guarded(ctx, [&] { return hiddenAnnotations(ctx, page, drop); });
+                        const int hidden = guarded(ctx, [&] { return hiddenAnnotations(ctx, page, drop, kept.data(), kept.size()); });
                         found += hidden;
                         VLOG_IF(1, drop && hidden > 0)
                             << "removed " << hidden << " hidden annotation(s) from page " << i + 1;

@@ -13,6 +13,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "engine/Annotations.h"
 #include "engine/AtomicFile.h"
 #include "engine/Context.h"
 #include "engine/DocumentCore.h"
@@ -138,18 +139,33 @@ void PdfDocument::SaveAs(const Orvane::ioPath& path, int version) const {
     // no decompression bomb, only the memory cap applies.
     RequestBudget::AllowBlocksOf(MemoryLimit());
 
-    // Writing marks what the document reaches recursively: refuse chains
-    // of references long enough to overflow the stack before it starts.
-    {
+    // Changes to the file the document came from are appended to its bytes
+    // where MuPDF can express them as an update.
+    const bool append = version == 0 && CanAppendTo(*core_, target);
+    // A whole write marks what the document reaches recursively: refuse
+    // chains of references long enough to overflow the stack before it
+    // starts. An update writes the changed objects alone and marks nothing.
+    if (!append) {
         Nesting nesting(ctx, doc, kMaxSaveDepth, false);
         guarded(ctx, [&] { CheckNesting(ctx, nesting.State(), pdf_trailer(ctx, doc)); });
     }
 
     NewFile temp(target);
+    if (append) {
+        WriteAppended(*core_, temp.fd());
+    } else {
+        WriteWhole(temp.fd(), version);
+    }
     if (::fchmod(temp.fd(), modeFor(target)) != 0) {
         LOG(WARNING) << "cannot set the permissions of the new " << target.string() << ": " << errorText(errno);
     }
+    temp.commit();
+    NoteSaved(*core_, target, append);
+}
 
+void PdfDocument::WriteWhole(int fd, int version) const {
+    fz_context* ctx = core_->ctx;
+    pdf_document* doc = core_->doc;
     pdf_write_options options = pdf_default_write_options;
     // Garbage collection 1 leaves out what nothing refers to (deleted pages,
     // replaced resources) without renumbering: the higher levels renumber the
@@ -160,7 +176,7 @@ void PdfDocument::SaveAs(const Orvane::ioPath& path, int version) const {
     options.do_compress_fonts = 1;
     options.do_encrypt = PDF_ENCRYPT_KEEP;
 
-    FileSink sink{temp.fd(), 0};
+    FileSink sink{fd, 0};
     OutputHandle out(ctx, guarded(ctx, [&] { return fz_new_output(ctx, 64 * 1024, &sink, sinkWrite, NULL, NULL); }));
     out.get()->tell = sinkTell;
 
@@ -176,8 +192,6 @@ void PdfDocument::SaveAs(const Orvane::ioPath& path, int version) const {
         throw;
     }
     doc->version = ownVersion;
-    out.reset();
-    temp.commit();
 }
 
 // ---- metadata ----

@@ -139,6 +139,8 @@ private:
     // Writes the document to path through a new file; version 0 keeps
     // the document's own header version.
     void SaveAs(const Orvane::ioPath& path, int version) const;
+    // Writes the whole document to the new file open as fd.
+    void WriteWhole(int fd, int version) const;
     // Takes ownership of the opened or created document (dropped on failure).
     void Adopt(fz_context* ctx, pdf_document* doc);
 

@@ -151,6 +151,12 @@ public:
         Position to;    // Between only
     };
 
+    // Annotations: listing and changes share one queue, so each task
+    // carries its own answer (a promise of its result type); destroyed
+    // unrun, it breaks that promise.
+    struct AnnotationWork {
+        int64_t id;
+        std::packaged_task<void(Impl&)> work;
     // A form request: list, fill, reset or flatten, run with the document's id.
     struct FormRequest {
         int64_t id;
@@ -253,6 +259,7 @@ private:
     void ServePageInfoRequest() EXCLUDES(queueMutex);
     void ServePendingImage(PendingImageQueue& pending) EXCLUDES(queueMutex);
     void ServePendingTile() EXCLUDES(queueMutex);
+    void ServeAnnotationWork() EXCLUDES(queueMutex);
     void ServeSearchStep() EXCLUDES(queueMutex);
     void PurgeStoppedSearches() EXCLUDES(queueMutex);
     void DropQueuedWork() EXCLUDES(queueMutex);
@@ -294,6 +301,10 @@ private:
     DocumentInformation Information(const int64_t& id) const;
     TextSelection Select(const SelectionTask& task) const;
     QImage RenderTile(const TileTask& task) const;
+
+    // Annotations (Annotations.cpp): queued for document id, body run with the open document.
+    template <class Result, class Body>
+    std::future<Result> EnqueueAnnotationWork(const int64_t& id, Body body) EXCLUDES(queueMutex);
 
     void AddBlankPage(const int64_t& id, unsigned index, int width, int height);
     void DeletePages(const DeletePagesTask& task);
@@ -340,6 +351,8 @@ private:
     Requests<int64_t, DocumentInformation> informationQueue         {queues, SameDocument};
     Requests<SelectionTask, TextSelection> selectionQueue           {queues, SameDocument};
     Requests<RotationPageTask, void> rotationQueue                  {queues, SameDocument};
+    // Annotation listing and changes, right after rotation.
+    WorkQueue<AnnotationWork> annotationQueue                       {queues, SameDocument};
     // Form queries and changes in one queue, so that each sees the ones before.
     WorkQueue<FormRequest> formQueue                                {queues, SameDocument};
     WorkQueue<CallerWork> callerWorkQueue                           {queues, SameDocument};

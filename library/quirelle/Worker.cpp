@@ -100,6 +100,7 @@ void Quirelle::Impl::ServePass() {
     ServeOne(informationQueue);             //    document information
     ServeOne(selectionQueue);               //    selection
     ServeOne(rotationQueue);                //  8 rotation
+    ServeAnnotationWork();                  //    annotations: listing and changes
     ServeFormRequest();                     //    form fields
     ServeCallerWork();                      //  9 caller's work
     ServeOne(importQueue);                  // 10 import

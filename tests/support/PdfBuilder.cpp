@@ -424,6 +424,7 @@ std::string PdfBuilder::Build() const {
                                     Num(a.rect.right - a.rect.left) + " " + Num(a.rect.top - a.rect.bottom) + " re f");
                 dict += " /AP << /N " + Ref(form) + " >>";
             }
+            if (!a.entries.empty()) dict += " " + a.entries;
             annots.push_back(w.Add(dict + " >>"));
         }
         annots.insert(annots.end(), pageWidgets[p].begin(), pageWidgets[p].end());
@@ -586,6 +587,11 @@ std::string PdfBuilder::Build() const {
                     break;
                 case FieldLayout::Kind::Signature:
                     attrs += " /FT /Sig";
+                    if (field.value == "signed") {
+                        attrs += " /V << /Type /Sig /Filter /Adobe.PPKLite /SubFilter /adbe.pkcs7.detached"
+                                 " /ByteRange [0 0000000000 0000000000 0000000000] /Contents <" +
+                                 std::string(2048, '0') + "> >>";
+                    }
                     break;
                 case FieldLayout::Kind::Choice:
                 case FieldLayout::Kind::List: {
@@ -717,6 +723,15 @@ std::string PdfBuilder::Build() const {
     w.Set(catalog, cat + " >>");
 
     std::string bytes = w.Finish(catalog, info);
+    // A signature's byte range: everything but its /Contents string.
+    for (size_t at = bytes.find("/ByteRange [0 0000000000"); at != std::string::npos;
+         at = bytes.find("/ByteRange [0 0000000000", at + 1)) {
+        const size_t open = bytes.find("/Contents <", at) + 10;
+        const size_t close = bytes.find('>', open) + 1;
+        char range[48];
+        std::snprintf(range, sizeof range, "%010zu %010zu %010zu", open, close, bytes.size() - close);
+        bytes.replace(at + 14, 32, range);
+    }
     if (encryption_) bytes = EncryptWithMupdf(bytes, *encryption_);
     return bytes;
 }

@@ -64,6 +64,7 @@ struct AnnotationLayout {
     Rect rect;
     int flags = 4;
     std::optional<uint32_t> fillRgb;  // with an appearance stream filling rect in this colour
+    std::string entries;              // raw dictionary entries added as written ("/Contents (Hi) /C [1 0 0]")
 };
 
 struct PageLayout {
@@ -112,7 +113,9 @@ struct PageLabelRange {
 // merged with it; with several, the widgets are its kids. With parent, the
 // field is the kid of a field of that (partial) name, made for it.
 struct FieldLayout {
-    // Choice is a combo box, List a list box.
+    // Choice is a combo box, List a list box. A signature field whose value
+    // is "signed" carries a dummy signature: its /ByteRange covers the whole
+    // file but the /Contents string, as a real signature's does.
     enum class Kind { Text, CheckBox, Radio, Choice, List, PushButton, Signature };
     Kind kind = Kind::Text;
     std::string name;

@@ -1,0 +1,117 @@
+// Saving a document's changes as an update appended to the bytes of the file
+// it was opened from: the original bytes stay as they are (so do the byte
+// ranges signatures cover), and saving a small change to a big file costs
+// the change, not the file.
+
+#include <glog/logging.h>
+#include <mupdf/fitz.h>
+#include <mupdf/pdf.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <string>
+#include <system_error>
+
+#include "engine/Annotations.h"
+#include "engine/DocumentCore.h"
+#include "engine/Guarded.h"
+#include "orvane/Exception.h"
+
+namespace Orvane::PDF::Pdfium {
+namespace {
+
+namespace fs = std::filesystem;
+
+std::string canonicalName(const fs::path& path) {
+    std::error_code ec;
+    const fs::path resolved = fs::weakly_canonical(path, ec);
+    return ec ? std::string() : resolved.string();
+}
+
+// Copies the whole of in to out. C only.
+void copyStream(fz_context* ctx, fz_stream* in, fz_output* out) {
+    unsigned char buffer[64 * 1024];
+    size_t n;
+    fz_seek(ctx, in, 0, SEEK_SET);
+    while ((n = fz_read(ctx, in, buffer, sizeof buffer)) > 0) fz_write_data(ctx, out, buffer, n);
+}
+
+// Writes the original bytes and the update to the file at path (opened for
+// reading too: MuPDF reads back what it copied). C only.
+void appendTo(fz_context* ctx, pdf_document* doc, const char* path) {
+    fz_output* out = fz_new_output_with_path(ctx, path, 1);
+    fz_try(ctx) {
+        if (doc->num_incremental_sections == 0) {
+            copyStream(ctx, doc->file, out);
+        } else {
+            pdf_write_options options = pdf_default_write_options;
+            options.do_incremental = 1;
+            options.do_compress = 1;
+            options.do_compress_images = 1;
+            options.do_compress_fonts = 1;
+            options.do_encrypt = PDF_ENCRYPT_KEEP;
+            pdf_write_document(ctx, doc, out, &options);
+        }
+        fz_close_output(ctx, out);
+    }
+    fz_always(ctx) {
+        fz_drop_output(ctx, out);
+    }
+    fz_catch(ctx) {
+        fz_rethrow(ctx);
+    }
+}
+
+int appendable(fz_context* ctx, pdf_document* doc) {
+    return doc->file != NULL && pdf_can_be_saved_incrementally(ctx, doc);
+}
+
+}  // namespace
+
+DocumentCoreSource ReadSourceFile(const fs::path& path) {
+    DocumentCoreSource source;
+    struct stat st;
+    if (::stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) return source;
+    source.path = canonicalName(path);
+    source.known = !source.path.empty();
+    source.device = uint64_t(st.st_dev);
+    source.inode = uint64_t(st.st_ino);
+    source.size = int64_t(st.st_size);
+    source.modifiedNs = int64_t(st.st_mtim.tv_sec) * 1'000'000'000 + st.st_mtim.tv_nsec;
+    return source;
+}
+
+bool CanAppendTo(const DocumentCore& core, const fs::path& target) {
+    const DocumentCoreSource& source = core.source;
+    if (!source.known || canonicalName(target) != source.path) return false;
+    const DocumentCoreSource now = ReadSourceFile(target);
+    if (!now.known || now.device != source.device || now.inode != source.inode || now.size != source.size ||
+        now.modifiedNs != source.modifiedNs) {
+        LOG(INFO) << target.string() << " changed on disk since it was opened: saved whole";
+        return false;
+    }
+    // The update is written through the new file's /proc entry.
+    if (::access("/proc/self/fd", X_OK) != 0) return false;
+    try {
+        return guarded(core.ctx, [&] { return appendable(core.ctx, core.doc); }) != 0;
+    } catch (const Orvane::Exception& e) {
+        LOG(WARNING) << "cannot tell whether " << target.string() << " takes an update: " << e.what();
+        return false;
+    }
+}
+
+void WriteAppended(DocumentCore& core, int fd) {
+    const std::string self = "/proc/self/fd/" + std::to_string(fd);
+    guarded(core.ctx, [&] { appendTo(core.ctx, core.doc, self.c_str()); });
+}
+
+void NoteSaved(DocumentCore& core, const fs::path& target, bool appended) {
+    if (!core.source.known || canonicalName(target) != core.source.path) return;
+    if (appended) {
+        core.source = ReadSourceFile(target);
+    } else {
+        core.source.known = false;
+    }
+}
+
+}  // namespace Orvane::PDF::Pdfium
