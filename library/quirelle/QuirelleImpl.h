@@ -157,6 +157,8 @@ public:
     struct AnnotationWork {
         int64_t id;
         std::packaged_task<void(Impl&)> work;
+    };
+
     // A form request: list, fill, reset or flatten, run with the document's id.
     struct FormRequest {
         int64_t id;
