@@ -103,6 +103,9 @@ public:
     // it is kept for the service and not called from here.
     void SetFormOnChangeHandler(std::function<void()> handler) override;
 
+    // Whether the document forbids adding or changing annotations (false
+    // with owner access). Any thread, as the other permission queries.
+    bool IsAnnotateProtected() const { return Permission(&Permissions::annotate); }
     // Whether the document was opened with its owner password (an
     // unencrypted document counts as opened by its owner).
     bool HasOwnerAccess() const;
@@ -129,6 +132,7 @@ private:
         bool copyContent = false;
         bool print = false;
         bool printLowResolution = false;
+        bool annotate = false;  // adding or changing annotations forbidden
     };
 
     // The restrictions of the file as opened (owner access lifts them all).
