@@ -104,6 +104,9 @@ public:
     void SetFormOnChangeHandler(std::function<void()> handler) override;
     std::function<void()> FormOnChangeHandler() const;
 
+    // Whether the document forbids adding or changing annotations (false
+    // with owner access). Any thread, as the other permission queries.
+    bool IsAnnotateProtected() const { return Permission(&Permissions::annotate); }
     // Whether the document was opened with its owner password (an
     // unencrypted document counts as opened by its owner).
     bool HasOwnerAccess() const;
@@ -130,6 +133,7 @@ private:
         bool copyContent = false;
         bool print = false;
         bool printLowResolution = false;
+        bool annotate = false;  // adding or changing annotations forbidden
     };
 
     // The restrictions of the file as opened (owner access lifts them all).

@@ -64,6 +64,7 @@ PdfDocument::Permissions PdfDocument::ReadPermissions(bool ownerAccess) const {
     result.editPages = revision2 ? !bit(p, 4) : !bit(p, 11);
     result.extractPages = !bit(p, 5) || !bit(p, 11);
     result.printLowResolution = !revision2 && bit(p, 3) && !bit(p, 12);
+    result.annotate = !bit(p, 6);
     return result;
 }
 

@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "QuirelleImpl.h"
+#include "engine/PdfDocument.h"
 
 namespace Orvane::PDF {
 
@@ -79,6 +80,13 @@ std::future<void> Quirelle::ChangeAnnotation(const int64_t& id, unsigned page, i
 std::future<void> Quirelle::DeleteAnnotation(const int64_t& id, unsigned page, int64_t annotation) {
     return impl->EnqueueAnnotationWork<void>(
         id, [page, annotation](IDocument& document) { Pdfium::DeleteAnnotation(document, page, annotation); });
+}
+
+bool Quirelle::IsAnnotateProtected(const int64_t& id) {
+    return impl->WithOpenDocument(id, [](IDocument& document) {
+        const auto* pdf = dynamic_cast<const Pdfium::PdfDocument*>(&document);
+        return pdf != nullptr && pdf->IsAnnotateProtected();
+    });
 }
 
 }  // namespace Orvane::PDF

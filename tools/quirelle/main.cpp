@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <iostream>
 
+#include "Annotate.h"
 #include "Cli.h"
 #include "Reading.h"
 
@@ -168,6 +169,51 @@ int main(int argc, char** argv) {
         PaperNames() + " or WIDTHxHEIGHT in points; by default the size of the page it goes before");
     AddDestination(blankCommand, edit.destination);
 
+    AnnotationsOptions annotations;
+    auto* annotationsCommand =
+        app.add_subcommand("annotations", "list annotations, one line each: page, id, type, rectangle, author, contents");
+    annotationsCommand->add_option("FILE", annotations.file, "PDF file")->required();
+    annotationsCommand->add_option("PAGES", annotations.pages, kPagesHelp);
+    annotationsCommand->add_flag("--json", annotations.json, "print JSON");
+
+    HighlightOptions highlight;
+    auto* highlightCommand = app.add_subcommand("highlight", "highlight every match of a text, as search finds it");
+    highlightCommand->add_option("FILE", highlight.file, "PDF file")->required();
+    highlightCommand->add_option("PAGES", highlight.pages, kPagesHelp)->required();
+    highlightCommand->add_option("TEXT", highlight.text, "the text to highlight")->required();
+    highlightCommand->add_option("--color", highlight.color, "#RRGGBB (yellow by default)");
+    highlightCommand->add_option("--author", highlight.author, "the author the highlights name");
+    AddDestination(highlightCommand, highlight.destination);
+
+    AnnotateOptions annotate;
+    auto* annotateCommand = app.add_subcommand("annotate", "add a note, ink, a shape, a line or free text to a page");
+    annotateCommand->add_option("FILE", annotate.file, "PDF file")->required();
+    annotateCommand->add_option("PAGE", annotate.page, "the page (a number, or label:L)")->required();
+    annotateCommand->add_option("KIND", annotate.kind, "note, ink, square, circle, line, arrow or freetext")
+        ->check(CLI::IsMember({"note", "ink", "square", "circle", "line", "arrow", "freetext"}))
+        ->required();
+    annotateCommand->add_option("--at", annotate.at, "note: X,Y, the icon's top-left corner (points from the bottom-left)");
+    annotateCommand->add_option("--rect", annotate.rect, "square, circle, freetext: LEFT,BOTTOM,RIGHT,TOP");
+    annotateCommand->add_option("--from", annotate.from, "line, arrow: X,Y");
+    annotateCommand->add_option("--to", annotate.to, "line, arrow: X,Y (the arrow's head)");
+    annotateCommand->add_option("--stroke", annotate.strokes, "ink: X,Y,X,Y,... (repeat for more strokes)");
+    annotateCommand->add_option("--text", annotate.text, "the contents (freetext: the text shown)");
+    annotateCommand->add_option("--color", annotate.color, "#RRGGBB (freetext: of the text)");
+    annotateCommand->add_option("--fill", annotate.fill, "square, circle: #RRGGBB inside");
+    annotateCommand->add_option("--author", annotate.author, "the author it names");
+    annotateCommand->add_option("--opacity", annotate.opacity, "0 to 1 (1 by default)");
+    annotateCommand->add_option("--width", annotate.width, "line width in points");
+    annotateCommand->add_option("--font-size", annotate.fontSize, "freetext: in points (12 by default)");
+    AddDestination(annotateCommand, annotate.destination);
+
+    DeleteAnnotationsOptions deleteAnnotations;
+    auto* deleteAnnotationsCommand = app.add_subcommand(
+        "delete-annotations", "delete annotations (all but form fields, or one type), with their popups and replies");
+    deleteAnnotationsCommand->add_option("FILE", deleteAnnotations.file, "PDF file")->required();
+    deleteAnnotationsCommand->add_option("PAGES", deleteAnnotations.pages, kPagesHelp)->required();
+    deleteAnnotationsCommand->add_option("--type", deleteAnnotations.type, "Highlight, Ink, Link... or a type number");
+    AddDestination(deleteAnnotationsCommand, deleteAnnotations.destination);
+
     ImagesOptions images;
     auto* imagesCommand = app.add_subcommand(
         "images-to-pdf", "make a PDF of images, one page per image (per frame of a TIFF), one point per pixel");
@@ -205,6 +251,10 @@ int main(int argc, char** argv) {
         if (*moveCommand) return RunMove(session, edit, password);
         if (*blankCommand) return RunBlank(session, edit, password);
         if (*imagesCommand) return RunImagesToPdf(session, images);
+        if (*annotationsCommand) return RunAnnotations(session, annotations, password);
+        if (*highlightCommand) return RunHighlight(session, highlight, password);
+        if (*annotateCommand) return RunAnnotate(session, annotate, password);
+        if (*deleteAnnotationsCommand) return RunDeleteAnnotations(session, deleteAnnotations, password);
     } catch (const UsageError& e) {
         std::cerr << "quirelle: " << e.what() << "\n";
         return 2;

@@ -154,6 +154,13 @@ public:
                                                const AnnotationChange& change) = 0;
     // Deletes the annotation with its popup and its replies.
     virtual std::future<void> DeleteAnnotation(const int64_t& id, unsigned page, int64_t annotation) = 0;
+
+    // Whether the document's permissions forbid adding or changing
+    // annotations (false when it was opened with its owner password).
+    // Answered at once, as IPDFProvider's permission queries are; like them
+    // it gates nothing here. std::invalid_argument("Invalid doc handle") for
+    // an id that is not open.
+    virtual bool IsAnnotateProtected(const int64_t& id) = 0;
 };
 
 }  // namespace Orvane::PDF
