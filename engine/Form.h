@@ -61,10 +61,11 @@ bool FlattenForm(IDocument& document);
 // ---- scripts (FormScripts.cpp) ----
 
 // Turns the document's scripts on (once; document-level scripts run then),
-// with alerts and the other requests to the application made inert. When
-// the engine cannot stop a script at the time budget, scripts stay off.
+// with alerts and the other requests to the application made inert. When a
+// document-level script is not one that surely ends, scripts stay off.
 void EnableScripts(fz_context* ctx, pdf_document* doc);
-// Collects what scripts tell the user (alerts) while it exists.
+// Collects what scripts tell the user (alerts) while it exists; the
+// outermost one starts the count of nested scripts afresh.
 class ScriptMessages {
 public:
     ScriptMessages();
@@ -74,13 +75,10 @@ public:
     // The last alert, empty when none.
     const std::string& Last() const { return last_; }
     void Collect(const char* message) { last_ = message; }
-    // Whether a script was stopped at the time budget meanwhile.
-    bool Stopped() const;
 
 private:
     std::string last_;
     ScriptMessages* outer_;
-    unsigned long stoppedBefore_;
 };
 
 }  // namespace Orvane::PDF::Pdfium
