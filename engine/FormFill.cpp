@@ -148,7 +148,7 @@ void setText(Form& form, const FieldNode& node, const FormField& field, const st
         event.selStart = -1;
         event.selEnd = -1;
         event.willCommit = 1;
-        int ok = 0;
+        volatile int ok = 0;  // set inside the frame, read after it
         fz_try(ctx) {
             ok = pdf_field_event_keystroke(ctx, doc, node.field, &event);
             if (ok) ok = pdf_set_field_value(ctx, doc, node.field, event.newValue ? event.newValue : value.c_str(), 0);
