@@ -276,5 +276,31 @@ TEST_F(FormService, ScriptsCalculateValidateAndNeverHang) {
     EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(10));
 }
 
+// Document-level scripts run before any field's, when scripts are turned on;
+// one that would never end keeps all the document's scripts off.
+TEST_F(FormService, DocumentLevelScriptsRunOnlyWhenTheyEnd) {
+    const struct {
+        const char* script;
+        const char* total;  // after a = 2
+    } rows[] = {{"var rate = 3;", "6"}, {"var rate = 3; while (true) {}", ""}};
+    for (const auto& row : rows) {
+        const auto path = temp.File("document-level.pdf");
+        PdfBuilder builder;
+        builder.AddNumberedPages(1).AddCatalogEntries(
+            std::string("/Names << /JavaScript << /Names [(init) << /S /JavaScript /JS (") + row.script +
+            ") >>] >> >>");
+        builder.AddField({Kind::Text, "a", "", {}, {{0, {100, 700, 200, 680}}}});
+        FieldLayout total{Kind::Text, "total", "", {}, {{0, {100, 600, 200, 580}}}, true};
+        total.calculateScript = "event.value = this.getField(\"a\").value * rate;";
+        builder.AddField(total).Save(path);
+        const int64_t id = Open(path);
+        Await(service->SetFieldValue(id, "a", "2"));
+        const std::vector<FormField> fields = Await(service->GetFormFields(id));
+        EXPECT_EQ(Field(fields, "a").value, "2") << row.script;
+        EXPECT_EQ(Field(fields, "total").value, row.total) << row.script;
+        Await(service->CloseDoument(id));
+    }
+}
+
 }  // namespace
 }  // namespace QuirelleTest
