@@ -205,7 +205,7 @@ bool SetFieldValue(IDocument& document, const std::string& name, const std::stri
     checkChangeable(field);
     EnableScripts(form.ctx, form.doc);
     const auto before = snapshot(form);
-    ScriptMessages messages;
+    ScriptMessages messages(form.ctx, form.doc, name);
     switch (field.type) {
         case FormFieldType::Text:
             if (field.maxLength > 0 && codePoints(value) > size_t(field.maxLength))
@@ -252,7 +252,7 @@ bool SelectFieldOptions(IDocument& document, const std::string& name, const std:
     }
     EnableScripts(form.ctx, form.doc);
     const auto before = snapshot(form);
-    ScriptMessages messages;
+    ScriptMessages messages(form.ctx, form.doc, name);
     if (chosen.size() == 1) {
         setText(form, node, field, chosen.front(), messages);
     } else {
@@ -283,7 +283,7 @@ bool SetFieldChecked(IDocument& document, const std::string& name, bool checked)
     if (field.type != FormFieldType::CheckBox) refuse(name, "not a check box");
     EnableScripts(form.ctx, form.doc);
     const auto before = snapshot(form);
-    ScriptMessages messages;
+    ScriptMessages messages(form.ctx, form.doc, name);
     setButton(form, node, field, checked ? field.exportValues.front() : "Off");
     return finish(form, before);
 }
@@ -297,7 +297,7 @@ bool ResetFormFields(IDocument& document, const std::vector<std::string>& names)
     }
     EnableScripts(form.ctx, form.doc);
     const auto before = snapshot(form);
-    ScriptMessages messages;
+    ScriptMessages messages(form.ctx, form.doc, "");
     fz_context* ctx = form.ctx;
     for (const FieldNode* node : targets) {
         guarded(ctx, [&] { pdf_field_reset(ctx, form.doc, node->field); });

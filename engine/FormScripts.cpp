@@ -55,13 +55,17 @@ std::vector<std::string> documentScripts(fz_context* ctx, pdf_document* doc) {
 
 }  // namespace
 
-ScriptMessages::ScriptMessages() : outer_(sink) {
-    if (!outer_) ResetScriptNesting();
+ScriptMessages::ScriptMessages(fz_context* ctx, pdf_document* doc, const std::string& field) : outer_(sink) {
+    if (!outer_) {
+        ResetScriptNesting();
+        SetScriptSubject(ctx, doc, field);
+    }
     sink = this;
 }
 
 ScriptMessages::~ScriptMessages() {
     sink = outer_;
+    if (!outer_) SetScriptSubject(nullptr, nullptr, {});
 }
 
 void EnableScripts(fz_context* ctx, pdf_document* doc) {
@@ -70,7 +74,7 @@ void EnableScripts(fz_context* ctx, pdf_document* doc) {
     for (const std::string& source : documentScripts(ctx, doc)) {
         const std::string why = ScriptRefusal(source);
         if (!why.empty()) {
-            LogRefusedScript("a document-level script (the document's scripts stay off)", source, why);
+            LogRefusedScript("at document level (the document's scripts stay off)", source, why);
             return;
         }
     }

@@ -18,11 +18,4 @@ namespace Orvane::PDF::Pdfium {
 // Empty when the script may run, else why not (for the log).
 std::string ScriptRefusal(std::string_view source);
 
-// Logs a script that is not run, once per script text (ScriptGate.cpp).
-void LogRefusedScript(const char* name, const std::string& source, const std::string& why) noexcept;
-
-// Forgets the scripts counted as running on this thread (ScriptGate.cpp);
-// called where a request starts running scripts.
-void ResetScriptNesting() noexcept;
-
 }  // namespace Orvane::PDF::Pdfium

@@ -17,10 +17,13 @@
 #include <glog/logging.h>
 #include <mupdf/pdf.h>
 
+#include <cstdlib>
 #include <functional>
+#include <string>
 #include <mutex>
 #include <unordered_set>
 
+#include "engine/Form.h"
 #include "engine/ScriptCheck.h"
 
 extern "C" {
@@ -38,7 +41,67 @@ constexpr size_t kMaxLogged = 4096;
 thread_local int depth = 0;
 thread_local int started = 0;  // scripts run since the outermost one began
 
+struct Subject {
+    fz_context* ctx = nullptr;
+    pdf_document* doc = nullptr;
+    std::string field;
+};
+thread_local Subject subject;
+
+// The fully qualified name of the field of object num; null when there is none.
+// Plain C inside the frame; the error only costs the name.
+char* fieldNameOf(fz_context* ctx, pdf_document* doc, int num) {
+    pdf_obj* obj = NULL;
+    char* name = NULL;
+    fz_var(obj);
+    fz_var(name);
+    fz_try(ctx) {
+        obj = pdf_load_object(ctx, doc, num);
+        name = pdf_field_name(ctx, obj);
+    }
+    fz_always(ctx) {
+        pdf_drop_obj(ctx, obj);
+    }
+    fz_catch(ctx) {
+        name = NULL;
+    }
+    return name;
+}
+
+// MuPDF names a script "NUM/PATH" (the object it belongs to, the path to
+// it there): the log names the field instead where it can.
+std::string describe(const char* name) {
+    if (!name) return "?";
+    char* end = nullptr;
+    const long num = std::strtol(name, &end, 10);
+    if (end == name || *end != '/') return name;
+    const std::string path(end + 1);
+    if (num > 0 && subject.doc) {
+        if (char* field = fieldNameOf(subject.ctx, subject.doc, int(num))) {
+            std::string text;
+            try {
+                text = *field ? "of field '" + std::string(field) + "' (" + path + ")" : "";
+            } catch (...) {
+            }
+            fz_free(subject.ctx, field);
+            if (!text.empty()) return text;
+        }
+    }
+    if (num == 0 && !subject.field.empty()) return "of field '" + subject.field + "' (" + path + ")";
+    return name;
+}
+
 }  // namespace
+
+void SetScriptSubject(fz_context* ctx, pdf_document* doc, const std::string& field) noexcept {
+    try {
+        subject.field = field;
+    } catch (...) {
+        subject.field.clear();
+    }
+    subject.ctx = ctx;
+    subject.doc = doc;
+}
 
 void LogRefusedScript(const char* name, const std::string& source, const std::string& why) noexcept {
     static std::mutex mutex;
@@ -49,7 +112,7 @@ void LogRefusedScript(const char* name, const std::string& source, const std::st
             std::lock_guard<std::mutex> lock(mutex);
             if (logged.size() >= kMaxLogged || !logged.insert(key).second) return;
         }
-        LOG(WARNING) << "form script " << (name ? name : "?") << " not run: " << why;
+        LOG(WARNING) << "form script " << (name ? name : "?") << " not run: it has " << why;
     } catch (...) {
     }
 }
@@ -65,7 +128,7 @@ bool mayRun(const char* name, const char* code) noexcept {
         if (why.empty() && depth >= kMaxDepth) why = "scripts nested too deep";
         if (why.empty() && depth > 0 && started >= kMaxNested) why = "too many scripts started by one event";
         if (why.empty()) return true;
-        LogRefusedScript(name, source, why);
+        LogRefusedScript(describe(name).c_str(), source, why);
     } catch (...) {
     }
     return false;
