@@ -9,6 +9,9 @@
 // form scripts are checked as MuPDF starts them (ScriptGate.cpp), the
 // document-level ones, which pdf_enable_js runs at once, here before it.
 
+#include <glog/logging.h>
+
+#include <exception>
 #include <string>
 #include <vector>
 
@@ -78,7 +81,12 @@ void EnableScripts(fz_context* ctx, pdf_document* doc) {
             return;
         }
     }
-    guarded(ctx, [&] { pdf_enable_js(ctx, doc); });
+    // A document whose interpreter cannot be made is filled in without scripts.
+    try {
+        guarded(ctx, [&] { pdf_enable_js(ctx, doc); });
+    } catch (const std::exception& e) {
+        LOG(WARNING) << "the document's scripts stay off: " << e.what();
+    }
 }
 
 }  // namespace Orvane::PDF::Pdfium
