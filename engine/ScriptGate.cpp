@@ -6,9 +6,8 @@
 //
 // Scripts can still start scripts: setting a field's value from a script
 // runs that field's validation, a calculation can ask for all calculations.
-// Each script is bounded, so the number of scripts one event sets off is
-// bounded too: past kMaxNested, or nested deeper than kMaxDepth, the rest
-// are not run.
+// So the scripts one event sets off are capped too: past kMaxNested, or
+// nested deeper than kMaxDepth, the rest are not run.
 //
 // Document-level scripts run inside MuPDF's pdf_enable_js, which calls
 // pdf_js_execute within its own object file, where the wrap does not reach:
@@ -19,8 +18,8 @@
 
 #include <cstdlib>
 #include <functional>
-#include <string>
 #include <mutex>
+#include <string>
 #include <unordered_set>
 
 #include "engine/Form.h"
