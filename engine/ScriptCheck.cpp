@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cctype>
 #include <cstring>
 #include <vector>
 
@@ -18,6 +19,7 @@ enum class Kind { Name, Number, String, Punct };
 struct Token {
     Kind kind;
     std::string_view text;
+    bool endsCondition = false;  // the ')' of "if (...)": a statement may follow
 };
 
 bool isNameStart(char c) {
@@ -44,6 +46,10 @@ constexpr std::array<const char*, 48> kPunctuators = {
 // Words after which a '/' would start a regular expression.
 constexpr std::array<const char*, 13> kBeforeExpression = {
     "return", "typeof", "instanceof", "in", "of", "new", "delete", "void", "throw", "case", "do", "else", "yield"};
+
+// Words whose parenthesised part may be followed by a statement (which may
+// start with a regular expression).
+constexpr std::array<const char*, 4> kStatementHeads = {"if", "while", "for", "with"};
 
 // Names that loop, define functions or accessors, compile or evaluate code,
 // schedule it, or reach objects from which any of that is reachable.
@@ -92,12 +98,15 @@ private:
             case Kind::Name:
                 return among(last.text, kBeforeExpression);
             case Kind::Punct:
-                return last.text != ")" && last.text != "]";
+                return (last.text != ")" && last.text != "]") || last.endsCondition;
         }
         return true;
     }
 
     std::string tokenize() {
+        // U+2028 and U+2029 end lines (and comments) for the interpreter.
+        if (s_.find("\xE2\x80\xA8") != std::string_view::npos || s_.find("\xE2\x80\xA9") != std::string_view::npos)
+            return "a line or paragraph separator";
         size_t i = 0;
         const size_t n = s_.size();
         while (i < n) {
@@ -126,9 +135,26 @@ private:
                 i = j;
             } else if (isDigit(c) || (c == '.' && i + 1 < n && isDigit(s_[i + 1]))) {
                 size_t j = i;
-                while (j < n && (isNamePart(s_[j]) || s_[j] == '.' ||
-                                 ((s_[j] == '+' || s_[j] == '-') && (s_[j - 1] == 'e' || s_[j - 1] == 'E'))))
-                    ++j;
+                auto digits = [&] {
+                    while (j < n && isDigit(s_[j])) ++j;
+                };
+                if (c == '0' && i + 1 < n && (s_[i + 1] == 'x' || s_[i + 1] == 'X')) {
+                    j = i + 2;
+                    while (j < n && std::isxdigit(static_cast<unsigned char>(s_[j]))) ++j;
+                } else {
+                    digits();
+                    if (j < n && s_[j] == '.') {
+                        ++j;
+                        digits();
+                    }
+                    if (j < n && (s_[j] == 'e' || s_[j] == 'E')) {
+                        ++j;
+                        if (j < n && (s_[j] == '+' || s_[j] == '-')) ++j;
+                        digits();
+                    }
+                }
+                // A name right after a number is no JavaScript this check reads.
+                if (j < n && (isNamePart(s_[j]) || s_[j] == '\\')) return "a malformed number";
                 tokens_.push_back({Kind::Number, s_.substr(i, j - i)});
                 i = j;
             } else if (c == '/') {
@@ -150,7 +176,17 @@ private:
                 }
                 if (!match) return std::string("the character '") + c + "'";
                 const size_t len = std::strlen(match);
-                tokens_.push_back({Kind::Punct, s_.substr(i, len)});
+                bool condition = false;
+                if (*match == '(') {
+                    const bool afterIf = !tokens_.empty() && tokens_.back().kind == Kind::Name &&
+                                         among(tokens_.back().text, kStatementHeads);
+                    parens_.push_back(afterIf);
+                } else if (*match == ')') {
+                    if (parens_.empty()) return "unbalanced parentheses";
+                    condition = parens_.back();
+                    parens_.pop_back();
+                }
+                tokens_.push_back({Kind::Punct, s_.substr(i, len), condition});
                 i += len;
             }
         }
@@ -192,6 +228,7 @@ private:
 
     std::string_view s_;
     std::vector<Token> tokens_;
+    std::vector<bool> parens_;  // open parentheses: whether each follows a statement head
 };
 
 }  // namespace

@@ -47,6 +47,14 @@ TEST(ScriptCheck, RunsOnlyScriptsThatSurelyEnd) {
         {"x = /(a*)*b/;", false},
         {"if (x) { } /a/.test(y)", false},
         {"return /a/", false},
+        // After "if (...)" a statement, which may be a regular expression hiding
+        // what follows from a reader that took the '/' for a division.
+        {"if (x) /'/; while (1) {} //'", false},
+        {"if (x) /(a+)+$/[\"test\"](\"aaaa!\")", false},
+        {"// note\xE2\x80\xA8while (1) {}", false},
+        {"x = 1while", false},
+        {"x = 0x1F + 1.5e-3 + .5 + 1..toFixed(1)", true},
+        {"x = (1))", false},
         {"event.value.match(\"a\")", false},
         {"event.value.split(\",\")", false},
         {"new RegExp(\"a\")", false},
