@@ -218,9 +218,10 @@ private:
             // An accessor in an object literal is a function.
             if ((t.text == "get" || t.text == "set") && after && after->kind != Kind::Punct)
                 return "an accessor";
-            // An array whose length is a number can be as long as the number says.
-            if (t.text == "Array" && after && after->text == "(" && i + 2 < tokens_.size() &&
-                tokens_[i + 2].kind != Kind::String && tokens_[i + 2].text != ")")
+            // An array whose length is a number can be as long as the number
+            // says: Array is taken only when called at once with strings or nothing.
+            if (t.text == "Array" && (!after || after->text != "(" || i + 2 >= tokens_.size() ||
+                                      (tokens_[i + 2].kind != Kind::String && tokens_[i + 2].text != ")")))
                 return "an array of a computed length";
         }
         return {};
