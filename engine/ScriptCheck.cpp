@@ -58,8 +58,9 @@ constexpr std::array<const char*, 22> kRefusedNames = {
     "setTimeOut",   "setInterval", "setTimeout", "constructor", "__proto__", "prototype", "arguments", "Object",
     "JSON",         "globalThis",  "class",     "import",   "callee",    "caller"};
 
-// Property names a script may use after '.'.
-constexpr std::array<const char*, 72> kProperties = {
+// Property names a script may use after '.' (not util.printf: its widths
+// and precisions make work of any size out of a short format).
+constexpr std::array<const char*, 71> kProperties = {
     "value",      "rc",          "change",      "changeEx",    "willCommit",  "commitKey",   "selStart",
     "selEnd",     "target",      "name",        "type",        "getField",    "alert",       "beep",
     "length",     "toFixed",     "toString",    "toUpperCase", "toLowerCase", "charAt",      "charCodeAt",
@@ -67,8 +68,7 @@ constexpr std::array<const char*, 72> kProperties = {
     "floor",      "ceil",        "min",         "max",         "pow",         "sqrt",        "PI",
     "valueAsString", "display",  "hidden",      "visible",     "noPrint",     "noView",      "readonly",
     "required",   "textColor",   "fillColor",   "strokeColor", "borderStyle", "black",       "white",
-    "red",        "green",       "blue",        "gray",        "transparent", "fromCharCode", "printf",
-    "printd",     "scand",       "print",       "mailDoc",     "launchURL",   "execMenuItem", "defaultValue",
+    "red",        "green",       "blue",        "gray",        "transparent", "fromCharCode", "printd",     "scand",       "print",       "mailDoc",     "launchURL",   "execMenuItem", "defaultValue",
     "textFont",   "textSize",    "userName",    "numPages",    "getDate",     "getMonth",    "getFullYear",
     "getTime",    "exportValues"};
 
