@@ -58,29 +58,36 @@ bool ResetFormFields(IDocument& document, const std::vector<std::string>& names)
 // Returns whether the document had a form.
 bool FlattenForm(IDocument& document);
 
-// ---- scripts (FormScripts.cpp) ----
+// ---- scripts (FormScripts.cpp; the gate every form script passes, ScriptGate.cpp) ----
+
+// Logs a script that is not run, once per script text.
+void LogRefusedScript(const char* name, const std::string& source, const std::string& why) noexcept;
+// Forgets the scripts counted as running on this thread.
+void ResetScriptNesting() noexcept;
+// The document whose scripts this thread runs now and the field being
+// changed (empty for none), for naming scripts in the log; null for none.
+void SetScriptSubject(fz_context* ctx, pdf_document* doc, const std::string& field) noexcept;
 
 // Turns the document's scripts on (once; document-level scripts run then),
-// with alerts and the other requests to the application made inert. When
-// the engine cannot stop a script at the time budget, scripts stay off.
+// with alerts and the other requests to the application made inert. When a
+// document-level script is not one that surely ends, scripts stay off.
 void EnableScripts(fz_context* ctx, pdf_document* doc);
-// Collects what scripts tell the user (alerts) while it exists.
+// Collects what scripts tell the user (alerts) while it exists; the
+// outermost one starts the count of nested scripts afresh. The document and
+// the field being changed name the scripts that are not run in the log.
 class ScriptMessages {
 public:
-    ScriptMessages();
+    ScriptMessages(fz_context* ctx, pdf_document* doc, const std::string& field);
     ~ScriptMessages();
     ScriptMessages(const ScriptMessages&) = delete;
     ScriptMessages& operator=(const ScriptMessages&) = delete;
     // The last alert, empty when none.
     const std::string& Last() const { return last_; }
     void Collect(const char* message) { last_ = message; }
-    // Whether a script was stopped at the time budget meanwhile.
-    bool Stopped() const;
 
 private:
     std::string last_;
     ScriptMessages* outer_;
-    unsigned long stoppedBefore_;
 };
 
 }  // namespace Orvane::PDF::Pdfium

@@ -96,7 +96,7 @@ size_t codePoints(const std::string& text) {
 // Runs the calculations a change asked for, makes the appearances of every
 // page with widgets again, and tells whether any field's value changed
 // since before. The document is marked changed either way.
-bool finish(Form& form, const std::map<std::string, std::vector<std::string>>& before, const ScriptMessages& messages) {
+bool finish(Form& form, const std::map<std::string, std::vector<std::string>>& before) {
     fz_context* ctx = form.ctx;
     pdf_document* doc = form.doc;
     form.pdf.Core()->Changed();
@@ -110,7 +110,6 @@ bool finish(Form& form, const std::map<std::string, std::vector<std::string>>& b
     form.pdf.Core()->Changed();
     // Edited objects may have moved to the document's new section: the tree is read again.
     form.nodes = WalkFields(ctx, doc);
-    if (messages.Stopped()) throw Orvane::Exception("a form script was stopped at the time budget");
     return snapshot(form) != before;
 }
 
@@ -137,12 +136,33 @@ const FormOption* findOption(const FormField& field, const std::string& value) {
 
 void setText(Form& form, const FieldNode& node, const FormField& field, const std::string& value,
              const ScriptMessages& messages) {
-    // The value as committed: the field's validation script judges it, then
-    // it is stored on the field and the calculations are due.
+    // As a reader commits typed text: the keystroke script judges the value
+    // being committed (and may change it), the validation script judges the
+    // result, then it is stored on the field and the calculations are due.
     fz_context* ctx = form.ctx;
-    const int accepted =
-        guarded(ctx, [&] { return pdf_set_field_value(ctx, form.doc, node.field, value.c_str(), 0); });
-    if (!accepted && !messages.Stopped()) {
+    pdf_document* doc = form.doc;
+    const int accepted = guarded(ctx, [&] {
+        pdf_keystroke_event event = {};
+        event.value = value.c_str();
+        event.change = "";
+        event.selStart = -1;
+        event.selEnd = -1;
+        event.willCommit = 1;
+        volatile int ok = 0;  // set inside the frame, read after it
+        fz_try(ctx) {
+            ok = pdf_field_event_keystroke(ctx, doc, node.field, &event);
+            if (ok) ok = pdf_set_field_value(ctx, doc, node.field, event.newValue ? event.newValue : value.c_str(), 0);
+        }
+        fz_always(ctx) {
+            fz_free(ctx, event.newValue);
+            fz_free(ctx, event.newChange);
+        }
+        fz_catch(ctx) {
+            fz_rethrow(ctx);
+        }
+        return ok;
+    });
+    if (!accepted) {
         const std::string why = messages.Last().empty() ? "the document's script refused the value" : messages.Last();
         refuse(field.name, why);
     }
@@ -185,7 +205,7 @@ bool SetFieldValue(IDocument& document, const std::string& name, const std::stri
     checkChangeable(field);
     EnableScripts(form.ctx, form.doc);
     const auto before = snapshot(form);
-    ScriptMessages messages;
+    ScriptMessages messages(form.ctx, form.doc, name);
     switch (field.type) {
         case FormFieldType::Text:
             if (field.maxLength > 0 && codePoints(value) > size_t(field.maxLength))
@@ -212,7 +232,7 @@ bool SetFieldValue(IDocument& document, const std::string& name, const std::stri
         default:
             break;
     }
-    return finish(form, before, messages);
+    return finish(form, before);
 }
 
 bool SelectFieldOptions(IDocument& document, const std::string& name, const std::vector<std::string>& values) {
@@ -232,7 +252,7 @@ bool SelectFieldOptions(IDocument& document, const std::string& name, const std:
     }
     EnableScripts(form.ctx, form.doc);
     const auto before = snapshot(form);
-    ScriptMessages messages;
+    ScriptMessages messages(form.ctx, form.doc, name);
     if (chosen.size() == 1) {
         setText(form, node, field, chosen.front(), messages);
     } else {
@@ -252,7 +272,7 @@ bool SelectFieldOptions(IDocument& document, const std::string& name, const std:
             form.doc->recalculate = 1;
         });
     }
-    return finish(form, before, messages);
+    return finish(form, before);
 }
 
 bool SetFieldChecked(IDocument& document, const std::string& name, bool checked) {
@@ -263,9 +283,9 @@ bool SetFieldChecked(IDocument& document, const std::string& name, bool checked)
     if (field.type != FormFieldType::CheckBox) refuse(name, "not a check box");
     EnableScripts(form.ctx, form.doc);
     const auto before = snapshot(form);
-    ScriptMessages messages;
+    ScriptMessages messages(form.ctx, form.doc, name);
     setButton(form, node, field, checked ? field.exportValues.front() : "Off");
-    return finish(form, before, messages);
+    return finish(form, before);
 }
 
 bool ResetFormFields(IDocument& document, const std::vector<std::string>& names) {
@@ -277,7 +297,7 @@ bool ResetFormFields(IDocument& document, const std::vector<std::string>& names)
     }
     EnableScripts(form.ctx, form.doc);
     const auto before = snapshot(form);
-    ScriptMessages messages;
+    ScriptMessages messages(form.ctx, form.doc, "");
     fz_context* ctx = form.ctx;
     for (const FieldNode* node : targets) {
         guarded(ctx, [&] { pdf_field_reset(ctx, form.doc, node->field); });
@@ -287,7 +307,7 @@ bool ResetFormFields(IDocument& document, const std::vector<std::string>& names)
         form.doc->resynth_required = 1;
         form.doc->recalculate = 1;
     });
-    return finish(form, before, messages);
+    return finish(form, before);
 }
 
 }  // namespace Orvane::PDF::Pdfium

@@ -5,22 +5,20 @@
 // refused value and every other request is dropped, so that scripts reach
 // neither the application nor anything outside the document.
 //
-// Scripts are turned on only where the engine can stop one at the request's
-// time budget (ScriptsCanBeStopped, ScriptLimits.c); elsewhere a form is
-// filled in without them.
+// Only scripts that end in time bounded by their length run (ScriptCheck.h):
+// form scripts are checked as MuPDF starts them (ScriptGate.cpp), the
+// document-level ones, which pdf_enable_js runs at once, here before it.
 
-#include <atomic>
+#include <glog/logging.h>
+
 #include <exception>
+#include <string>
+#include <vector>
 
 #include "engine/Form.h"
 #include "engine/Guarded.h"
-
-extern "C" {
-// ScriptLimits.c: whether a running script can be stopped at the time budget,
-// and how many were.
-int quirelle_scripts_can_be_stopped(void);
-unsigned long quirelle_scripts_stopped(void);
-}
+#include "engine/Handles.h"
+#include "engine/ScriptCheck.h"
 
 namespace Orvane::PDF::Pdfium {
 namespace {
@@ -37,27 +35,58 @@ void onDocumentEvent(fz_context* ctx, pdf_document*, pdf_doc_event* event, void*
     }
 }
 
+// The document-level scripts' sources, in the order MuPDF runs them.
+std::vector<std::string> documentScripts(fz_context* ctx, pdf_document* doc) {
+    std::vector<std::string> sources;
+    PdfObjHandle tree(ctx, guarded(ctx, [&] { return pdf_load_name_tree(ctx, doc, PDF_NAME(JavaScript)); }));
+    const int count = guarded(ctx, [&] { return pdf_dict_len(ctx, tree.get()); });
+    for (int i = 0; i < count; ++i) {
+        char* text = guarded(ctx, [&] {
+            pdf_obj* code = pdf_dict_get(ctx, pdf_dict_get_val(ctx, tree.get(), i), PDF_NAME(JS));
+            return pdf_load_stream_or_string_as_utf8(ctx, code);
+        });
+        try {
+            sources.emplace_back(text);
+        } catch (...) {
+            fz_free(ctx, text);
+            throw;
+        }
+        fz_free(ctx, text);
+    }
+    return sources;
+}
+
 }  // namespace
 
-ScriptMessages::ScriptMessages() : outer_(sink), stoppedBefore_(quirelle_scripts_stopped()) {
+ScriptMessages::ScriptMessages(fz_context* ctx, pdf_document* doc, const std::string& field) : outer_(sink) {
+    if (!outer_) {
+        ResetScriptNesting();
+        SetScriptSubject(ctx, doc, field);
+    }
     sink = this;
 }
 
 ScriptMessages::~ScriptMessages() {
     sink = outer_;
-}
-
-bool ScriptMessages::Stopped() const {
-    return quirelle_scripts_stopped() != stoppedBefore_;
+    if (!outer_) SetScriptSubject(nullptr, nullptr, {});
 }
 
 void EnableScripts(fz_context* ctx, pdf_document* doc) {
     if (doc->js) return;
     guarded(ctx, [&] { pdf_set_doc_event_callback(ctx, doc, onDocumentEvent, NULL, NULL); });
-    if (!quirelle_scripts_can_be_stopped()) return;
-    guarded(ctx, [&] { pdf_enable_js(ctx, doc); });
-    // The interpreter this one made may be one whose scripts cannot be stopped.
-    if (!quirelle_scripts_can_be_stopped()) guarded(ctx, [&] { pdf_disable_js(ctx, doc); });
+    for (const std::string& source : documentScripts(ctx, doc)) {
+        const std::string why = ScriptRefusal(source);
+        if (!why.empty()) {
+            LogRefusedScript("at document level (the document's scripts stay off)", source, why);
+            return;
+        }
+    }
+    // A document whose interpreter cannot be made is filled in without scripts.
+    try {
+        guarded(ctx, [&] { pdf_enable_js(ctx, doc); });
+    } catch (const std::exception& e) {
+        LOG(WARNING) << "the document's scripts stay off: " << e.what();
+    }
 }
 
 }  // namespace Orvane::PDF::Pdfium

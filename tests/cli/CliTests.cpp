@@ -392,3 +392,48 @@ TEST_F(Cli, EditsWriteNewFilesOrInPlace) {
 
 }  // namespace
 }  // namespace QuirelleTest
+
+namespace QuirelleTest {
+namespace {
+
+TEST_F(Cli, FieldsFillAndFlatten) {
+    using Kind = FieldLayout::Kind;
+    auto form = [](PdfBuilder& builder) -> PdfBuilder& {
+        return builder.AddNumberedPages(1)
+            .AddField({Kind::Text, "name", "Ann", {}, {{0, {100, 700, 300, 680}}}})
+            .AddField({Kind::CheckBox, "agree", "Off", {}, {{0, {100, 650, 115, 635}}}})
+            .AddField({Kind::Radio, "size", "s", {"s", "m"}, {{0, {100, 600, 115, 585}}, {0, {130, 600, 145, 585}}}})
+            .AddField({Kind::Choice, "colour", "Red", {"Red", "Blue"}, {{0, {100, 550, 250, 530}}}});
+    };
+    PdfBuilder plain;
+    form(plain).Save(dir->File("form.pdf"));
+    PdfBuilder locked;  // opens without a password, forbids changes (bit 4)
+    form(locked).Encrypt({"", "owner", -4 & ~(1 << 3)}).Save(dir->File("form-locked.pdf"));
+    RunAll({
+        {"fields form.pdf", 0, "name\ttext\tAnn\t1\nagree\tcheckbox\tOff\t1\nsize\tradio\ts\t1\ncolour\tcombobox\tRed\t1\n"},
+        {"fill form.pdf name=Zoe agree=on size=m colour=Blue --out filled.pdf", 0, "filled.pdf: 4 fields filled\n"},
+        {"fields filled.pdf", 0, "name\ttext\tZoe\t1\nagree\tcheckbox\tYes\t1\nsize\tradio\tm\t1\ncolour\tcombobox\tBlue\t1\n"},
+        {"fill form.pdf agree=maybe --out x.pdf", 2, "", "agree=maybe: a check box takes on or off"},
+        {"fill form.pdf colour=Green --out x.pdf", 1, "", "no option 'Green'"},
+        {"fill form.pdf nosuch=1 --out x.pdf", 2, "", "no field named nosuch"},
+        {"fill form.pdf name --out x.pdf", 2, "", "write NAME=VALUE"},
+        {"fill form.pdf name=Zoe", 2, "", "say where the result goes"},
+        {"fill form-locked.pdf name=Zoe --out x.pdf", 1, "", "does not allow filling in its form"},
+        {"--password owner fill form-locked.pdf name=Zoe --out unlocked-form.pdf", 0, "1 field filled"},
+        {"fields filled.pdf --json", 0, "\"fields\"", "",
+         [](const Result& result) {
+             json values = json::parse(result.out);
+             values["fields"][0]["value"] = "Kim";
+             values["fields"][1]["value"] = "off";
+             WriteFile(dir->File("values.json"), values.dump());
+         }},
+        {"fill filled.pdf --from values.json --in-place", 0, "filled.pdf: 2 fields filled\n"},
+        {"fields filled.pdf", 0, "name\ttext\tKim\t1\nagree\tcheckbox\tOff\t1\nsize\tradio\tm\t1\n"},
+        {"flatten filled.pdf --out flat.pdf", 0, "flat.pdf: 4 fields turned into page content\n"},
+        {"fields flat.pdf", 0, ""},
+        {"text flat.pdf", 0, "Kim"},
+    });
+}
+
+}  // namespace
+}  // namespace QuirelleTest

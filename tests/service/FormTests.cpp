@@ -4,6 +4,7 @@
 // form-change callback once per request that changed a value.
 
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <fstream>
 #include <sstream>
@@ -220,6 +221,85 @@ TEST_F(FormService, FlattenedFormShowsTheSameAndHasNoFields) {
     EXPECT_LT(differing, 50) << where.x() << "," << where.y() << " " << where.width() << "x" << where.height();
     EXPECT_EQ(std::system(("qpdf --check '" + saved.string() + "' > /dev/null 2>&1").c_str()), 0);
     EXPECT_NE(Command("mutool draw -F txt '" + saved.string() + "' 1 2>/dev/null").find("Flat Out"), std::string::npos);
+}
+
+// The document's scripts: a calculated total, a validation that refuses, and
+// scripts that would never end, which are not run.
+TEST_F(FormService, ScriptsCalculateValidateAndNeverHang) {
+    const auto path = temp.File("scripted.pdf");
+    PdfBuilder builder;
+    builder.AddNumberedPages(1);
+    builder.AddField({Kind::Text, "a", "", {}, {{0, {100, 700, 200, 680}}}})
+        .AddField({Kind::Text, "b", "", {}, {{0, {100, 650, 200, 630}}}});
+    FieldLayout total{Kind::Text, "total", "", {}, {{0, {100, 600, 200, 580}}}, true};
+    total.calculateScript = "AFSimple_Calculate(\"SUM\", new Array(\"a\", \"b\"));";
+    FieldLayout age{Kind::Text, "age", "", {}, {{0, {300, 700, 400, 680}}}};
+    age.validateScript = "if (event.value > 120) { app.alert(\"Nobody is that old\"); event.rc = false; }";
+    FieldLayout spin{Kind::Text, "spin", "", {}, {{0, {300, 650, 400, 630}}}, true};
+    spin.calculateScript = "while (true) {}";
+    FieldLayout guard{Kind::Text, "guard", "", {}, {{0, {300, 600, 400, 580}}}};
+    guard.validateScript = "for (;;) {}";
+    FieldLayout amount{Kind::Text, "amount", "", {}, {{0, {300, 550, 400, 530}}}};
+    amount.keystrokeScript = "AFNumber_Keystroke(2, 0, 0, 0, \"\", true);";
+    builder.AddField(total).AddField(age).AddField(spin).AddField(guard).AddField(amount).Save(path);
+
+    const int64_t id = Open(path);
+    std::atomic<int> calls{0};
+    service->SetCallbackOnFormChange(id, [&] { ++calls; });
+    const auto started = std::chrono::steady_clock::now();
+    Await(service->SetFieldValue(id, "a", "2"));
+    EXPECT_EQ(Field(Await(service->GetFormFields(id)), "total").value, "2");
+    Await(service->SetFieldValue(id, "b", "3.5"));
+    EXPECT_EQ(Field(Await(service->GetFormFields(id)), "total").value, "5.5");
+    EXPECT_EQ(calls.load(), 2);  // the total's change is part of each request
+
+    Await(service->SetFieldValue(id, "age", "40"));
+    try {
+        Await(service->SetFieldValue(id, "age", "400"));
+        ADD_FAILURE() << "the validation accepted 400";
+    } catch (const std::invalid_argument& e) {
+        EXPECT_NE(std::string(e.what()).find("Nobody is that old"), std::string::npos) << e.what();
+    }
+    EXPECT_EQ(Field(Await(service->GetFormFields(id)), "age").value, "40");
+    // The keystroke script takes numbers only.
+    Await(service->SetFieldValue(id, "amount", "12.50"));
+    auto letters = service->SetFieldValue(id, "amount", "twelve");
+    EXPECT_THROW(Await(std::move(letters)), std::invalid_argument);
+    EXPECT_EQ(Field(Await(service->GetFormFields(id)), "amount").value, "12.50");
+
+    // The looping scripts are not run: the values are taken as if they did nothing.
+    Await(service->SetFieldValue(id, "guard", "x"));
+    Await(service->SetFieldValue(id, "a", "10"));
+    const std::vector<FormField> fields = Await(service->GetFormFields(id));
+    EXPECT_EQ(Field(fields, "guard").value, "x");
+    EXPECT_EQ(Field(fields, "total").value, "13.5");
+    EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(10));
+}
+
+// Document-level scripts run before any field's, when scripts are turned on;
+// one that would never end keeps all the document's scripts off.
+TEST_F(FormService, DocumentLevelScriptsRunOnlyWhenTheyEnd) {
+    const struct {
+        const char* script;
+        const char* total;  // after a = 2
+    } rows[] = {{"var rate = 3;", "6"}, {"var rate = 3; while (true) {}", ""}};
+    for (const auto& row : rows) {
+        const auto path = temp.File("document-level.pdf");
+        PdfBuilder builder;
+        builder.AddNumberedPages(1).AddCatalogEntries(
+            std::string("/Names << /JavaScript << /Names [(init) << /S /JavaScript /JS (") + row.script +
+            ") >>] >> >>");
+        builder.AddField({Kind::Text, "a", "", {}, {{0, {100, 700, 200, 680}}}});
+        FieldLayout total{Kind::Text, "total", "", {}, {{0, {100, 600, 200, 580}}}, true};
+        total.calculateScript = "event.value = this.getField(\"a\").value * rate;";
+        builder.AddField(total).Save(path);
+        const int64_t id = Open(path);
+        Await(service->SetFieldValue(id, "a", "2"));
+        const std::vector<FormField> fields = Await(service->GetFormFields(id));
+        EXPECT_EQ(Field(fields, "a").value, "2") << row.script;
+        EXPECT_EQ(Field(fields, "total").value, row.total) << row.script;
+        Await(service->CloseDoument(id));
+    }
 }
 
 }  // namespace

@@ -609,8 +609,10 @@ std::string PdfBuilder::Build() const {
                 const bool button = field.kind == FieldLayout::Kind::CheckBox || field.kind == FieldLayout::Kind::Radio;
                 attrs += " /DV " + (button ? Name(field.defaultValue) : LiteralString(field.defaultValue));
             }
-            if (!field.validateScript.empty() || !field.calculateScript.empty()) {
+            if (!field.validateScript.empty() || !field.calculateScript.empty() || !field.keystrokeScript.empty()) {
                 attrs += " /AA <<";
+                if (!field.keystrokeScript.empty())
+                    attrs += " /K << /S /JavaScript /JS " + LiteralString(field.keystrokeScript) + " >>";
                 if (!field.validateScript.empty())
                     attrs += " /V << /S /JavaScript /JS " + LiteralString(field.validateScript) + " >>";
                 if (!field.calculateScript.empty())

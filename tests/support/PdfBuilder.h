@@ -128,7 +128,8 @@ struct FieldLayout {
     int maxLength = 0;        // /MaxLen when above 0
     std::string tooltip;      // /TU
     std::string defaultValue; // /DV when not empty
-    // JavaScript run on validation (/AA /V) and calculation (/AA /C).
+    // JavaScript run on keystrokes (/AA /K), validation (/AA /V) and calculation (/AA /C).
+    std::string keystrokeScript;
     std::string validateScript;
     std::string calculateScript;
 };

@@ -204,6 +204,21 @@ struct ImagesOptions {
     std::vector<std::string> images;
 };
 
+struct FieldsOptions {
+    std::string file;
+    bool json = false;
+};
+struct FillOptions {
+    std::string file;
+    std::vector<std::string> assignments;  // NAME=VALUE
+    std::string from;                      // values.json
+    Destination destination;
+};
+struct FlattenOptions {
+    std::string file;
+    Destination destination;
+};
+
 int RunInfo(Session& session, const InfoOptions& options, const std::string& password);
 int RunRender(Session& session, const RenderOptions& options, const std::string& password);
 int RunText(Session& session, const TextOptions& options, const std::string& password);
@@ -215,5 +230,8 @@ int RunDelete(Session& session, const PageEditOptions& options, const std::strin
 int RunMove(Session& session, const PageEditOptions& options, const std::string& password);
 int RunBlank(Session& session, const PageEditOptions& options, const std::string& password);
 int RunImagesToPdf(Session& session, const ImagesOptions& options);
+int RunFields(Session& session, const FieldsOptions& options, const std::string& password);
+int RunFill(Session& session, const FillOptions& options, const std::string& password);
+int RunFlatten(Session& session, const FlattenOptions& options, const std::string& password);
 
 }  // namespace QuirelleCli

@@ -220,6 +220,25 @@ int main(int argc, char** argv) {
     imagesCommand->add_option("IMAGE", images.images, ImageExtensions())->required();
     imagesCommand->add_option("--out", images.out, "the new file (required)");
 
+    FieldsOptions fields;
+    auto* fieldsCommand = app.add_subcommand("fields", "list the form's fields, one line per field: name, type, value, page");
+    fieldsCommand->add_option("FILE", fields.file, "PDF file")->required();
+    fieldsCommand->add_flag("--json", fields.json, "print one JSON object (what fill --from reads)");
+
+    FillOptions fill;
+    auto* fillCommand = app.add_subcommand(
+        "fill", "fill in form fields: check boxes take on/off, radio groups and lists one of their states or options");
+    fillCommand->add_option("FILE", fill.file, "PDF file")->required();
+    fillCommand->add_option("NAME=VALUE", fill.assignments, "field names as quirelle fields prints them");
+    fillCommand->add_option("--from", fill.from, "the values in the JSON that fields --json writes, edited");
+    AddDestination(fillCommand, fill.destination);
+
+    FlattenOptions flatten;
+    auto* flattenCommand =
+        app.add_subcommand("flatten", "turn the form's fields into page content that can no longer be changed");
+    flattenCommand->add_option("FILE", flatten.file, "PDF file")->required();
+    AddDestination(flattenCommand, flatten.destination);
+
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
@@ -255,6 +274,9 @@ int main(int argc, char** argv) {
         if (*highlightCommand) return RunHighlight(session, highlight, password);
         if (*annotateCommand) return RunAnnotate(session, annotate, password);
         if (*deleteAnnotationsCommand) return RunDeleteAnnotations(session, deleteAnnotations, password);
+        if (*fieldsCommand) return RunFields(session, fields, password);
+        if (*fillCommand) return RunFill(session, fill, password);
+        if (*flattenCommand) return RunFlatten(session, flatten, password);
     } catch (const UsageError& e) {
         std::cerr << "quirelle: " << e.what() << "\n";
         return 2;

@@ -16,12 +16,15 @@
 // is UTF-8; rectangles are in page space (PDF points, origin at the
 // bottom-left, y upward); pages are counted from 0.
 //
-// The document's scripts (validation, calculation) run only where the engine
-// can stop a script at the request's time budget; scripts reach neither the
-// file system, the network nor the application (alerts become the message
-// of a refused value; mail, printing and opening addresses do nothing). A
-// script that fails leaves the value as the field's own rules take it.
-// Without scripts, values are checked against the field's own rules alone.
+// The document's scripts (keystroke, validation, calculation) run as a
+// reader runs them, but only scripts that surely end soon: a script with a
+// loop, a function of its own, a regular expression or code built from
+// strings is not run (it counts as a script that did nothing, and is
+// logged), and when a document-level script is such a script, none of the
+// document's scripts run. Scripts reach neither the file system, the network
+// nor the application (alerts become the message of a refused value; mail,
+// printing and opening addresses do nothing). A script that fails leaves the
+// value as the field's own rules take it.
 //
 // Every change marks the document changed (no picture, tile or recorded page
 // made afterwards shows the old values) and, when a field's value changed,
