@@ -83,8 +83,8 @@ void CheckNesting(fz_context* ctx, NestingCheck* check, pdf_obj* value) {
 
 Nesting::Nesting(fz_context* ctx, pdf_document* doc, int maxDepth, bool refusePages)
     : heights_(size_t(std::max(guarded(ctx, [&] { return pdf_xref_len(ctx, doc); }), 1)), 0),
-      frames_(size_t(2 * maxDepth + 256)) {
-    check_ = NestingCheck{heights_.data(), int(heights_.size()), frames_.data(), int(frames_.size()), maxDepth,
+      frames_(new NestingFrame[size_t(2 * maxDepth + 256)]) {
+    check_ = NestingCheck{heights_.data(), int(heights_.size()), frames_.get(), 2 * maxDepth + 256, maxDepth,
                           refusePages ? 1 : 0};
 }
 
