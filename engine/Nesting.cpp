@@ -56,6 +56,8 @@ void CheckNesting(fz_context* ctx, NestingCheck* check, pdf_obj* value) {
             const int i = frame->next++;
             child = frame->isDict ? pdf_dict_get_val(ctx, frame->container, i) : pdf_array_get(ctx, frame->container, i);
         }
+        // The engine's own names, null and the booleans hold nothing.
+        if (child < PDF_LIMIT) continue;
         if (pdf_is_indirect(ctx, child)) {
             const int num = pdf_to_num(ctx, child);
             if (num <= 0 || num >= check->objects || check->heights[num] == -1) continue;
