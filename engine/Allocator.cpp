@@ -4,6 +4,7 @@
 
 #include <mupdf/fitz.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <cstdlib>
@@ -33,8 +34,18 @@ bool refusedByRequestNoted(size_t size) {
 
 // ---- allocator: counts what MuPDF holds and refuses to pass the limit ----
 
-// Each block carries its size in a header, aligned for any type.
+// Each block carries its size and the room it has in a header, aligned for
+// any type. The room is what is counted against the limit.
+struct BlockHeader {
+    size_t size;
+    size_t room;
+};
 constexpr size_t kHeader = alignof(std::max_align_t);
+static_assert(sizeof(BlockHeader) <= kHeader, "the header holds the size and the room");
+
+BlockHeader* headerOf(void* ptr) {
+    return reinterpret_cast<BlockHeader*>(static_cast<unsigned char*>(ptr) - kHeader);
+}
 
 bool reserve(size_t bytes) {
     // Optimistic: count first, give back if that passed the limit.
@@ -59,15 +70,22 @@ void* countedMalloc(void*, size_t size) {
         memoryInUse.fetch_sub(size, std::memory_order_relaxed);
         return refusedByLimit();
     }
-    *reinterpret_cast<size_t*>(block) = size;
+    *reinterpret_cast<BlockHeader*>(block) = BlockHeader{size, size};
     return block + kHeader;
 }
 
 void countedFree(void*, void* ptr) {
     if (ptr == nullptr) return;
-    auto* block = static_cast<unsigned char*>(ptr) - kHeader;
-    memoryInUse.fetch_sub(*reinterpret_cast<size_t*>(block), std::memory_order_relaxed);
-    std::free(block);
+    BlockHeader* header = headerOf(ptr);
+    memoryInUse.fetch_sub(header->room, std::memory_order_relaxed);
+    std::free(header);
+}
+
+// A block grown by a little at a time (the engine's object tables grow by one
+// entry per new object) gets room for the next growths: half its size again.
+size_t roomFor(size_t old, size_t size) {
+    if (size - old > old / 8 || old > (SIZE_MAX - kHeader) / 2) return size;
+    return std::max(size, old + old / 2);
 }
 
 void* countedRealloc(void* user, void* ptr, size_t size) {
@@ -76,18 +94,28 @@ void* countedRealloc(void* user, void* ptr, size_t size) {
         countedFree(user, ptr);
         return nullptr;
     }
-    auto* block = static_cast<unsigned char*>(ptr) - kHeader;
-    const size_t old = *reinterpret_cast<size_t*>(block);
+    BlockHeader* header = headerOf(ptr);
+    const size_t old = header->size;
+    const size_t room = header->room;
     if (size > SIZE_MAX - kHeader) return nullptr;
     if (size > old && refusedByRequestNoted(size)) return nullptr;
-    if (size > old && !reserve(size - old)) return refusedByLimit();
-    auto* grown = static_cast<unsigned char*>(std::realloc(block, size + kHeader));
+    // Growing within the room it has: nothing moves.
+    if (size >= old && size <= room) {
+        header->size = size;
+        return ptr;
+    }
+    size_t want = size > room ? roomFor(old, size) : size;
+    if (want > room && !reserve(want - room)) {
+        want = size;
+        if (want > room && !reserve(want - room)) return refusedByLimit();
+    }
+    auto* grown = static_cast<unsigned char*>(std::realloc(header, want + kHeader));
     if (grown == nullptr) {
-        if (size > old) memoryInUse.fetch_sub(size - old, std::memory_order_relaxed);
+        if (want > room) memoryInUse.fetch_sub(want - room, std::memory_order_relaxed);
         return refusedByLimit();
     }
-    if (size < old) memoryInUse.fetch_sub(old - size, std::memory_order_relaxed);
-    *reinterpret_cast<size_t*>(grown) = size;
+    if (want < room) memoryInUse.fetch_sub(room - want, std::memory_order_relaxed);
+    *reinterpret_cast<BlockHeader*>(grown) = BlockHeader{size, want};
     return grown + kHeader;
 }
 

@@ -86,7 +86,7 @@ int itemDestination(fz_context* ctx, Parts* p, pdf_obj* item, pdf_obj** dest, in
 void linkChildren(fz_context* ctx, pdf_obj* parent, pdf_obj* kids) {
     const int n = pdf_array_len(ctx, kids);
     for (int i = 0; i < n; ++i) {
-        pdf_obj* kid = pdf_array_get(ctx, kids, i);
+        pdf_obj* kid = pdf_resolve_indirect(ctx, pdf_array_get(ctx, kids, i));
         pdf_dict_put(ctx, kid, PDF_NAME(Parent), parent);
         if (i > 0) pdf_dict_put(ctx, kid, PDF_NAME(Prev), pdf_array_get(ctx, kids, i - 1));
         if (i + 1 < n) pdf_dict_put(ctx, kid, PDF_NAME(Next), pdf_array_get(ctx, kids, i + 1));
@@ -102,6 +102,23 @@ pdf_obj* copyOutlineLevel(fz_context* ctx, Parts* p, pdf_obj* first, int depth, 
 // The copy of one outline item (a new reference), or NULL when neither it
 // nor any item below it leads into the copied pages. An item kept only for
 // its children loses its destination.
+// The keys of an outline item that its copy does not take over as they are:
+// its links to other items are made anew, its destination is looked at.
+int isOutlineLink(fz_context* ctx, pdf_obj* key) {
+    pdf_obj* const skipped[] = {PDF_NAME(Parent), PDF_NAME(Prev),  PDF_NAME(Next), PDF_NAME(First),
+                                PDF_NAME(Last),   PDF_NAME(Count), PDF_NAME(Dest), PDF_NAME(A)};
+    // The names an item uses are the engine's own: compared as they are.
+    for (size_t k = 0; k < sizeof skipped / sizeof *skipped; ++k) {
+        if (key == skipped[k]) return 1;
+    }
+    if (key < PDF_LIMIT) return 0;
+    for (size_t k = 0; k < sizeof skipped / sizeof *skipped; ++k) {
+        if (pdf_name_eq(ctx, key, skipped[k])) return 1;
+    }
+    return 0;
+}
+
+// item: the source's outline item, resolved.
 pdf_obj* copyOutlineItem(fz_context* ctx, Parts* p, pdf_obj* item, int depth) {
     pdf_obj* kids = NULL;
     pdf_obj* dict = NULL;
@@ -119,15 +136,11 @@ pdf_obj* copyOutlineItem(fz_context* ctx, Parts* p, pdf_obj* item, int depth) {
         // deleted page) goes; a part keeps the items leading into it.
         const int self = p->whole ? !(hasDest && page < 0) : hasDest && page > 0;
         if (self || pdf_array_len(ctx, kids) > 0) {
-            pdf_obj* const skipped[] = {PDF_NAME(Parent), PDF_NAME(Prev),  PDF_NAME(Next), PDF_NAME(First),
-                                        PDF_NAME(Last),   PDF_NAME(Count), PDF_NAME(Dest), PDF_NAME(A)};
             const int n = pdf_dict_len(ctx, item);
             dict = pdf_new_dict(ctx, p->dst, n);
             for (int i = 0; i < n; ++i) {
                 pdf_obj* key = pdf_dict_get_key(ctx, item, i);
-                int skip = 0;
-                for (size_t k = 0; k < sizeof skipped / sizeof *skipped; ++k) skip |= pdf_name_eq(ctx, key, skipped[k]);
-                if (!skip) pdf_dict_put_drop(ctx, dict, key, graft(ctx, p, pdf_dict_get_val(ctx, item, i)));
+                if (!isOutlineLink(ctx, key)) pdf_dict_put_drop(ctx, dict, key, graft(ctx, p, pdf_dict_get_val(ctx, item, i)));
             }
             if (self && hasDest && !p->whole && dest != NULL) {
                 // The target does not know the source's names: explicit.
@@ -138,12 +151,12 @@ pdf_obj* copyOutlineItem(fz_context* ctx, Parts* p, pdf_obj* item, int depth) {
                 pdf_obj* a = pdf_dict_get(ctx, item, PDF_NAME(A));
                 if (a != NULL) pdf_dict_put_drop(ctx, dict, PDF_NAME(A), graft(ctx, p, a));
             }
-            ref = pdf_add_object(ctx, p->dst, dict);
-            linkChildren(ctx, ref, kids);
             if (pdf_array_len(ctx, kids) > 0) {
                 const int open = pdf_dict_get_int(ctx, item, PDF_NAME(Count)) > 0;
-                pdf_dict_put_int(ctx, ref, PDF_NAME(Count), open ? visible : -visible);
+                pdf_dict_put_int(ctx, dict, PDF_NAME(Count), open ? visible : -visible);
             }
+            ref = pdf_add_object(ctx, p->dst, dict);
+            linkChildren(ctx, ref, kids);
         }
     }
     fz_always(ctx) {
@@ -165,6 +178,8 @@ pdf_obj* copyOutlineLevel(fz_context* ctx, Parts* p, pdf_obj* first, int depth, 
     fz_try(ctx) {
         for (pdf_obj* item = first; pdf_is_dict(ctx, item) && markSeen(ctx, p, item);
              item = pdf_dict_get(ctx, item, PDF_NAME(Next))) {
+            // Resolved once: every look at the item below reads the dictionary.
+            item = pdf_resolve_indirect_chain(ctx, item);
             pdf_obj* copy = copyOutlineItem(ctx, p, item, depth);
             if (copy == NULL) continue;
             const int count = pdf_dict_get_int(ctx, copy, PDF_NAME(Count));

@@ -29,6 +29,8 @@ pdf_obj* graftReference(fz_context* ctx, GraftState* g, pdf_obj* ref) {
 }
 
 pdf_obj* graftDirect(fz_context* ctx, GraftState* g, pdf_obj* value, int depth) {
+    // The engine's own names, null and the booleans belong to no document.
+    if (value < PDF_LIMIT) return value;
     if (pdf_is_indirect(ctx, value)) return graftReference(ctx, g, value);
     if (depth > kMaxDirectDepth) fz_throw(ctx, FZ_ERROR_GENERIC, "objects nested too deep");
     if (pdf_is_dict(ctx, value)) {

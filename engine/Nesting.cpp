@@ -56,6 +56,8 @@ void CheckNesting(fz_context* ctx, NestingCheck* check, pdf_obj* value) {
             const int i = frame->next++;
             child = frame->isDict ? pdf_dict_get_val(ctx, frame->container, i) : pdf_array_get(ctx, frame->container, i);
         }
+        // The engine's own names, null and the booleans hold nothing.
+        if (child < PDF_LIMIT) continue;
         if (pdf_is_indirect(ctx, child)) {
             const int num = pdf_to_num(ctx, child);
             if (num <= 0 || num >= check->objects || check->heights[num] == -1) continue;
@@ -83,8 +85,8 @@ void CheckNesting(fz_context* ctx, NestingCheck* check, pdf_obj* value) {
 
 Nesting::Nesting(fz_context* ctx, pdf_document* doc, int maxDepth, bool refusePages)
     : heights_(size_t(std::max(guarded(ctx, [&] { return pdf_xref_len(ctx, doc); }), 1)), 0),
-      frames_(size_t(2 * maxDepth + 256)) {
-    check_ = NestingCheck{heights_.data(), int(heights_.size()), frames_.data(), int(frames_.size()), maxDepth,
+      frames_(new NestingFrame[size_t(2 * maxDepth + 256)]) {
+    check_ = NestingCheck{heights_.data(), int(heights_.size()), frames_.get(), 2 * maxDepth + 256, maxDepth,
                           refusePages ? 1 : 0};
 }
 

@@ -7,6 +7,7 @@
 
 #include <mupdf/pdf.h>
 
+#include <memory>
 #include <vector>
 
 namespace Orvane::PDF::Pdfium {
@@ -46,7 +47,9 @@ public:
 
 private:
     std::vector<int> heights_;
-    std::vector<NestingFrame> frames_;
+    // Room for the deepest walk, left uninitialised: a walk fills each frame
+    // as it enters it, and most walks use a few of them.
+    std::unique_ptr<NestingFrame[]> frames_;
     NestingCheck check_{};
 };
 

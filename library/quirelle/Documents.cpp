@@ -55,6 +55,9 @@ bool Quirelle::Impl::SaveDocument(const SaveDocumentTask& task) {
         return false;
     }
     QUIRELLE_LOG(INFO) << "Save document: " << document->GetDocumentPath();
+    // The document is the worker's alone while it is saved, and so is a copy
+    // made of it: no engine locks while no other thread holds a context.
+    const Pdfium::SoleUse sole;
     document->RemoveHiddenObjects();
     if (task.path.empty()) {
         document->Save(target, 0);
@@ -69,8 +72,6 @@ bool Quirelle::Impl::SaveDocument(const SaveDocumentTask& task) {
                             << "a copy without encryption needs the document opened with its owner password";
         return false;
     }
-    // The copy is the worker's alone, and so is the document: no engine locks.
-    const Pdfium::SoleUse sole;
     auto copy = std::make_shared<Pdfium::PdfDocument>(fontProvider);
     if (document->GetPageCount() > 0) {
         std::unique_ptr<IPageImporter> importer = Pdfium::CreatePageImporter();

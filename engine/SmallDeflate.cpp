@@ -1,0 +1,48 @@
+// MuPDF compresses each stream it writes uncompressed with zlib's compress(),
+// which sets up the full 32 KiB window and its tables (about 256 KiB, the
+// hash table cleared) for every stream: for the short content streams of a
+// typical page that setup is most of the work. The engine is linked through
+// this function (-Wl,--wrap=compress, see CMakeLists.txt): a short stream is
+// compressed with a window just large enough to reach back over all of it,
+// the same level and strategy; a long one goes to zlib's compress() as is.
+// Either way the result is an ordinary zlib stream.
+
+#include <zlib.h>
+
+#include <climits>
+
+namespace {
+
+// Inputs from this size on get the default window (32 KiB).
+constexpr uLong kShort = 16 * 1024;
+// zlib keeps this much of the window for look-ahead.
+constexpr uLong kLookAhead = 262;
+
+}  // namespace
+
+extern "C" {
+int __real_compress(Bytef* dest, uLongf* destLen, const Bytef* source, uLong sourceLen);
+
+// Visible: a shared library linked into the same program (an image codec)
+// may call compress() too, and the wrapping then names this function for it.
+__attribute__((visibility("default"))) int __wrap_compress(Bytef* dest, uLongf* destLen, const Bytef* source, uLong sourceLen) {
+    if (sourceLen >= kShort || *destLen > UINT_MAX) return __real_compress(dest, destLen, source, sourceLen);
+    int windowBits = 9;  // zlib's smallest window for a zlib stream
+    while (windowBits < MAX_WBITS && (uLong(1) << windowBits) < sourceLen + kLookAhead) ++windowBits;
+    // The hash table and the symbol buffer scale with the window, as zlib's
+    // defaults do (8 for a 32 KiB window).
+    const int memLevel = windowBits - 7;
+    z_stream stream{};
+    int err = deflateInit2(&stream, Z_DEFAULT_COMPRESSION, Z_DEFLATED, windowBits, memLevel, Z_DEFAULT_STRATEGY);
+    if (err != Z_OK) return err;
+    stream.next_in = const_cast<Bytef*>(source);
+    stream.avail_in = uInt(sourceLen);
+    stream.next_out = dest;
+    stream.avail_out = uInt(*destLen);
+    err = deflate(&stream, Z_FINISH);
+    *destLen = stream.total_out;
+    deflateEnd(&stream);
+    if (err == Z_STREAM_END) return Z_OK;
+    return err == Z_OK ? Z_BUF_ERROR : err;
+}
+}
