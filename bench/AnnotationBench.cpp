@@ -57,7 +57,7 @@ void HighlightSave(benchmark::State& st, bool rewrite, bool read) {
         if (rewrite) {
             struct stat before;
             ::stat(file.c_str(), &before);
-            const struct utimbuf later{before.st_atime, before.st_mtime + 10};
+            const struct utimbuf later { before.st_atime, before.st_mtime + 10 };
             ::utime(file.c_str(), &later);
         }
         st.ResumeTiming();
@@ -76,9 +76,12 @@ void List10000(benchmark::State& st) {
     QuirelleTest::PageLayout page;
     for (int i = 0; i < 10000; ++i) {
         const double x = 20 + (i % 100) * 5.5, y = 20 + (i / 100) * 7.5;
-        page.annotations.push_back({"Square", {x, y + 5, x + 5, y}, 4, std::nullopt,
-                                    "/Contents (Note " + std::to_string(i) +
-                                        ") /T (Reviewer) /C [1 0 0] /M (D:20240131120000Z)"});
+        page.annotations.push_back(
+            {"Square",
+             {x, y + 5, x + 5, y},
+             4,
+             std::nullopt,
+             "/Contents (Note " + std::to_string(i) + ") /T (Reviewer) /C [1 0 0] /M (D:20240131120000Z)"});
     }
     QuirelleTest::PdfBuilder().AddPage(page).Save(file);
     Quirelle service(nullptr);
@@ -91,8 +94,12 @@ void List10000(benchmark::State& st) {
     fs::remove(file);
 }
 
-BENCHMARK_CAPTURE(HighlightSave, append, false, false)->Name("Annotations/HighlightSave/append")->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(HighlightSave, rewrite, true, false)->Name("Annotations/HighlightSave/rewrite")->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(HighlightSave, append, false, false)
+    ->Name("Annotations/HighlightSave/append")
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(HighlightSave, rewrite, true, false)
+    ->Name("Annotations/HighlightSave/rewrite")
+    ->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(HighlightSave, appendRead, false, true)
     ->Name("Annotations/HighlightSave/append/pagesRead")
     ->Unit(benchmark::kMillisecond);

@@ -62,7 +62,8 @@ void check(const NewAnnotation& a) {
         }
     } else if (a.type == AnnotSquare || a.type == AnnotCircle || a.type == AnnotFreeText) {
         if (!usable(a.rect)) malformed("the rectangle is empty or not finite");
-        if (a.type == AnnotFreeText && !(a.fontSize > 0.0f && a.fontSize < 1000.0f)) malformed("font size out of range");
+        if (a.type == AnnotFreeText && !(a.fontSize > 0.0f && a.fontSize < 1000.0f))
+            malformed("font size out of range");
     } else if (a.type == AnnotLine) {
         if (!finite(a.from) || !finite(a.to)) malformed("a line end is not finite");
     } else {
@@ -162,8 +163,7 @@ int createAnnot(fz_context* ctx, pdf_page* page, const CreateSpec* s) {
         fz_try(ctx) {
             pdf_delete_annot(ctx, page, annot);
         }
-        fz_catch(ctx) {
-        }
+        fz_catch(ctx) {}
         pdf_drop_annot(ctx, annot);
         fz_throw(ctx, FZ_ERROR_GENERIC, "cannot make the annotation");
     }
@@ -241,7 +241,7 @@ void deleteAll(fz_context* ctx, pdf_page* page, const int64_t* ids, int count, p
             int place = -1;
             for (int j = 0, n = pdf_array_len(ctx, annots); j < n && place < 0; ++j)
                 if (pdf_resolve_indirect(ctx, pdf_array_get(ctx, annots, j)) == dicts[i]) place = j;
-            if (place < 0) continue;  /* a popup MuPDF removed with its parent */
+            if (place < 0) continue; /* a popup MuPDF removed with its parent */
             pdf_annot* annot = findAnnot(ctx, page, dicts[i]);
             if (annot)
                 pdf_delete_annot(ctx, page, annot);
@@ -310,7 +310,8 @@ int64_t CreateAnnotation(IDocument& document, unsigned page, const NewAnnotation
     Position at = a.at;
     if (a.inReplyTo != 0) {
         placeOrThrow(t, a.inReplyTo);
-        if (a.inReplyTo < 0) throw std::invalid_argument("annotation " + std::to_string(a.inReplyTo) + ": cannot be answered");
+        if (a.inReplyTo < 0)
+            throw std::invalid_argument("annotation " + std::to_string(a.inReplyTo) + ": cannot be answered");
         s.replyTo = int(a.inReplyTo);
         for (const Annotation& other : ListAnnotations(document, page))
             if (other.id == a.inReplyTo) at = {other.rect.left, other.rect.top};
@@ -319,7 +320,8 @@ int64_t CreateAnnotation(IDocument& document, unsigned page, const NewAnnotation
         s.markup = 1;
         for (const Rect& r : a.lines) {
             quads.push_back(fz_quad{toMuPdf(Position{r.left, r.top}, ctm), toMuPdf(Position{r.right, r.top}, ctm),
-                                    toMuPdf(Position{r.left, r.bottom}, ctm), toMuPdf(Position{r.right, r.bottom}, ctm)});
+                                    toMuPdf(Position{r.left, r.bottom}, ctm),
+                                    toMuPdf(Position{r.right, r.bottom}, ctm)});
         }
         s.quads = quads.data();
         s.quadCount = int(quads.size());

@@ -65,9 +65,8 @@ std::future<std::vector<Annotation>> Quirelle::GetAnnotations(const int64_t& id,
 }
 
 std::future<int64_t> Quirelle::CreateAnnotation(const int64_t& id, unsigned page, const NewAnnotation& annotation) {
-    return impl->EnqueueAnnotationWork<int64_t>(id, [page, annotation](IDocument& document) {
-        return Pdfium::CreateAnnotation(document, page, annotation);
-    });
+    return impl->EnqueueAnnotationWork<int64_t>(
+        id, [page, annotation](IDocument& document) { return Pdfium::CreateAnnotation(document, page, annotation); });
 }
 
 std::future<void> Quirelle::ChangeAnnotation(const int64_t& id, unsigned page, int64_t annotation,

@@ -21,15 +21,16 @@ std::vector<double> Sides(const Rect& r) {
 
 TEST_F(Annotations, EveryNumberedTypeIsReadWithTheValuesTheFileHolds) {
     const char* const subtypes[] = {
-        "Text",        "Link",      "FreeText",       "Line",     "Square",    "Circle",    "Polygon",
-        "PolyLine",    "Highlight", "Underline",      "Squiggly", "StrikeOut", "Stamp",     "Caret",
-        "Ink",         "Popup",     "FileAttachment", "Sound",    "Movie",     "Widget",    "Screen",
-        "PrinterMark", "TrapNet",   "Watermark",      "3D",       "RichMedia", "XFAWidget", "Redact",
-        "Unheard",
+        "Text",    "Link",      "FreeText",  "Line",        "Square",         "Circle",
+        "Polygon", "PolyLine",  "Highlight", "Underline",   "Squiggly",       "StrikeOut",
+        "Stamp",   "Caret",     "Ink",       "Popup",       "FileAttachment", "Sound",
+        "Movie",   "Widget",    "Screen",    "PrinterMark", "TrapNet",        "Watermark",
+        "3D",      "RichMedia", "XFAWidget", "Redact",      "Unheard",
     };
     PageLayout page;
     for (const char* subtype : subtypes)
-        page.annotations.push_back({subtype, {10, 30, 40, 20}, 4, std::nullopt, "/Contents (on " + std::string(subtype) + ")"});
+        page.annotations.push_back(
+            {subtype, {10, 30, 40, 20}, 4, std::nullopt, "/Contents (on " + std::string(subtype) + ")"});
     // One of each value the list reports, on the first.
     page.annotations[0].flags = 2 | 4 | 128;
     page.annotations[0].entries =

@@ -87,18 +87,36 @@ std::vector<Kind> Kinds() {
         {"underline", with(AnnotUnderline, [&](NewAnnotation& a) { a.lines = lines; })},
         {"squiggly", with(AnnotSquiggly, [&](NewAnnotation& a) { a.lines = lines; })},
         {"strike-out", with(AnnotStrikeOut, [&](NewAnnotation& a) { a.lines = lines, a.opacity = 0.5f; })},
-        {"note", with(AnnotText, [](NewAnnotation& a) { a.at = {300, 500}; })},
-        {"ink", with(AnnotInk, [](NewAnnotation& a) { a.strokes = {{{100, 300}, {150, 350}, {200, 300}}}; })},
-        {"square", with(AnnotSquare, [](NewAnnotation& a) {
-             a.rect = {100, 400, 200, 300}, a.hasColor = true, a.color = 0x0000FF, a.hasInteriorColor = true,
-             a.interiorColor = 0x00FF00;
-         })},
-        {"circle", with(AnnotCircle, [](NewAnnotation& a) { a.rect = {300, 400, 400, 300}, a.borderWidth = 3; })},
-        {"line", with(AnnotLine, [](NewAnnotation& a) { a.from = {100, 200}, a.to = {300, 250}; })},
-        {"arrow", with(AnnotLine, [](NewAnnotation& a) { a.from = {100, 200}, a.to = {300, 250}, a.arrow = true; })},
-        {"free text", with(AnnotFreeText, [](NewAnnotation& a) {
-             a.rect = {100, 600, 300, 560}, a.fontSize = 14, a.textColor = 0xFF0000, a.contents = "Read me";
-         })},
+        {"note", with(AnnotText,
+                      [](NewAnnotation& a) {
+                          a.at = {300, 500};
+                      })},
+        {"ink", with(AnnotInk,
+                     [](NewAnnotation& a) {
+                         a.strokes = {{{100, 300}, {150, 350}, {200, 300}}};
+                     })},
+        {"square", with(AnnotSquare,
+                        [](NewAnnotation& a) {
+                            a.rect = {100, 400, 200, 300}, a.hasColor = true, a.color = 0x0000FF,
+                            a.hasInteriorColor = true, a.interiorColor = 0x00FF00;
+                        })},
+        {"circle", with(AnnotCircle,
+                        [](NewAnnotation& a) {
+                            a.rect = {300, 400, 400, 300}, a.borderWidth = 3;
+                        })},
+        {"line", with(AnnotLine,
+                      [](NewAnnotation& a) {
+                          a.from = {100, 200}, a.to = {300, 250};
+                      })},
+        {"arrow", with(AnnotLine,
+                       [](NewAnnotation& a) {
+                           a.from = {100, 200}, a.to = {300, 250}, a.arrow = true;
+                       })},
+        {"free text",
+         with(AnnotFreeText,
+              [](NewAnnotation& a) {
+                  a.rect = {100, 600, 300, 560}, a.fontSize = 14, a.textColor = 0xFF0000, a.contents = "Read me";
+              })},
     };
 }
 

@@ -5,8 +5,6 @@
 
 #include "Annotate.h"
 
-#include <nlohmann/json.hpp>
-
 #include <strings.h>
 
 #include <algorithm>
@@ -14,6 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
+#include <nlohmann/json.hpp>
 #include <sstream>
 
 #include "Reading.h"
@@ -93,10 +92,14 @@ std::string Count(size_t n, const char* one, const char* many) {
 std::string OneLine(const std::string& text) {
     std::string out;
     for (char c : text) {
-        if (c == '\n') out += "\\n";
-        else if (c == '\r') out += "\\r";
-        else if (c == '\t') out += "\\t";
-        else out += c;
+        if (c == '\n')
+            out += "\\n";
+        else if (c == '\r')
+            out += "\\r";
+        else if (c == '\t')
+            out += "\\t";
+        else
+            out += c;
     }
     return out;
 }
@@ -106,8 +109,7 @@ std::string OneLine(const std::string& text) {
 int RunAnnotations(Session& session, const AnnotationsOptions& options, const std::string& password) {
     Quirelle& service = session.Service();
     const int64 id = session.Open(options.file, password);
-    const std::vector<unsigned> pages =
-        ParsePageSet(PagesByLabel(session, id, options.pages), session.PageCount(id));
+    const std::vector<unsigned> pages = ParsePageSet(PagesByLabel(session, id, options.pages), session.PageCount(id));
     json all = json::array();
     for (unsigned page : pages) {
         for (const Annotation& a : service.GetAnnotations(id, page).get()) {
@@ -115,16 +117,21 @@ int RunAnnotations(Session& session, const AnnotationsOptions& options, const st
             if (!options.json) {
                 char box[128];
                 std::snprintf(box, sizeof box, "%g %g %g %g", r.left, r.bottom, r.right, r.top);
-                std::cout << page + 1 << "\t" << a.id << "\t" << TypeName(a) << "\t" << box << "\t"
-                          << OneLine(a.author) << "\t" << OneLine(a.contents) << "\n";
+                std::cout << page + 1 << "\t" << a.id << "\t" << TypeName(a) << "\t" << box << "\t" << OneLine(a.author)
+                          << "\t" << OneLine(a.contents) << "\n";
                 continue;
             }
-            json item = {{"page", page + 1},       {"id", a.id},
-                         {"type", TypeName(a)},    {"rect", {r.left, r.bottom, r.right, r.top}},
-                         {"author", a.author},     {"contents", a.contents},
-                         {"subject", a.subject},   {"modified", a.modified.raw},
+            json item = {{"page", page + 1},
+                         {"id", a.id},
+                         {"type", TypeName(a)},
+                         {"rect", {r.left, r.bottom, r.right, r.top}},
+                         {"author", a.author},
+                         {"contents", a.contents},
+                         {"subject", a.subject},
+                         {"modified", a.modified.raw},
                          {"color", a.hasColor ? json(Colour(a.color)) : json(nullptr)},
-                         {"opacity", a.opacity},   {"hidden", a.hidden},
+                         {"opacity", a.opacity},
+                         {"hidden", a.hidden},
                          {"inReplyTo", a.inReplyTo ? json(a.inReplyTo) : json(nullptr)}};
             all.push_back(item);
         }
@@ -227,8 +234,8 @@ int RunAnnotate(Session& session, const AnnotateOptions& options, const std::str
         throw UsageError(e.what());
     }
     session.Save(id, options.destination);
-    std::cout << Where(options.file, options.destination) << ": " << kind << " added to page " << page[0] + 1
-              << " (id " << made << ")\n";
+    std::cout << Where(options.file, options.destination) << ": " << kind << " added to page " << page[0] + 1 << " (id "
+              << made << ")\n";
     return 0;
 }
 
@@ -242,13 +249,14 @@ int RunDeleteAnnotations(Session& session, const DeleteAnnotationsOptions& optio
         } else {
             for (int t = 1; t <= 28 && type < 0; ++t) {
                 static const char* const names[] = {
-                    "Text",      "Link",        "FreeText",  "Line",           "Square", "Circle",    "Polygon",
-                    "PolyLine",  "Highlight",   "Underline", "Squiggly",       "StrikeOut", "Stamp", "Caret",
-                    "Ink",       "Popup",       "FileAttachment", "Sound",     "Movie",  "Widget",    "Screen",
-                    "PrinterMark", "TrapNet",   "Watermark", "3D",             "RichMedia", "XFAWidget", "Redact"};
+                    "Text",        "Link",      "FreeText",       "Line",     "Square",    "Circle",    "Polygon",
+                    "PolyLine",    "Highlight", "Underline",      "Squiggly", "StrikeOut", "Stamp",     "Caret",
+                    "Ink",         "Popup",     "FileAttachment", "Sound",    "Movie",     "Widget",    "Screen",
+                    "PrinterMark", "TrapNet",   "Watermark",      "3D",       "RichMedia", "XFAWidget", "Redact"};
                 if (strcasecmp(names[t - 1], options.type.c_str()) == 0) type = t;
             }
-            if (type < 0) throw UsageError("--type " + options.type + ": not an annotation type (Highlight, Ink, 15...)");
+            if (type < 0)
+                throw UsageError("--type " + options.type + ": not an annotation type (Highlight, Ink, 15...)");
         }
     }
     Quirelle& service = session.Service();

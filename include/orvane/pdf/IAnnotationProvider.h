@@ -91,9 +91,9 @@ struct Annotation {
     std::vector<Position> linePoints;  // a line's two ends
     std::string lineStart;             // line ending names ("OpenArrow"); empty when none is set
     std::string lineEnd;
-    std::string icon;          // the icon of a note, stamp or attachment
-    float fontSize = 0.0f;     // free text: from its default appearance, 0 when not given
-    uint32_t textColor = 0;    // free text: the colour of its text
+    std::string icon;        // the icon of a note, stamp or attachment
+    float fontSize = 0.0f;   // free text: from its default appearance, 0 when not given
+    uint32_t textColor = 0;  // free text: the colour of its text
     bool hidden = false;
     bool printable = false;
     bool locked = false;
@@ -121,12 +121,12 @@ struct NewAnnotation {
     uint32_t color = 0;
     bool hasInteriorColor = false;  // square and circle fill
     uint32_t interiorColor = 0;
-    float opacity = 1.0f;     // 0 to 1
-    float borderWidth = 0.0f; // 0: the kind's usual width
+    float opacity = 1.0f;      // 0 to 1
+    float borderWidth = 0.0f;  // 0: the kind's usual width
     std::string author;
     std::string contents;
-    float fontSize = 12.0f;    // free text
-    uint32_t textColor = 0;    // free text
+    float fontSize = 12.0f;  // free text
+    uint32_t textColor = 0;  // free text
 };
 
 // What ChangeAnnotation changes: the fields that are set.
