@@ -44,7 +44,7 @@ int hiddenAnnotations(fz_context* ctx, pdf_obj* page, int drop, const int* kept,
         pdf_obj* subtype = pdf_dict_get(ctx, annot, PDF_NAME(Subtype));
         if (pdf_name_eq(ctx, subtype, PDF_NAME(Widget)) || pdf_name_eq(ctx, subtype, PDF_NAME(Popup))) continue;
         const int num = pdf_to_num(ctx, pdf_array_get(ctx, annots, i));
-        if (num > 0 && bsearch(&num, kept, keptCount, sizeof num, compareInts)) continue;
+        if (num > 0 && keptCount > 0 && bsearch(&num, kept, keptCount, sizeof num, compareInts)) continue;
         if (neverVisible(pdf_dict_get_int(ctx, annot, PDF_NAME(F)))) {
             if (drop) pdf_array_delete(ctx, annots, i);
             ++found;
