@@ -69,7 +69,7 @@ void ExpectSame(const Annotation& a, const Annotation& b) {
 
 struct Kind {
     const char* name;
-    NewAnnotation spec;
+    NewAnnotation request;
 };
 
 std::vector<Kind> Kinds() {
@@ -127,19 +127,19 @@ TEST_F(AnnotationService, EachKindIsDrawnWhereItLiesSavedAsAnUpdateAndReadBack) 
         const std::string original = ReadFile(path);
         int64_t doc = Open(path);
         const QImage before = Picture(doc);  // recorded before the change: must not be drawn again
-        const int64_t id = Await(service->CreateAnnotation(doc, 0, kind.spec));
+        const int64_t id = Await(service->CreateAnnotation(doc, 0, kind.request));
         const std::vector<Annotation> made = Listed(doc);
         ASSERT_EQ(made.size(), 1u);
         const Annotation& a = made[0];
         EXPECT_EQ(a.id, id);
-        EXPECT_EQ(a.type, kind.spec.type);
+        EXPECT_EQ(a.type, kind.request.type);
         EXPECT_EQ(a.author, "Ann");
-        EXPECT_EQ(a.contents, kind.spec.contents);
-        EXPECT_FLOAT_EQ(a.opacity, kind.spec.opacity);
+        EXPECT_EQ(a.contents, kind.request.contents);
+        EXPECT_FLOAT_EQ(a.opacity, kind.request.opacity);
         EXPECT_TRUE(a.printable);
         EXPECT_TRUE(a.modified.valid);
-        if (kind.spec.hasColor) {
-            EXPECT_EQ(a.color, kind.spec.color);
+        if (kind.request.hasColor) {
+            EXPECT_EQ(a.color, kind.request.color);
         }
 
         const Rect changed = Changed(before, Picture(doc));
@@ -164,7 +164,7 @@ TEST_F(AnnotationService, TheSpecialisedValuesOfEachKindAreWrittenInPageSpace) {
     std::map<std::string, Annotation> listed;
     const int64_t doc = OpenNumbered(1);
     for (const Kind& kind : Kinds()) {
-        const int64_t id = Await(service->CreateAnnotation(doc, 0, kind.spec));
+        const int64_t id = Await(service->CreateAnnotation(doc, 0, kind.request));
         for (const Annotation& a : List(doc))
             if (a.id == id) listed[kind.name] = a;
     }
