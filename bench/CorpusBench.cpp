@@ -238,13 +238,6 @@ void RenderDocument(benchmark::State& st, size_t index, int dpiIndex) {
     if (failed) st.counters["null_pictures"] = failed;
 }
 
-double Median(std::vector<double> values) {
-    if (values.empty()) return 0;
-    std::sort(values.begin(), values.end());
-    const size_t mid = values.size() / 2;
-    return values.size() % 2 ? values[mid] : (values[mid - 1] + values[mid]) / 2;
-}
-
 void OpenFirstPage(benchmark::State& st) {
     if (state == nullptr || !state->failure.empty()) {
         st.SkipWithError(state ? state->failure.c_str() : "no corpus");

@@ -20,10 +20,6 @@ namespace {
 
 using namespace Orvane::PDF;
 
-double Fastest(const std::vector<double>& v) {
-    return *std::min_element(v.begin(), v.end());
-}
-
 std::string FormFile() {
     static const std::string path = [] {
         QuirelleTest::PdfBuilder builder;

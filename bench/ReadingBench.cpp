@@ -23,10 +23,6 @@ namespace {
 
 using namespace Orvane::PDF;
 
-double Fastest(const std::vector<double>& v) {
-    return *std::min_element(v.begin(), v.end());
-}
-
 void Tile3200(benchmark::State& st) {
     if (!Ready(st)) return;
     Quirelle& service = Service();

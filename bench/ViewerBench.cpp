@@ -348,11 +348,6 @@ void Import(benchmark::State& st) {
     }
 }
 
-double Median(std::vector<double> values) {
-    std::sort(values.begin(), values.end());
-    return values.empty() ? 0 : values[values.size() / 2];
-}
-
 // One save takes some tens of milliseconds, which the other processes of a
 // shared machine easily double: the median of several of each.
 void SaveAsOutlined(benchmark::State& st) {

@@ -74,5 +74,7 @@ double DifferingShare(const QImage& a, const unsigned char* bits, int stride);
 // The fastest repetition: on a shared machine the least disturbed one. Added
 // to the timed benchmarks as the statistic "min" next to mean, median and stddev.
 double Fastest(const std::vector<double>& values);
+// The middle repetition (the mean of the two middle ones for an even count).
+double Median(std::vector<double> values);
 
 }  // namespace QuirelleBench

@@ -3,12 +3,10 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
-#include <cstdlib>
 #include <nlohmann/json.hpp>
 
-#include "tests/support/PdfBuilder.h"
+#include "tests/cli/CliRun.h"
 
 namespace QuirelleTest {
 namespace {
@@ -16,21 +14,13 @@ namespace {
 using ::testing::HasSubstr;
 using json = nlohmann::json;
 
-struct Output {
-    int status = -1;
-    std::string out, err;
-};
+using Output = CliResult;
 
 class AnnotationCli : public ::testing::Test {
 protected:
     void SetUp() override { PdfBuilder().AddNumberedPages(3).Save(temp.File("doc.pdf")); }
 
-    Output Run(const std::string& args) {
-        const std::string command =
-            "cd '" + temp.Path().string() + "' && '" QUIRELLE_CLI "' " + args + " >out.txt 2>err.txt";
-        const int raw = std::system(command.c_str());
-        return {WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, ReadFile(temp.File("out.txt")), ReadFile(temp.File("err.txt"))};
-    }
+    Output Run(const std::string& args) { return RunCli(temp.Path(), args); }
 
     TempDir temp;
 };

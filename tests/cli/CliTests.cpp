@@ -7,7 +7,6 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include <QImage>
 #include <csignal>
@@ -18,6 +17,7 @@
 
 #include <Quirelle>
 
+#include "tests/cli/CliRun.h"
 #include "tests/support/DamagedPdf.h"
 #include "tests/support/PdfBuilder.h"
 
@@ -28,10 +28,7 @@ using ::testing::HasSubstr;
 using json = nlohmann::json;
 namespace fs = std::filesystem;
 
-struct Result {
-    int status = -1;
-    std::string out, err;
-};
+using Result = CliResult;
 
 struct Row {
     std::string args;
@@ -100,12 +97,7 @@ protected:
     }
     static void TearDownTestSuite() { delete dir; }
 
-    static Result Run(const std::string& args) {
-        const std::string command =
-            "cd '" + dir->Path().string() + "' && '" QUIRELLE_CLI "' " + args + " >out.txt 2>err.txt";
-        const int raw = std::system(command.c_str());
-        return {WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, ReadFile(dir->File("out.txt")), ReadFile(dir->File("err.txt"))};
-    }
+    static Result Run(const std::string& args) { return RunCli(dir->Path(), args); }
 
     static void RunAll(const std::vector<Row>& rows) {
         for (const Row& row : rows) {
