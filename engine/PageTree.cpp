@@ -253,7 +253,7 @@ void InsertPages(fz_context* ctx, pdf_document* doc, int at, const std::vector<p
     });
 }
 
-void RemovePage(fz_context* ctx, pdf_document* doc, int index) {
+int RemovePage(fz_context* ctx, pdf_document* doc, int index) {
     const int count = PageCount(ctx, doc);
     if (index < 0 || index >= count) {
         throw std::out_of_range("no page " + std::to_string(index) + " in a document of " + std::to_string(count) +
@@ -261,9 +261,12 @@ void RemovePage(fz_context* ctx, pdf_document* doc, int index) {
     }
     const Place place = locate(ctx, doc, index);
     const std::vector<pdf_obj*> chain = parentChain(ctx, doc, place.parent);
-    guarded(ctx, [&] {
-        pdf_array_delete(ctx, pdf_dict_get(ctx, place.parent, PDF_NAME(Kids)), place.index);
+    return guarded(ctx, [&] {
+        pdf_obj* kids = pdf_dict_get(ctx, place.parent, PDF_NAME(Kids));
+        const int page = pdf_to_num(ctx, pdf_array_get(ctx, kids, place.index));
+        pdf_array_delete(ctx, kids, place.index);
         adjustCounts(ctx, chain.data(), chain.size(), -1);
+        return page;
     });
 }
 

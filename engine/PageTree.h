@@ -98,7 +98,7 @@ pdf_obj* PageObject(fz_context* ctx, pdf_document* doc, const PageTree& tree, in
 void InsertPages(fz_context* ctx, pdf_document* doc, int at, const std::vector<pdf_obj*>& pages);
 
 // Removes page `index` from the tree (std::out_of_range past the last page),
-// with the same check.
-void RemovePage(fz_context* ctx, pdf_document* doc, int index);
+// with the same check. Returns the page's object number (0 for a direct one).
+int RemovePage(fz_context* ctx, pdf_document* doc, int index);
 
 }  // namespace Orvane::PDF::Pdfium

@@ -22,6 +22,7 @@
 #include "engine/Handles.h"
 #include "engine/Nesting.h"
 #include "engine/PageTree.h"
+#include "engine/RemovedPages.h"
 #include "orvane/Exception.h"
 
 namespace Orvane::PDF::Pdfium {
@@ -246,8 +247,15 @@ void PdfDocument::DeletePage(unsigned index) {
         throw std::out_of_range("no page " + std::to_string(index) + " in a document of " + std::to_string(count) +
                                 " pages");
     }
-    RemovePage(ctx, doc, int(index));
+    const int page = RemovePage(ctx, doc, int(index));
     RefreshPageCount();
+    // The outline and the form let go of the page too. A page listed more
+    // than once in the tree is one object per listing since it was opened.
+    try {
+        ForgetRemovedPage(ctx, doc, page);
+    } catch (const std::exception& e) {
+        LOG(WARNING) << "page " << index << " deleted; its outline entries and widgets stay: " << e.what();
+    }
 }
 
 }  // namespace Orvane::PDF::Pdfium
