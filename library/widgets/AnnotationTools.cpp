@@ -130,6 +130,12 @@ const std::vector<Annotation>& AnnotationTools::Listed(int page) const {
 void AnnotationTools::Ask(int page) {
     const int64_t doc = view_.Document();
     if (page < 0 || doc < 0) return;
+    if (doc != doc_) {  // another document: nothing listed of it yet
+        listed_.clear();
+        asked_.clear();
+        ++generation_;
+        doc_ = doc;
+    }
     auto asked = asked_.find(page);
     if (asked != asked_.end() && asked->second == generation_) return;
     asked_[page] = generation_;
@@ -170,11 +176,16 @@ void AnnotationTools::Ask(int page) {
 void AnnotationTools::Refresh() {
     ++generation_;
     asked_.clear();
-    std::vector<int> pages;
-    for (const auto& listed : listed_) pages.push_back(listed.first);
     if (selected_) toSelect_ = std::make_pair(selectedPage_, selected_->id);
-    for (int page : pages) Ask(page);
-    Ask(view_.CurrentPage());
+    // The pages in view are asked again as their pictures come back; the
+    // current page and the pick's at once.
+    const int current = view_.CurrentPage();
+    if (doc_ != view_.Document()) listed_.clear();
+    doc_ = view_.Document();
+    for (auto it = listed_.begin(); it != listed_.end();)
+        it = it->first == current || it->first == selectedPage_ ? std::next(it) : listed_.erase(it);
+    Ask(current);
+    if (selectedPage_ != current) Ask(selectedPage_);
 }
 
 void AnnotationTools::Select(int page, int64_t id) {

@@ -98,6 +98,7 @@ private:
     Overlay* overlay_;
     Tool tool_ = Tool::Select;
     bool enabled_ = true;
+    int64_t doc_ = -1;  // whose lists listed_ holds
     std::map<int, std::vector<Annotation>> listed_;
     std::map<int, uint64_t> asked_;  // page: generation of the list asked for it
     uint64_t generation_ = 0;

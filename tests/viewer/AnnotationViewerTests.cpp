@@ -147,7 +147,8 @@ TEST_F(AnnotationViewerTest, HighlightsADraggedSelectionListsItAndUndoes) {
 }
 
 // Ink follows the mouse in page space; the stroke is drawn near its path only.
-// Picked and dragged it moves; Delete removes it and undo brings it back.
+// Picked and dragged it moves, by a handle it grows; Delete removes it and undo
+// brings it back.
 TEST_F(AnnotationViewerTest, DrawsInkWithTheMouseMovesAndDeletesIt) {
     Open(QuirelleTest::SamplesDir() / "sample.pdf");
     QuirelleView& view = window.View();
@@ -177,16 +178,29 @@ TEST_F(AnnotationViewerTest, DrawsInkWithTheMouseMovesAndDeletesIt) {
     ASSERT_EQ(listed.size(), 1u);
     EXPECT_NEAR(listed[0].rect.left, was.left - 20, 1.5);
     EXPECT_NEAR(listed[0].rect.top, was.top - 40, 1.5);
+    // Its bottom-right handle dragged: the opposite corner stays.
+    const Rect moved = listed[0].rect;
+    AnnotationTools& tools = window.Annotations()->Tools();
+    ASSERT_TRUE(
+        QTest::qWaitFor([&] { return tools.Selected() && tools.Selected()->rect.left == moved.left; }, kTimeout));
+    Edit([&] { Drag({{moved.right, moved.bottom}, {moved.right + 20, moved.bottom - 10}}); });
+    listed = Listed();
+    EXPECT_NEAR(listed.at(0).rect.left, moved.left, 1.5);
+    EXPECT_NEAR(listed.at(0).rect.top, moved.top, 1.5);
+    EXPECT_NEAR(listed.at(0).rect.right, moved.right + 20, 1.5);
+    EXPECT_NEAR(listed.at(0).rect.bottom, moved.bottom - 10, 1.5);
     Edit([&] { QTest::keyClick(&view, Qt::Key_Delete); });
     EXPECT_TRUE(Listed().empty());
     Edit([&] { window.Undo(); });
     listed = Listed();
     ASSERT_EQ(listed.size(), 1u);
     EXPECT_EQ(listed[0].type, AnnotInk);
-    EXPECT_NEAR(listed[0].rect.left, was.left - 20, 1.5);
-    // Undo of the move finds the annotation under the id it was made again with.
+    EXPECT_NEAR(listed[0].rect.right, moved.right + 20, 1.5);
+    // Undo of the resize and the move finds the annotation under the id it was made again with.
+    Edit([&] { window.Undo(); });
     Edit([&] { window.Undo(); });
     EXPECT_NEAR(Listed().at(0).rect.left, was.left, 1.5);
+    EXPECT_NEAR(Listed().at(0).rect.right, was.right, 1.5);
 }
 
 // A document whose permissions forbid annotating: tools and commands off,

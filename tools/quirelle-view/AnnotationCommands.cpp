@@ -261,6 +261,12 @@ std::future<void> AnnotationCommands::Make(int64_t doc, int page, const NewAnnot
 void AnnotationCommands::Create(int page, NewAnnotation annotation) {
     if (doc_ < 0 || !refusal_.isEmpty()) return;
     if (annotation.author.empty()) annotation.author = author_.toStdString();
+    if (annotation.type == AnnotText && annotation.contents.empty()) {
+        // A note is its text: none, no note.
+        QString text;
+        if (!textPrompt(text) || text.isEmpty()) return tools_->SetTool(AnnotationTools::Tool::Select);
+        annotation.contents = text.toStdString();
+    }
     const int64_t doc = doc_;
     auto slot = std::make_shared<int64_t>(0);
     slots_.push_back(slot);

@@ -489,11 +489,11 @@ void ViewerWindow::Finish(const QString& what, const QString& error, const QVect
         done_.clear();
         undone_.clear();
     }
-    if (annotations_ != nullptr) annotations_->Changed();
     if (pagesKept) {
         // The same pages, drawn again: the view keeps its place, selection and matches.
         view_->Redraw();
         thumbnails_->Reload();
+        annotations_->Changed();
         if (!land.isEmpty() && !land.contains(view_->CurrentPage())) view_->GoToPage(land.first());
         UpdateTitle();
         UpdateActions();
@@ -505,6 +505,7 @@ void ViewerWindow::Finish(const QString& what, const QString& error, const QVect
     view_->Reload();
     thumbnails_->Reload();
     if (outline_ != nullptr) outline_->Reload();
+    if (annotations_ != nullptr) annotations_->Changed();
     LoadLabels();
     // The edited pages stay under the user's eyes: selected in the strip when
     // the edit came from there, else shown in the view.
