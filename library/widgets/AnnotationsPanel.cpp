@@ -56,6 +56,29 @@ void AnnotationsPanel::AskPage(uint64_t generation, int page, int pages, std::sh
               });
 }
 
+void AnnotationsPanel::ReloadPage(int page) {
+    if (doc_ < 0 || page < 0) return;
+    const uint64_t generation = generation_;  // a whole list asked meanwhile replaces this one
+    WhenReady(this, service_.GetAnnotations(doc_, static_cast<unsigned>(page)),
+              [this, generation, page](std::future<std::vector<Annotation>>& answer) {
+                  if (generation != generation_) return;
+                  std::vector<Annotation> now;
+                  try {
+                      now = answer.get();
+                  } catch (const std::exception&) {
+                      return;  // closed meanwhile
+                  }
+                  std::vector<Entry> entries;
+                  auto it = entries_.begin();
+                  for (; it != entries_.end() && it->page < page; ++it) entries.push_back(std::move(*it));
+                  for (Annotation& annotation : now)
+                      if (Listed(annotation.type)) entries.push_back({page, std::move(annotation)});
+                  for (; it != entries_.end(); ++it)
+                      if (it->page > page) entries.push_back(std::move(*it));
+                  Fill(std::move(entries));
+              });
+}
+
 void AnnotationsPanel::Fill(std::vector<Entry> entries) {
     clear();
     entries_ = std::move(entries);

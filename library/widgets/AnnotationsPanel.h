@@ -24,6 +24,8 @@ public:
     void SetDocument(int64_t id, int pages);
     // Lists again after a change; the old list shows until the new one is whole.
     void Reload(int pages) { SetDocument(doc_, pages); }
+    // Lists one page again, after a change of its annotations.
+    void ReloadPage(int page);
     int64_t Document() const { return doc_; }
     // The entries listed, page by page.
     struct Entry {

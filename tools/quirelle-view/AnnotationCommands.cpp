@@ -214,8 +214,9 @@ void AnnotationCommands::SetDocument(int64_t id) {
     if (!refusal_.isEmpty() && id >= 0) emit Message(refusal_);
 }
 
-void AnnotationCommands::Changed() {
+void AnnotationCommands::Changed(int page) {
     tools_->Refresh();
+    if (page >= 0) return panel_->ReloadPage(page);
     panel_->Reload(view_.PageCount());
 }
 

@@ -50,8 +50,9 @@ public:
     AnnotationsPanel& Panel() const { return *panel_; }
     // A document shown (-1: none): its permissions, its list.
     void SetDocument(int64_t id);
-    // After any edit of the document: the lists again.
-    void Changed();
+    // After any edit of the document: the lists again (of one page when the
+    // edit changed only its annotations).
+    void Changed(int page = -1);
     // Why the document may not be annotated; empty when it may.
     const QString& Refusal() const { return refusal_; }
     QAction* Action(const QString& name) const;  // by object name ("highlight", "delete", "tool-ink", ...)

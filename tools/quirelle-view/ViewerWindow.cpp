@@ -493,7 +493,7 @@ void ViewerWindow::Finish(const QString& what, const QString& error, const QVect
         // The same pages, drawn again: the view keeps its place, selection and matches.
         view_->Redraw();
         thumbnails_->Reload();
-        annotations_->Changed();
+        annotations_->Changed(land.isEmpty() ? -1 : land.first());
         if (!land.isEmpty() && !land.contains(view_->CurrentPage())) view_->GoToPage(land.first());
         UpdateTitle();
         UpdateActions();

@@ -4,7 +4,9 @@
 // outline, one tab each), the page view and the find bar over one document
 // of a service, with the file, edit, view and page menus. With a service
 // that answers reading queries (IReadingProvider) it shows the outline,
-// page labels, the document's properties and selects text.
+// page labels, the document's properties and selects text; with one that
+// makes annotations (IAnnotationProvider), an Annotate menu and an
+// annotations tab (AnnotationCommands), whose edits share the undo history.
 // Every service call returns at once; answers come back through WhenReady.
 //
 // Page commands act on the thumbnails' selection while the strip has the
