@@ -96,6 +96,15 @@ void PageSource::Reload() {
     ScheduleLayoutChanged();
 }
 
+void PageSource::Redraw() {
+    for (int page : pending_) {
+        service_.CancelAsyncTasks(doc_, static_cast<unsigned>(page), viewType_);
+        pages_[static_cast<size_t>(page)].pending = QSize();
+    }
+    pending_.clear();
+    for (Page& page : pages_) page.stale = true;
+}
+
 void PageSource::AskSizes() {
     for (int page = 0; page < Count(); ++page) service_.GetPageInfoAsync(doc_, static_cast<unsigned>(page), viewType_);
 }
@@ -120,9 +129,11 @@ void PageSource::Want(const std::map<int, QSize>& wanted, int keepFirst, int kee
         QSize size = wantedSize;
         const qint64 pixels = qint64(size.width()) * size.height();
         if (pixels > kMaxPixels) size = (QSizeF(size) * std::sqrt(double(kMaxPixels) / double(pixels))).toSize();
-        if (!page.known || page.failed || size.isEmpty() || page.image.size() == size || page.pending == size) continue;
+        if (!page.known || page.failed || size.isEmpty() || page.pending == size) continue;
+        if (page.image.size() == size && !page.stale) continue;
         service_.GeneratePageImageAsync(doc_, static_cast<unsigned>(index), size.width(), size.height(), viewType_);
         page.pending = size;
+        page.stale = false;
         pending_.insert(index);
     }
 }

@@ -158,6 +158,13 @@ void QuirelleView::Reload() {
     Relayout(true);
 }
 
+void QuirelleView::Redraw() {
+    source_->Redraw();
+    if (tiles_ != nullptr) tiles_->Reset(Document());
+    UpdateRequests();
+    viewport()->update();
+}
+
 QSizeF QuirelleView::PageSize(int page) const {
     return page >= 0 && page < PageCount() ? source_->At(page).size : QSizeF();
 }

@@ -19,7 +19,8 @@
 // With an IReadingProvider, text is selected with the mouse: a drag selects
 // in reading order, a double click a word, a triple click a line; Ctrl+A
 // selects the current page's text and Ctrl+C copies the selection.
-// The view never edits the document: after an edit, call Reload().
+// The view never edits the document: after an edit, call Reload() (or
+// Redraw() when the page list stayed).
 // GUI thread only; the service must outlive the view.
 
 #include <QAbstractScrollArea>
@@ -55,6 +56,9 @@ public:
     // keeps the current page where it can.
     void Reload();
     int PageCount() const;
+    // The pages drawn again after an edit that kept the page list (an
+    // annotation): the old pictures show until the new ones arrive.
+    void Redraw();
     // The page that fills most of the view; -1 without pages.
     int CurrentPage() const { return currentPage_; }
     // A page's size in points as displayed (estimated until the service answers).

@@ -47,6 +47,7 @@
 #include <cmath>
 #include <stdexcept>
 
+#include "AnnotationCommands.h"
 #include "FindBar.h"
 #include "PresentationWindow.h"
 
@@ -81,6 +82,7 @@ struct ViewerWindow::PageEdit {
     QString name;
     Steps undo, redo;
     QVector<int> afterUndo, afterRedo;  // the pages to show or select once done
+    bool pagesKept = false;             // the page list stays (an annotation's edit)
 };
 
 ViewerWindow::ViewerWindow(IPDFProvider& service, QWidget* parent)
@@ -121,6 +123,18 @@ ViewerWindow::ViewerWindow(IPDFProvider& service, QWidget* parent)
                 }
             });
         });
+    }
+    if (auto* annotations = dynamic_cast<IAnnotationProvider*>(&service)) {
+        annotations_ = new AnnotationCommands(*view_, *annotations, this);
+        sidebar_->addTab(&annotations_->Panel(), tr("Annotations"));
+        annotations_->commit = [this](AnnotationCommands::Edit edit) {
+            if (busy_ || doc_ < 0) return false;
+            const QVector<int> land{edit.page};
+            Commit({edit.name, std::move(edit.undo), edit.redo, land, land, true}, edit.redo);
+            return true;
+        };
+        connect(annotations_, &AnnotationCommands::Message, this,
+                [this](const QString& text) { statusBar()->showMessage(text, 5000); });
     }
     auto splitter = new QSplitter;
     splitter->addWidget(sidebar_);
@@ -253,6 +267,7 @@ void ViewerWindow::BuildMenus() {
         const QVector<int> selected = TargetPages();
         if (!selected.isEmpty() && selected.last() + 1 < view_->PageCount()) MovePages(selected, selected.last() + 2);
     });
+    if (annotations_ != nullptr) annotations_->AddMenu(*menuBar());
 
     QToolBar* tools = addToolBar(tr("Tools"));
     tools->setMovable(false);
@@ -408,6 +423,7 @@ void ViewerWindow::Show(int64_t id, int page) {
     thumbnails_->SetDocument(id);
     sidebar_->setCurrentWidget(thumbnails_);
     if (outline_ != nullptr) outline_->SetDocument(id);
+    if (annotations_ != nullptr) annotations_->SetDocument(id);
     LoadLabels();
     if (id >= 0) {
         // Where the document was left, unless a page was asked for.
@@ -460,11 +476,11 @@ void ViewerWindow::Commit(PageEdit edit, Steps first) {
             done_.push_back(edit);
             undone_.clear();
         }
-        Finish(edit.name, error, edit.afterRedo);
+        Finish(edit.name, error, edit.afterRedo, edit.pagesKept);
     });
 }
 
-void ViewerWindow::Finish(const QString& what, const QString& error, const QVector<int>& land) {
+void ViewerWindow::Finish(const QString& what, const QString& error, const QVector<int>& land, bool pagesKept) {
     busy_ = false;
     if (!error.isEmpty()) {
         // Part of the edit may have been made: no inverse is known any more.
@@ -473,11 +489,23 @@ void ViewerWindow::Finish(const QString& what, const QString& error, const QVect
         done_.clear();
         undone_.clear();
     }
+    if (pagesKept) {
+        // The same pages, drawn again: the view keeps its place, selection and matches.
+        view_->Redraw();
+        thumbnails_->Reload();
+        annotations_->Changed(land.isEmpty() ? -1 : land.first());
+        if (!land.isEmpty() && !land.contains(view_->CurrentPage())) view_->GoToPage(land.first());
+        UpdateTitle();
+        UpdateActions();
+        statusBar()->showMessage(what, 3000);
+        return emit Edited();
+    }
     const bool fromStrip = thumbnails_->hasFocus();
     findBar_->Clear();
     view_->Reload();
     thumbnails_->Reload();
     if (outline_ != nullptr) outline_->Reload();
+    if (annotations_ != nullptr) annotations_->Changed();
     LoadLabels();
     // The edited pages stay under the user's eyes: selected in the strip when
     // the edit came from there, else shown in the view.
@@ -501,7 +529,7 @@ void ViewerWindow::Undo() {
     done_.pop_back();
     RunSteps(std::make_shared<Steps>(edit.undo), 0, [this, edit](const QString& error) {
         if (error.isEmpty()) undone_.push_back(edit);
-        Finish(tr("Undid %1").arg(edit.name), error, edit.afterUndo);
+        Finish(tr("Undid %1").arg(edit.name), error, edit.afterUndo, edit.pagesKept);
     });
 }
 
@@ -512,7 +540,7 @@ void ViewerWindow::Redo() {
     undone_.pop_back();
     RunSteps(std::make_shared<Steps>(edit.redo), 0, [this, edit](const QString& error) {
         if (error.isEmpty()) done_.push_back(edit);
-        Finish(tr("Redid %1").arg(edit.name), error, edit.afterRedo);
+        Finish(tr("Redid %1").arg(edit.name), error, edit.afterRedo, edit.pagesKept);
     });
 }
 

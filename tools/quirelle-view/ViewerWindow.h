@@ -4,7 +4,9 @@
 // outline, one tab each), the page view and the find bar over one document
 // of a service, with the file, edit, view and page menus. With a service
 // that answers reading queries (IReadingProvider) it shows the outline,
-// page labels, the document's properties and selects text.
+// page labels, the document's properties and selects text; with one that
+// makes annotations (IAnnotationProvider), an Annotate menu and an
+// annotations tab (AnnotationCommands), whose edits share the undo history.
 // Every service call returns at once; answers come back through WhenReady.
 //
 // Page commands act on the thumbnails' selection while the strip has the
@@ -27,6 +29,7 @@ class QPrinter;
 
 namespace Orvane::PDF {
 
+class AnnotationCommands;
 class FindBar;
 class PresentationWindow;
 
@@ -66,6 +69,8 @@ public:
     ThumbnailStrip& Thumbnails() const { return *thumbnails_; }
     // Null without reading queries.
     OutlineView* Outline() const { return outline_; }
+    // Null when the service makes no annotations.
+    AnnotationCommands* Annotations() const { return annotations_; }
     QTabWidget& Sidebar() const { return *sidebar_; }
     // The pages' labels ("iv", "A-3"; the page numbers where the document has none).
     const QStringList& PageLabels() const { return labels_; }
@@ -118,7 +123,8 @@ private:
     void RunSteps(std::shared_ptr<Steps> steps, size_t next, std::function<void(const QString& error)> done);
     // Runs an edit's first steps, then keeps it for undo.
     void Commit(PageEdit edit, Steps first);
-    void Finish(const QString& what, const QString& error, const QVector<int>& land);
+    // pagesKept: an edit of what is on the pages (annotations) that left the page list as it was.
+    void Finish(const QString& what, const QString& error, const QVector<int>& land, bool pagesKept = false);
     Steps RemoveSteps(const QVector<int>& pages, const std::shared_ptr<int>& slot);
     Steps RestoreSteps(const QVector<int>& pages, const std::shared_ptr<int>& slot);
     void Rotate(IPDFProvider::PageRotation rotation);
@@ -144,6 +150,7 @@ private:
     IReadingProvider* reader_;  // null when the service answers no reading queries
     ThumbnailStrip* thumbnails_;
     OutlineView* outline_ = nullptr;
+    AnnotationCommands* annotations_ = nullptr;
     QTabWidget* sidebar_;
     QStringList labels_;
     FindBar* findBar_;
