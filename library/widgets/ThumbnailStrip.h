@@ -26,6 +26,9 @@ public:
     void SetDocument(int64_t id);
     int64_t Document() const;
     void Reload();
+    // Asks for every picture again, keeping the old ones until the new
+    // arrive: the pages stayed, what they show changed.
+    void Redraw();
     // Selected pages, ascending.
     QVector<int> SelectedPages() const;
     // Selects exactly these pages.

@@ -38,6 +38,7 @@
 #include <QPrinter>
 #include <QSettings>
 #include <QSplitter>
+#include <QTabBar>
 #include <QStatusBar>
 #include <QTabWidget>
 #include <QToolBar>
@@ -140,7 +141,8 @@ ViewerWindow::ViewerWindow(IPDFProvider& service, QWidget* parent)
     splitter->addWidget(sidebar_);
     splitter->addWidget(pane);
     splitter->setStretchFactor(1, 1);
-    splitter->setSizes({thumbnails_->minimumWidth(), 1});
+    // Wide enough for every tab's name.
+    splitter->setSizes({std::max(thumbnails_->minimumWidth(), sidebar_->tabBar()->sizeHint().width()), 1});
     setCentralWidget(splitter);
 
     passwordPrompt = [this](const QString& file, bool again, QString& password) {
@@ -492,7 +494,7 @@ void ViewerWindow::Finish(const QString& what, const QString& error, const QVect
     if (pagesKept) {
         // The same pages, drawn again: the view keeps its place, selection and matches.
         view_->Redraw();
-        thumbnails_->Reload();
+        thumbnails_->Redraw();
         annotations_->Changed(land.isEmpty() ? -1 : land.first());
         if (!land.isEmpty() && !land.contains(view_->CurrentPage())) view_->GoToPage(land.first());
         UpdateTitle();
