@@ -5,7 +5,11 @@
 // this function (-Wl,--wrap=compress, see CMakeLists.txt): a short stream is
 // compressed with a window just large enough to reach back over all of it,
 // the same level and strategy; a long one goes to zlib's compress() as is.
-// Either way the result is an ordinary zlib stream.
+// A stream under kTiny bytes (the appearance of a form field, a page that
+// says one line) is stored: for it deflate's work is almost all building
+// the Huffman tables of its one block, ten times the cost of storing it, and
+// compression would save it a few bytes at best. Either way the result is an
+// ordinary zlib stream.
 
 #include <zlib.h>
 
@@ -15,6 +19,8 @@ namespace {
 
 // Inputs from this size on get the default window (32 KiB).
 constexpr uLong kShort = 16 * 1024;
+// Inputs under this size are stored (zlib's level 0).
+constexpr uLong kTiny = 64;
 // zlib keeps this much of the window for look-ahead.
 constexpr uLong kLookAhead = 262;
 
@@ -33,7 +39,8 @@ __attribute__((visibility("default"))) int __wrap_compress(Bytef* dest, uLongf* 
     // defaults do (8 for a 32 KiB window).
     const int memLevel = windowBits - 7;
     z_stream stream{};
-    int err = deflateInit2(&stream, Z_DEFAULT_COMPRESSION, Z_DEFLATED, windowBits, memLevel, Z_DEFAULT_STRATEGY);
+    const int level = sourceLen < kTiny ? Z_NO_COMPRESSION : Z_DEFAULT_COMPRESSION;
+    int err = deflateInit2(&stream, level, Z_DEFLATED, windowBits, memLevel, Z_DEFAULT_STRATEGY);
     if (err != Z_OK) return err;
     stream.next_in = const_cast<Bytef*>(source);
     stream.avail_in = uInt(sourceLen);
