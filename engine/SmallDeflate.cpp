@@ -45,11 +45,19 @@ __attribute__((visibility("default"))) int __wrap_compress(Bytef* dest, uLongf* 
     stream.next_in = const_cast<Bytef*>(source);
     stream.avail_in = uInt(sourceLen);
     stream.next_out = dest;
-    stream.avail_out = uInt(*destLen);
+    const uLongf room = *destLen;
+    stream.avail_out = uInt(room);
     err = deflate(&stream, Z_FINISH);
     *destLen = stream.total_out;
     deflateEnd(&stream);
     if (err == Z_STREAM_END) return Z_OK;
-    return err == Z_OK ? Z_BUF_ERROR : err;
+    // Out of room: the caller sized dest for zlib's default window, and the
+    // short window's smaller blocks add more framing to data that does not
+    // compress (a font, an image under no filter). zlib's own call fits.
+    if (err == Z_OK) {
+        *destLen = room;
+        return __real_compress(dest, destLen, source, sourceLen);
+    }
+    return err;
 }
 }

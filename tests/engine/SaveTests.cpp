@@ -188,5 +188,22 @@ TEST_F(SaveTest, AFailedSaveThrowsAndKeepsTheOldFile) {
     }
 }
 
+// Streams under no filter are deflated as they are written, each into room
+// sized for zlib's defaults; one that does not compress must still fit.
+TEST_F(SaveTest, StreamsThatDoNotCompressAreWrittenWhole) {
+    std::vector<std::string> objects = {"<< /Type /Catalog /Pages 2 0 R /Noise [4 0 R 5 0 R 6 0 R 7 0 R 8 0 R 9 0 R] >>",
+                                        "<< /Type /Pages /Kids [3 0 R] /Count 1 >>",
+                                        "<< /Type /Page /Parent 2 0 R /MediaBox [0 0 100 100] >>"};
+    std::mt19937 random(5);
+    for (size_t size : {10, 63, 64, 3000, 5000, 12000}) {
+        std::string noise(size, ' ');
+        for (char& c : noise) c = char(random());
+        objects.push_back(RawStream("", noise));
+    }
+    const fs::path saved = temp.File("saved.pdf");
+    Open(RawPdf(objects))->Save(saved, 0);
+    EXPECT_EQ(std::system(("qpdf --check '" + saved.string() + "' >/dev/null 2>&1").c_str()), 0);
+}
+
 }  // namespace
 }  // namespace QuirelleTest
