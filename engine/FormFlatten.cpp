@@ -111,10 +111,23 @@ bool FlattenForm(IDocument& document) {
             return 0;
         });
         if (!widgets) continue;
-        // Appearances made current first (a field changed without one drawn).
+        // Appearances made current first (a field changed without one
+        // drawn), and made for good where the file has none: MuPDF draws
+        // those for the screen only, and they would be lost with the widget.
+        // An unsigned signature field's sign here mark is the reader's, not
+        // the page's: it goes without one.
         if (tree.consistent) {
             PageHandle loaded(ctx, guarded(ctx, [&] { return fz_load_page(ctx, &doc->super, int(p)); }));
-            guarded(ctx, [&] { pdf_update_page(ctx, reinterpret_cast<pdf_page*>(loaded.get())); });
+            guarded(ctx, [&] {
+                pdf_page* pdfPage = reinterpret_cast<pdf_page*>(loaded.get());
+                for (pdf_annot* widget = pdf_first_widget(ctx, pdfPage); widget; widget = pdf_next_widget(ctx, widget)) {
+                    pdf_obj* obj = pdf_annot_obj(ctx, widget);
+                    if (pdf_dict_getl(ctx, obj, PDF_NAME(AP), PDF_NAME(N), NULL) != NULL) continue;
+                    if (pdf_dict_get_inheritable(ctx, obj, PDF_NAME(FT)) == PDF_NAME(Sig)) continue;
+                    pdf_annot_request_resynthesis(ctx, widget);
+                }
+                pdf_update_page(ctx, pdfPage);
+            });
         }
         BufferHandle buf(ctx, guarded(ctx, [&] { return fz_new_buffer(ctx, 256); }));
         guarded(ctx, [&] {
