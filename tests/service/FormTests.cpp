@@ -73,6 +73,7 @@ TEST_F(FormService, ListsEveryKindWithItsFlagsAndWidgets) {
     EXPECT_EQ(name.value, "Ann");
     EXPECT_EQ(name.maxLength, 12);
     EXPECT_EQ(name.tooltip, "Your name");
+    EXPECT_EQ(name.fontSize, 10.0f);  // from the field's /DA
     ASSERT_EQ(name.widgets.size(), 1u);
     EXPECT_EQ(Sides(name.widgets[0].rect), (std::array<double, 4>{100, 700, 300, 680}));
     const FormField& size = Field(fields, "size");

@@ -77,6 +77,10 @@ struct FormField {
     bool multiSelect = false;
     bool editable = false;  // a combo box that takes any text
     int32_t maxLength = 0;  // 0: no limit
+    // How the field's text is drawn: its font size in points (0: sized to
+    // fit the widget) and alignment (0 left, 1 centred, 2 right).
+    float fontSize = 0.0f;
+    int32_t alignment = 0;
     std::string tooltip;
     std::vector<FormWidget> widgets;
     // Place in the form's calculation order (0 first), -1 when the form does
