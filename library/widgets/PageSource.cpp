@@ -96,6 +96,15 @@ void PageSource::Reload() {
     ScheduleLayoutChanged();
 }
 
+void PageSource::Refresh() {
+    for (int index : pending_) {
+        service_.CancelAsyncTasks(doc_, static_cast<unsigned>(index), viewType_);
+        pages_[static_cast<size_t>(index)].pending = QSize();
+    }
+    pending_.clear();
+    for (Page& page : pages_) page.stale = !page.image.isNull();
+}
+
 void PageSource::AskSizes() {
     for (int page = 0; page < Count(); ++page) service_.GetPageInfoAsync(doc_, static_cast<unsigned>(page), viewType_);
 }
@@ -120,7 +129,9 @@ void PageSource::Want(const std::map<int, QSize>& wanted, int keepFirst, int kee
         QSize size = wantedSize;
         const qint64 pixels = qint64(size.width()) * size.height();
         if (pixels > kMaxPixels) size = (QSizeF(size) * std::sqrt(double(kMaxPixels) / double(pixels))).toSize();
-        if (!page.known || page.failed || size.isEmpty() || page.image.size() == size || page.pending == size) continue;
+        if (!page.known || page.failed || size.isEmpty() || (page.image.size() == size && !page.stale) ||
+            page.pending == size)
+            continue;
         service_.GeneratePageImageAsync(doc_, static_cast<unsigned>(index), size.width(), size.height(), viewType_);
         page.pending = size;
         pending_.insert(index);
@@ -150,6 +161,7 @@ void PageSource::OnImage(int64_t doc, unsigned index, QImage image) {
         page.image = image;
     }
     if (image.isNull() || image.size() == page.pending) {
+        page.stale = page.stale && image.isNull();
         page.pending = QSize();
         pending_.erase(static_cast<int>(index));
     }

@@ -34,6 +34,7 @@ public:
         Rect rect;      // crop box, page space
         QImage image;   // the latest picture, maybe of another size than wanted
         QSize pending;  // the size of a request still pending, if any
+        bool stale = false;  // image shows content from before a change
     };
 
     PageSource(IPDFProvider& service, ViewType viewType, QObject* parent);
@@ -45,6 +46,9 @@ public:
     // After the page list changed: forgets sizes and pictures and asks again,
     // ignoring answers the worker computed before this call.
     void Reload();
+    // After the pages' content changed: every picture is asked again when
+    // next wanted; the old ones are kept until the new ones come.
+    void Refresh();
     int64_t Document() const { return doc_; }
     int Count() const { return static_cast<int>(pages_.size()); }
     const Page& At(int page) const { return pages_.at(static_cast<size_t>(page)); }

@@ -19,7 +19,9 @@
 // With an IReadingProvider, text is selected with the mouse: a drag selects
 // in reading order, a double click a word, a triple click a line; Ctrl+A
 // selects the current page's text and Ctrl+C copies the selection.
-// The view never edits the document: after an edit, call Reload().
+// With an IFormProvider, the form's fields are filled in place (Forms()).
+// Other edits are not the view's: after one, call Reload(), or
+// RefreshPictures() when only the pages' content changed.
 // GUI thread only; the service must outlive the view.
 
 #include <QAbstractScrollArea>
@@ -37,6 +39,7 @@
 
 namespace Orvane::PDF {
 
+class FormEditing;
 class PageSource;
 class TileCache;
 
@@ -54,6 +57,10 @@ public:
     // Page count and sizes again after the document's page list changed;
     // keeps the current page where it can.
     void Reload();
+    // The pictures asked for again (the old ones show until the new come).
+    void RefreshPictures();
+    // Filling in the form; null when the service has no form queries.
+    FormEditing* Forms() const { return forms_; }
     int PageCount() const;
     // The page that fills most of the view; -1 without pages.
     int CurrentPage() const { return currentPage_; }
@@ -171,6 +178,7 @@ private:
     PageSource* source_;
     IReadingProvider* reader_;  // null when the service answers no reading queries
     TileCache* tiles_ = nullptr;
+    FormEditing* forms_ = nullptr;
     TextSelection selection_;
     int selectionPage_ = -1;
     uint64_t selectionGeneration_ = 0;

@@ -64,6 +64,11 @@ void ThumbnailStrip::Reload() {
     Rebuild();  // one row per page at once, as the selection is set right after an edit
 }
 
+void ThumbnailStrip::RefreshPictures() {
+    source_->Refresh();
+    UpdateRequests();
+}
+
 QVector<int> ThumbnailStrip::SelectedPages() const {
     QVector<int> pages;
     for (const QModelIndex& index : selectionModel()->selectedIndexes()) pages.push_back(index.row());

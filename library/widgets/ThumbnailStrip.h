@@ -26,6 +26,8 @@ public:
     void SetDocument(int64_t id);
     int64_t Document() const;
     void Reload();
+    // The pictures asked for again after the pages' content changed.
+    void RefreshPictures();
     // Selected pages, ascending.
     QVector<int> SelectedPages() const;
     // Selects exactly these pages.
