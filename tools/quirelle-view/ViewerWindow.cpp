@@ -233,6 +233,7 @@ void ViewerWindow::BuildMenus() {
     darkAction_->setCheckable(true);
     add(viewMenu, tr("F&ull screen"), QKeySequence(tr("F11")), &ViewerWindow::ToggleFullScreen);
     add(viewMenu, tr("Pre&sentation"), QKeySequence(tr("F5")), &ViewerWindow::StartPresentation);
+    ConnectForms(viewMenu);
     auto escape = new QAction(this);
     escape->setShortcut(QKeySequence(Qt::Key_Escape));
     connect(escape, &QAction::triggered, this, &ViewerWindow::Escape);
