@@ -198,6 +198,34 @@ TEST_F(FormService, CallbackOncePerChangingRequestAndResetRestoresDefaults) {
     EXPECT_EQ(calls.load(), 5);
 }
 
+// Filling in is allowed by bit 6 (annotate) or, from revision 3 on, by bit
+// 9 alone; the owner's password lifts every restriction.
+TEST_F(FormService, ReportsWhetherThePermissionsAllowFillingIn) {
+    constexpr int32_t kAll = -4, kAnnotate = 1 << 5, kFill = 1 << 8;
+    const struct {
+        int32_t permissions;
+        std::string password;
+        bool forbidden;
+    } cases[] = {
+        {kAll, "", false},
+        {kAll & ~kAnnotate, "", false},
+        {kAll & ~kFill, "", false},
+        {kAll & ~kAnnotate & ~kFill, "", true},
+        {kAll & ~kAnnotate & ~kFill, "owner", false},
+    };
+    int n = 0;
+    for (const auto& c : cases) {
+        const auto path = temp.File("locked" + std::to_string(n++) + ".pdf");
+        QuirelleTest::Encryption encryption;
+        encryption.ownerPassword = "owner";
+        encryption.permissions = c.permissions;
+        PdfBuilder().AddNumberedPages(1).Encrypt(encryption).Save(path);
+        const int64_t id = Open(path, c.password);
+        EXPECT_EQ(service->IsFillFormProtected(id), c.forbidden) << path << " " << c.password;
+    }
+    EXPECT_THROW(service->IsFillFormProtected(12345), std::invalid_argument);
+}
+
 TEST_F(FormService, FlattenedFormShowsTheSameAndHasNoFields) {
     const int64_t id = Open(EveryKind());
     Await(service->SetFieldValue(id, "name", "Flat Out"));

@@ -117,6 +117,13 @@ public:
     // the fields and the form: the document shows the same, and nothing is
     // left to fill in. Other annotations stay.
     virtual std::future<void> FlattenForm(const int64_t& id) = 0;
+
+    // Whether the document's permissions forbid filling in its form (false
+    // when it was opened with its owner password). Answered at once, as
+    // IPDFProvider's permission queries are; like them it gates nothing
+    // here. std::invalid_argument("Invalid doc handle") for an id that is
+    // not open.
+    virtual bool IsFillFormProtected(const int64_t& id) = 0;
 };
 
 }  // namespace Orvane::PDF
