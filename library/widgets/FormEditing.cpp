@@ -106,6 +106,12 @@ void FormEditing::Paint(QPainter& painter, int page) const {
     }
 }
 
+bool FormEditing::OnField(const QPoint& viewportPoint) const {
+    const auto hit = view_.PageAt(viewportPoint);
+    const Target target = hit ? Hit(hit->first, hit->second.x(), hit->second.y()) : Target{};
+    return target.field >= 0 && Fillable(fields_[size_t(target.field)]);
+}
+
 bool FormEditing::Press(const QPoint& viewportPoint) {
     const auto hit = view_.PageAt(viewportPoint);
     const Target target = hit ? Hit(hit->first, hit->second.x(), hit->second.y()) : Target{};

@@ -61,6 +61,8 @@ public:
     // when it hits a field's widget (true); moves the editor with the page.
     void Paint(QPainter& painter, int page) const;
     bool Press(const QPoint& viewportPoint);
+    // Whether the point is on a field's widget that can be filled in.
+    bool OnField(const QPoint& viewportPoint) const;
     void Place();
 
 signals:

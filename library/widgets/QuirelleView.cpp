@@ -756,6 +756,7 @@ void QuirelleView::mousePressEvent(QMouseEvent* event) {
 }
 
 void QuirelleView::mouseDoubleClickEvent(QMouseEvent* event) {
+    if (event->button() == Qt::LeftButton && forms_ != nullptr && forms_->OnField(event->pos())) return event->accept();
     if (event->button() != Qt::LeftButton || reader_ == nullptr) return QAbstractScrollArea::mouseDoubleClickEvent(event);
     const auto hit = PageAt(event->pos());
     if (!hit) return;

@@ -26,11 +26,9 @@ void ViewerWindow::ConnectForms(QMenu* viewMenu) {
         if (*shownFor != doc_) highlight->setChecked(fields > 0);
         *shownFor = doc_;
         forms->SetHighlighted(highlight->isChecked());
-        // Filling in is what annotating allows (an owner's password lifts it).
-        auto* annotations = dynamic_cast<IAnnotationProvider*>(&service_);
         bool forbidden = false;
         try {
-            forbidden = doc_ >= 0 && annotations != nullptr && annotations->IsAnnotateProtected(doc_);
+            forbidden = doc_ >= 0 && dynamic_cast<IFormProvider&>(service_).IsFillFormProtected(doc_);
         } catch (const std::exception&) {
         }
         forms->SetBlocked(forbidden ? tr("%1 does not allow filling in its form; open it with the owner password "
