@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <cmath>
 #include <set>
+#include <utility>
 
 #include "GuiThread.h"
 #include "QuirelleView.h"
@@ -49,6 +50,7 @@ void FormEditing::Load() {
     ++generation_;
     Close();
     busy_ = false;
+    afterCommit_ = nullptr;
     fields_.clear();
     doc_ = view_.Document();
     view_.viewport()->update();
@@ -246,7 +248,12 @@ void FormEditing::Cancel() {
 }
 
 void FormEditing::Commit(std::function<void()> then) {
-    if (!editor_ || busy_) return;
+    if (!editor_) return;
+    if (busy_) {
+        // Leaving the field committed it a moment ago: what follows waits for that.
+        if (then) afterCommit_ = std::move(then);
+        return;
+    }
     const std::string value = EditorText().toStdString();
     if (value == oldValue_) {
         Close();
@@ -259,8 +266,10 @@ void FormEditing::Commit(std::function<void()> then) {
         [this, editor, then] {
             if (editor_ == editor) Close();
             if (then) then();
+            if (auto after = std::exchange(afterCommit_, nullptr)) after();
         },
         [this, editor] {
+            afterCommit_ = nullptr;
             // The old value back, and the editor open for another try.
             if (!editor || editor_ != editor) return;
             const QString old = QString::fromStdString(oldValue_);
@@ -367,6 +376,13 @@ void FormEditing::Choose(Target target, const QPoint& at) {
 }
 
 bool FormEditing::eventFilter(QObject* watched, QEvent* event) {
+    if (watched == editor_ && event->type() == QEvent::FocusOut) {
+        // Leaving the field for another widget commits it; a dialog or a
+        // menu coming up in front does not.
+        const Qt::FocusReason reason = static_cast<QFocusEvent*>(event)->reason();
+        if (reason != Qt::ActiveWindowFocusReason && reason != Qt::PopupFocusReason) Commit();
+        return QObject::eventFilter(watched, event);
+    }
     if (watched != editor_ || (event->type() != QEvent::KeyPress && event->type() != QEvent::ShortcutOverride))
         return QObject::eventFilter(watched, event);
     auto* key = static_cast<QKeyEvent*>(event);

@@ -108,6 +108,7 @@ private:
     int editedWidget_ = -1;
     std::string oldValue_;
     bool busy_ = false;  // a change is on its way
+    std::function<void()> afterCommit_;  // asked while a commit was on its way
 };
 
 }  // namespace Orvane::PDF

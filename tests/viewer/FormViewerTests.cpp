@@ -140,6 +140,12 @@ TEST_F(FormViewerTest, EditsATextFieldInPlaceAndRedrawsOnlyItsWidget) {
     Type("Bob", Qt::Key_Escape);
     EXPECT_EQ(Forms().Editor(), nullptr);
     EXPECT_EQ(Value("name"), "Zed");
+    // A click on another field commits this one and edits that one.
+    Click(name);
+    QTest::keyClicks(Forms().Editor(), "Ann");
+    Click(a);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return Forms().EditedField() == "a"; }, kTimeout));
+    EXPECT_EQ(Value("name"), "Ann");
 }
 
 TEST_F(FormViewerTest, TabCommitsAndMovesOnWhileTheTotalFollows) {

@@ -709,6 +709,9 @@ bool ViewerWindow::Save() {
 
 void ViewerWindow::SaveAs(const QString& path) {
     if (doc_ < 0 || busy_) return;
+    // The field being filled in goes in first.
+    if (FormEditing* forms = view_->Forms(); forms != nullptr && forms->Editor() != nullptr)
+        return forms->Commit([this, path] { SaveAs(path); });
     busy_ = true;
     auto saving = path == path_ ? service_.SaveDocument(doc_) : service_.SaveDocumentAs(doc_, path.toStdString());
     WhenReady(this, std::move(saving), [this, path](std::future<bool>& answer) {
