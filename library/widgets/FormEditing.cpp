@@ -4,7 +4,6 @@
 
 #include "FormEditing.h"
 
-#include <QAbstractTextDocumentLayout>
 #include <QKeyEvent>
 #include <QLineEdit>
 #include <QMenu>
