@@ -370,7 +370,17 @@ void FormEditing::Choose(Target target, const QPoint& at) {
             Change(forms_.SelectFieldOptions(doc_, name, values), nullptr, nullptr);
         });
     }
-    if (field.options.empty()) menu->addAction(tr("(no options)"))->setEnabled(false);
+    if (field.options.empty() && !field.editable) menu->addAction(tr("(no options)"))->setEnabled(false);
+    if (field.editable) {
+        // A combo box that takes any text: typed in place like a text field.
+        menu->addSeparator();
+        const std::string name = field.name;
+        const int widget = target.widget;
+        connect(menu->addAction(tr("Other value...")), &QAction::triggered, this, [this, name, widget](bool) {
+            const int index = FieldIndex(name);
+            if (!busy_ && index >= 0 && widget < int(fields_[size_t(index)].widgets.size())) Open({index, widget});
+        });
+    }
     menu->popup(view_.viewport()->mapToGlobal(at));
 }
 

@@ -4,9 +4,10 @@
 // tinted, a text field edited in place by an editor laid over its widget (at
 // the field's font size and alignment, following zoom and scrolling), check
 // boxes and radio buttons switched by a click, the options of combo and list
-// boxes offered in a menu. Tab and Shift+Tab commit and go to the next or
-// previous text field in the form's order; Enter commits (Ctrl+Enter in a
-// multi-line field), Escape cancels. A value the document's scripts refuse
+// boxes offered in a menu (an editable combo box also takes typed text).
+// Tab and Shift+Tab commit and go to the next or previous text field in the
+// form's order; Enter commits (Ctrl+Enter in a multi-line field), Escape
+// cancels. A value the document's scripts refuse
 // is reported through Refused and the editor stays open with the old value.
 //
 // The view owns one when its service is an IFormProvider and calls the hooks
