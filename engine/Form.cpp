@@ -165,13 +165,14 @@ std::vector<std::pair<int, int>> AnnotationPages(fz_context* ctx, pdf_document* 
 
 FormField ReadField(fz_context* ctx, pdf_document* doc, const FieldNode& node, const std::vector<int>& calculation,
                     const std::vector<std::pair<int, int>>& pageOf) {
-    (void)doc;
     pdf_obj* f = node.field;
     FormField field;
     field.name = node.name;
     struct Entries {
         pdf_obj *ft, *v, *dv, *opt, *tu;
-        int flags, maxLen, number;
+        int flags, maxLen, number, quadding;
+        float fontSize;
+        const char* appearance;
     } e{};
     guarded(ctx, [&] {
         e.ft = pdf_dict_get_inheritable(ctx, f, PDF_NAME(FT));
@@ -182,7 +183,25 @@ FormField ReadField(fz_context* ctx, pdf_document* doc, const FieldNode& node, c
         e.flags = pdf_to_int(ctx, pdf_dict_get_inheritable(ctx, f, PDF_NAME(Ff)));
         e.maxLen = pdf_to_int(ctx, pdf_dict_get_inheritable(ctx, f, PDF_NAME(MaxLen)));
         e.number = pdf_is_indirect(ctx, f) ? pdf_to_num(ctx, f) : pdf_obj_parent_num(ctx, f);
+        // /Q and /DA are inherited from the parents, then from the form.
+        pdf_obj* form = pdf_dict_getl(ctx, pdf_trailer(ctx, doc), PDF_NAME(Root), PDF_NAME(AcroForm), nullptr);
+        pdf_obj* q = pdf_dict_get_inheritable(ctx, f, PDF_NAME(Q));
+        e.quadding = pdf_to_int(ctx, q ? q : pdf_dict_get(ctx, form, PDF_NAME(Q)));
+        pdf_obj* da = pdf_dict_get_inheritable(ctx, f, PDF_NAME(DA));
+        e.appearance = pdf_to_str_buf(ctx, da ? da : pdf_dict_get(ctx, form, PDF_NAME(DA)));
     });
+    if (e.appearance[0] != 0) {
+        try {
+            guarded(ctx, [&] {
+                const char* font = nullptr;
+                int n = 0;
+                float colour[4];
+                pdf_parse_default_appearance(ctx, e.appearance, &font, &e.fontSize, &n, colour);
+            });
+        } catch (const std::exception&) {
+            e.fontSize = 0.0f;  // a malformed /DA: the size is not known
+        }
+    }
     field.type = typeOf(ctx, e.ft, e.flags);
     const int flags = e.flags;
     field.readOnly = flags & PDF_FIELD_IS_READ_ONLY;
@@ -196,6 +215,8 @@ FormField ReadField(fz_context* ctx, pdf_document* doc, const FieldNode& node, c
     if (field.type == FormFieldType::ListBox) field.multiSelect = flags & PDF_CH_FIELD_IS_MULTI_SELECT;
     if (field.type == FormFieldType::ComboBox) field.editable = flags & PDF_CH_FIELD_IS_EDIT;
     field.tooltip = text(ctx, e.tu);
+    field.fontSize = std::max(0.0f, e.fontSize);
+    field.alignment = std::clamp(e.quadding, 0, 2);
 
     const bool signature = field.type == FormFieldType::Signature;
     const std::vector<std::string> current = signature ? std::vector<std::string>() : values(ctx, e.v);

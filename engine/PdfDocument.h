@@ -107,6 +107,8 @@ public:
     // Whether the document forbids adding or changing annotations (false
     // with owner access). Any thread, as the other permission queries.
     bool IsAnnotateProtected() const { return Permission(&Permissions::annotate); }
+    // Whether the document forbids filling in its form (false with owner access).
+    bool IsFillFormProtected() const { return Permission(&Permissions::fillForm); }
     // Whether the document was opened with its owner password (an
     // unencrypted document counts as opened by its owner).
     bool HasOwnerAccess() const;
@@ -134,6 +136,7 @@ private:
         bool print = false;
         bool printLowResolution = false;
         bool annotate = false;  // adding or changing annotations forbidden
+        bool fillForm = false;  // filling in the form's fields forbidden
     };
 
     // The restrictions of the file as opened (owner access lifts them all).

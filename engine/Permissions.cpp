@@ -65,6 +65,8 @@ PdfDocument::Permissions PdfDocument::ReadPermissions(bool ownerAccess) const {
     result.extractPages = !bit(p, 5) || !bit(p, 11);
     result.printLowResolution = !revision2 && bit(p, 3) && !bit(p, 12);
     result.annotate = !bit(p, 6);
+    // Annotating allows filling in; from revision 3 on, bit 9 allows it alone.
+    result.fillForm = !bit(p, 6) && (revision2 || !bit(p, 9));
     return result;
 }
 

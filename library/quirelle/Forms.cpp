@@ -104,4 +104,11 @@ std::future<void> Quirelle::FlattenForm(const int64_t& id) {
     });
 }
 
+bool Quirelle::IsFillFormProtected(const int64_t& id) {
+    return impl->WithOpenDocument(id, [](IDocument& document) {
+        const auto* pdf = dynamic_cast<const Pdfium::PdfDocument*>(&document);
+        return pdf != nullptr && pdf->IsFillFormProtected();
+    });
+}
+
 }  // namespace Orvane::PDF

@@ -102,7 +102,7 @@ void PageSource::Redraw() {
         pages_[static_cast<size_t>(page)].pending = QSize();
     }
     pending_.clear();
-    for (Page& page : pages_) page.stale = true;
+    for (Page& page : pages_) page.stale = !page.image.isNull();
 }
 
 void PageSource::AskSizes() {
@@ -161,6 +161,7 @@ void PageSource::OnImage(int64_t doc, unsigned index, QImage image) {
         page.image = image;
     }
     if (image.isNull() || image.size() == page.pending) {
+        page.stale = page.stale && image.isNull();
         page.pending = QSize();
         pending_.erase(static_cast<int>(index));
     }

@@ -20,6 +20,7 @@
 #include <climits>
 #include <cmath>
 
+#include "FormEditing.h"
 #include "GuiThread.h"
 #include "PageSource.h"
 #include "TileCache.h"
@@ -110,6 +111,7 @@ QuirelleView::QuirelleView(IPDFProvider& service, QWidget* parent)
             emit TileArrived(page);
         });
     }
+    if (auto* forms = dynamic_cast<IFormProvider*>(&service)) forms_ = new FormEditing(*this, *forms);
     setVerticalScrollBarPolicy(Qt::ScrollBarAlwaysOn);  // a fitted zoom must not change the viewport's width
     setFocusPolicy(Qt::StrongFocus);
     viewport()->setMouseTracking(true);
@@ -135,6 +137,7 @@ void QuirelleView::SetDocument(int64_t id) {
     source_->SetDocument(id);
     verticalScrollBar()->setValue(0);
     Relayout(false);
+    if (forms_ != nullptr) forms_->Load();
 }
 
 int64_t QuirelleView::Document() const {
@@ -156,6 +159,7 @@ void QuirelleView::Reload() {
     // The new page count at once (sizes follow), so that GoToPage can land
     // on a page the edit added.
     Relayout(true);
+    if (forms_ != nullptr) forms_->Load();
 }
 
 void QuirelleView::Redraw() {
@@ -230,6 +234,7 @@ void QuirelleView::Relayout(bool keepPosition) {
     UpdateRequests();
     UpdateCurrentPage();
     viewport()->update();
+    if (forms_ != nullptr) forms_->Place();
 }
 
 int QuirelleView::PageAtY(int y) const {
@@ -591,6 +596,7 @@ void QuirelleView::paintEvent(QPaintEvent*) {
         paintBoxes(highlights_.value(page), kHighlight);
         if (page == highlightPage_) paintBoxes(currentHighlight_, kCurrentHighlight);
         if (page == selectionPage_) paintBoxes(QVector<Rect>(selection_.rects.begin(), selection_.rects.end()), kSelection);
+        if (forms_ != nullptr) forms_->Paint(painter, page);
     }
 }
 
@@ -601,6 +607,7 @@ void QuirelleView::resizeEvent(QResizeEvent* event) {
 
 void QuirelleView::scrollContentsBy(int, int) {
     viewport()->update();
+    if (forms_ != nullptr) forms_->Place();
     UpdateRequests();
     UpdateCurrentPage();
 }
@@ -724,6 +731,11 @@ void QuirelleView::mousePressEvent(QMouseEvent* event) {
     pressPoint_ = event->pos();
     selecting_ = false;
     pressHit_.reset();
+    // A form field's widget takes the click before the text under it.
+    if (event->button() == Qt::LeftButton && forms_ != nullptr && forms_->Press(event->pos())) {
+        selecting_ = true;  // the release follows no link
+        return event->accept();
+    }
     if (event->button() == Qt::LeftButton && reader_ != nullptr) {
         pressHit_ = PageAt(event->pos());
         // A third click soon after a double click, where it was: the line.
@@ -744,6 +756,7 @@ void QuirelleView::mousePressEvent(QMouseEvent* event) {
 }
 
 void QuirelleView::mouseDoubleClickEvent(QMouseEvent* event) {
+    if (event->button() == Qt::LeftButton && forms_ != nullptr && forms_->OnField(event->pos())) return event->accept();
     if (event->button() != Qt::LeftButton || reader_ == nullptr) return QAbstractScrollArea::mouseDoubleClickEvent(event);
     const auto hit = PageAt(event->pos());
     if (!hit) return;

@@ -19,8 +19,9 @@
 // With an IReadingProvider, text is selected with the mouse: a drag selects
 // in reading order, a double click a word, a triple click a line; Ctrl+A
 // selects the current page's text and Ctrl+C copies the selection.
-// The view never edits the document: after an edit, call Reload() (or
-// Redraw() when the page list stayed).
+// With an IFormProvider, the form's fields are filled in place (Forms()).
+// Other edits are not the view's: after one, call Reload(), or Redraw() when
+// the page list stayed.
 // GUI thread only; the service must outlive the view.
 
 #include <QAbstractScrollArea>
@@ -38,6 +39,7 @@
 
 namespace Orvane::PDF {
 
+class FormEditing;
 class PageSource;
 class TileCache;
 
@@ -55,6 +57,8 @@ public:
     // Page count and sizes again after the document's page list changed;
     // keeps the current page where it can.
     void Reload();
+    // Filling in the form; null when the service has no form queries.
+    FormEditing* Forms() const { return forms_; }
     int PageCount() const;
     // The pages drawn again after an edit that kept the page list (an
     // annotation): the old pictures show until the new ones arrive.
@@ -175,6 +179,7 @@ private:
     PageSource* source_;
     IReadingProvider* reader_;  // null when the service answers no reading queries
     TileCache* tiles_ = nullptr;
+    FormEditing* forms_ = nullptr;
     TextSelection selection_;
     int selectionPage_ = -1;
     uint64_t selectionGeneration_ = 0;

@@ -73,6 +73,7 @@ TEST_F(FormService, ListsEveryKindWithItsFlagsAndWidgets) {
     EXPECT_EQ(name.value, "Ann");
     EXPECT_EQ(name.maxLength, 12);
     EXPECT_EQ(name.tooltip, "Your name");
+    EXPECT_EQ(name.fontSize, 10.0f);  // from the field's /DA
     ASSERT_EQ(name.widgets.size(), 1u);
     EXPECT_EQ(Sides(name.widgets[0].rect), (std::array<double, 4>{100, 700, 300, 680}));
     const FormField& size = Field(fields, "size");
@@ -195,6 +196,34 @@ TEST_F(FormService, CallbackOncePerChangingRequestAndResetRestoresDefaults) {
     fields = Await(service->GetFormFields(id));
     EXPECT_EQ(Field(fields, "agree").value, "Off");
     EXPECT_EQ(calls.load(), 5);
+}
+
+// Filling in is allowed by bit 6 (annotate) or, from revision 3 on, by bit
+// 9 alone; the owner's password lifts every restriction.
+TEST_F(FormService, ReportsWhetherThePermissionsAllowFillingIn) {
+    constexpr int32_t kAll = -4, kAnnotate = 1 << 5, kFill = 1 << 8;
+    const struct {
+        int32_t permissions;
+        std::string password;
+        bool forbidden;
+    } cases[] = {
+        {kAll, "", false},
+        {kAll & ~kAnnotate, "", false},
+        {kAll & ~kFill, "", false},
+        {kAll & ~kAnnotate & ~kFill, "", true},
+        {kAll & ~kAnnotate & ~kFill, "owner", false},
+    };
+    int n = 0;
+    for (const auto& c : cases) {
+        const auto path = temp.File("locked" + std::to_string(n++) + ".pdf");
+        QuirelleTest::Encryption encryption;
+        encryption.ownerPassword = "owner";
+        encryption.permissions = c.permissions;
+        PdfBuilder().AddNumberedPages(1).Encrypt(encryption).Save(path);
+        const int64_t id = Open(path, c.password);
+        EXPECT_EQ(service->IsFillFormProtected(id), c.forbidden) << path << " " << c.password;
+    }
+    EXPECT_THROW(service->IsFillFormProtected(12345), std::invalid_argument);
 }
 
 TEST_F(FormService, FlattenedFormShowsTheSameAndHasNoFields) {

@@ -249,6 +249,7 @@ void ViewerWindow::BuildMenus() {
     darkAction_->setCheckable(true);
     add(viewMenu, tr("F&ull screen"), QKeySequence(tr("F11")), &ViewerWindow::ToggleFullScreen);
     add(viewMenu, tr("Pre&sentation"), QKeySequence(tr("F5")), &ViewerWindow::StartPresentation);
+    ConnectForms(viewMenu);
     auto escape = new QAction(this);
     escape->setShortcut(QKeySequence(Qt::Key_Escape));
     connect(escape, &QAction::triggered, this, &ViewerWindow::Escape);
@@ -738,6 +739,9 @@ bool ViewerWindow::Save() {
 
 void ViewerWindow::SaveAs(const QString& path) {
     if (doc_ < 0 || busy_) return;
+    // The field being filled in goes in first.
+    if (FormEditing* forms = view_->Forms(); forms != nullptr && forms->Editor() != nullptr)
+        return forms->Commit([this, path] { SaveAs(path); });
     busy_ = true;
     auto saving = path == path_ ? service_.SaveDocument(doc_) : service_.SaveDocumentAs(doc_, path.toStdString());
     WhenReady(this, std::move(saving), [this, path](std::future<bool>& answer) {

@@ -109,6 +109,8 @@ private:
     struct PageEdit;
 
     void BuildMenus();
+    // Filling in forms (ViewerForms.cpp).
+    void ConnectForms(QMenu* viewMenu);
     void FillRecentMenu();
     // Runs next now when nothing would be lost, else after the user chose.
     void KeepWorkThen(std::function<void()> next);

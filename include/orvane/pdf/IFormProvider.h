@@ -77,6 +77,10 @@ struct FormField {
     bool multiSelect = false;
     bool editable = false;  // a combo box that takes any text
     int32_t maxLength = 0;  // 0: no limit
+    // How the field's text is drawn: its font size in points (0: sized to
+    // fit the widget) and alignment (0 left, 1 centred, 2 right).
+    float fontSize = 0.0f;
+    int32_t alignment = 0;
     std::string tooltip;
     std::vector<FormWidget> widgets;
     // Place in the form's calculation order (0 first), -1 when the form does
@@ -113,6 +117,13 @@ public:
     // the fields and the form: the document shows the same, and nothing is
     // left to fill in. Other annotations stay.
     virtual std::future<void> FlattenForm(const int64_t& id) = 0;
+
+    // Whether the document's permissions forbid filling in its form (false
+    // when it was opened with its owner password). Answered at once, as
+    // IPDFProvider's permission queries are; like them it gates nothing
+    // here. std::invalid_argument("Invalid doc handle") for an id that is
+    // not open.
+    virtual bool IsFillFormProtected(const int64_t& id) = 0;
 };
 
 }  // namespace Orvane::PDF
