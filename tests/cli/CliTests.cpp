@@ -399,8 +399,10 @@ TEST_F(Cli, FieldsFillAndFlatten) {
     };
     PdfBuilder plain;
     form(plain).Save(dir->File("form.pdf"));
-    PdfBuilder locked;  // opens without a password, forbids changes (bit 4)
+    PdfBuilder locked;  // opens without a password, forbids changes (bit 4) but not filling in
     form(locked).Encrypt({"", "owner", -4 & ~(1 << 3)}).Save(dir->File("form-locked.pdf"));
+    PdfBuilder closed;  // forbids changes, comments (bit 6) and filling in (bit 9)
+    form(closed).Encrypt({"", "owner", -4 & ~(1 << 3) & ~(1 << 5) & ~(1 << 8)}).Save(dir->File("form-closed.pdf"));
     RunAll({
         {"fields form.pdf", 0, "name\ttext\tAnn\t1\nagree\tcheckbox\tOff\t1\nsize\tradio\ts\t1\ncolour\tcombobox\tRed\t1\n"},
         {"fill form.pdf name=Zoe agree=on size=m colour=Blue --out filled.pdf", 0, "filled.pdf: 4 fields filled\n"},
@@ -410,8 +412,10 @@ TEST_F(Cli, FieldsFillAndFlatten) {
         {"fill form.pdf nosuch=1 --out x.pdf", 2, "", "no field named nosuch"},
         {"fill form.pdf name --out x.pdf", 2, "", "write NAME=VALUE"},
         {"fill form.pdf name=Zoe", 2, "", "say where the result goes"},
-        {"fill form-locked.pdf name=Zoe --out x.pdf", 1, "", "does not allow filling in its form"},
-        {"--password owner fill form-locked.pdf name=Zoe --out unlocked-form.pdf", 0, "1 field filled"},
+        {"fill form-closed.pdf name=Zoe --out x.pdf", 1, "", "does not allow filling in its form"},
+        {"--password owner fill form-closed.pdf name=Zoe --out unlocked-form.pdf", 0, "1 field filled"},
+        {"fill form-locked.pdf name=Zoe --out filled-locked.pdf", 0, "1 field filled"},
+        {"flatten form-locked.pdf --out x.pdf", 1, "", "does not allow changing its pages"},
         {"fields filled.pdf --json", 0, "\"fields\"", "",
          [](const Result& result) {
              json values = json::parse(result.out);

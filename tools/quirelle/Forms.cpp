@@ -58,8 +58,16 @@ const FormField* Find(const std::vector<FormField>& fields, const std::string& n
 }
 
 void RequireFilling(Session& session, int64 id, const std::string& file) {
-    if (session.Service().IsEditContentProtected(id)) {
+    if (session.Service().IsFillFormProtected(id)) {
         throw Failure(file + ": the document does not allow filling in its form (open it with the owner "
+                             "password through --password)");
+    }
+}
+
+// Flattening turns the fields into page content: a change of the pages.
+void RequireChanging(Session& session, int64 id, const std::string& file) {
+    if (session.Service().IsEditContentProtected(id)) {
+        throw Failure(file + ": the document does not allow changing its pages (open it with the owner "
                              "password through --password)");
     }
 }
@@ -205,7 +213,7 @@ int RunFlatten(Session& session, const FlattenOptions& options, const std::strin
         RefuseToOverwrite(options.destination.out, options.file, "to change the file itself, use --in-place");
     CheckWritable(options.destination.inPlace ? fs::path(options.file) : fs::path(options.destination.out));
     const int64 id = session.Open(options.file, password);
-    RequireFilling(session, id, options.file);
+    RequireChanging(session, id, options.file);
     const size_t count = Fields(session, id).size();
     if (count == 0) throw Failure(options.file + ": the document has no form fields");
     session.Service().FlattenForm(id).get();
