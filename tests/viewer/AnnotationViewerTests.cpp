@@ -18,29 +18,20 @@
 
 #include "AnnotationCommands.h"
 #include "ViewerWindow.h"
+#include "tests/viewer/WindowTest.h"
 #include "tests/support/PdfBuilder.h"
 
 namespace {
 
 using namespace Orvane::PDF;
-constexpr int kTimeout = 60'000;
+constexpr int kTimeout = QuirelleTest::kWindowTimeout;
 
-class AnnotationViewerTest : public ::testing::Test {
+class AnnotationViewerTest : public QuirelleTest::WindowTest {
 protected:
     void SetUp() override {
-        window.resize(1000, 760);
-        window.show();
-        ASSERT_TRUE(QTest::qWaitForWindowExposed(&window));
-        QApplication::setActiveWindow(&window);
+        WindowTest::SetUp();
+        if (HasFatalFailure()) return;
         ASSERT_NE(window.Annotations(), nullptr);
-    }
-    void TearDown() override {
-        const QString dir = QStringLiteral(QUIRELLE_ARTIFACTS_DIR);
-        QDir().mkpath(dir);
-        window.grab().save(dir + "/" + ::testing::UnitTest::GetInstance()->current_test_info()->name() + ".png");
-        window.unsavedPrompt = [](const QString&) { return ViewerWindow::Unsaved::Discard; };
-        window.close();
-        QSettings().clear();
     }
     void Open(const std::filesystem::path& path) {
         QSignalSpy opened(&window, &ViewerWindow::Opened);
@@ -103,9 +94,6 @@ protected:
         return changed;
     }
 
-    QuirelleTest::TempDir temp;
-    Quirelle service{nullptr};
-    ViewerWindow window{service};
 };
 
 // A dragged selection over two lines, highlighted with the shortcut: one quad

@@ -18,6 +18,7 @@
 #include <QTest>
 
 #include "ViewerWindow.h"
+#include "tests/viewer/WindowTest.h"
 #include "tests/support/PdfBuilder.h"
 
 namespace {
@@ -26,24 +27,10 @@ using namespace Orvane::PDF;
 using QuirelleTest::FieldLayout;
 using QuirelleTest::PdfBuilder;
 using Kind = FieldLayout::Kind;
-constexpr int kTimeout = 60'000;
+constexpr int kTimeout = QuirelleTest::kWindowTimeout;
 
-class FormViewerTest : public ::testing::Test {
+class FormViewerTest : public QuirelleTest::WindowTest {
 protected:
-    void SetUp() override {
-        window.resize(1000, 760);
-        window.show();
-        ASSERT_TRUE(QTest::qWaitForWindowExposed(&window));
-        QApplication::setActiveWindow(&window);
-    }
-    void TearDown() override {
-        const QString dir = QStringLiteral(QUIRELLE_ARTIFACTS_DIR);
-        QDir().mkpath(dir);
-        window.grab().save(dir + "/" + ::testing::UnitTest::GetInstance()->current_test_info()->name() + ".png");
-        window.unsavedPrompt = [](const QString&) { return ViewerWindow::Unsaved::Discard; };
-        window.close();
-        QSettings().clear();
-    }
     // One page: a name, a check box, a combo box, a total of a and b, an age
     // the document's script keeps below 120.
     void OpenForm(const std::string& file = "form.pdf",
@@ -101,9 +88,6 @@ protected:
         QTest::keyClick(editor, key);
     }
 
-    QuirelleTest::TempDir temp;
-    Quirelle service{nullptr};
-    ViewerWindow window{service};
     const Rect name{100, 700, 300, 680}, agree{100, 650, 115, 635}, colour{300, 650, 400, 635};
     const Rect a{100, 600, 200, 580}, b{220, 600, 320, 580}, total{340, 600, 440, 580}, age{100, 550, 200, 530};
     const Rect words{60, 740, 200, 700};  // "Page 1", away from every field
