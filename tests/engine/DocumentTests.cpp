@@ -9,6 +9,7 @@
 #include <stdexcept>
 #include <thread>
 
+#include "engine/Annotations.h"
 #include "orvane/Exception.h"
 #include "orvane/pdf/SystemFontProviderFactory.h"
 #include "tests/engine/DocumentTestSupport.h"
@@ -163,14 +164,16 @@ TEST_F(DocumentTest, GetPageAnswersThePageNowAtTheIndexAfterEdits) {
     EXPECT_THROW(Pdfium::MakePage(core, 3), std::out_of_range);
 }
 
-TEST_F(DocumentTest, OpensAndSavesOverItsOwnFile) {
+TEST_F(DocumentTest, OpensAndSavesOverItsOwnFileKeepingItsPermissions) {
     const fs::path path = Write(PdfBuilder().AddNumberedPages(3), "três.pdf");
     auto doc = OpenFile(path);
     EXPECT_EQ(doc->GetDocumentPath(), Orvane::ioPath(path));
     EXPECT_FALSE(doc->IsProtected());
     doc->DeletePage(1);
+    fs::permissions(path, fs::perms::owner_read | fs::perms::owner_write | fs::perms::group_read);
     doc->Save(path, 0);
     EXPECT_EQ(Labels(*OpenFile(path)), (Strings{"Page 1", "Page 3"}));
+    EXPECT_EQ(fs::status(path).permissions(), fs::perms::owner_read | fs::perms::owner_write | fs::perms::group_read);
     // The document still reads what it needs after its file was replaced.
     doc->CreatePage(2, 100, 100);
     const fs::path copy = temp.File("copy.pdf");
@@ -187,11 +190,20 @@ TEST_F(DocumentTest, RemoveHiddenObjectsDropsOnlyNeverVisibleAnnotations) {
                                                        {"Ink", 288},  {"Widget", 2},  {"Text", 6}, {"Stamp", 0}};
     for (auto [subtype, flags] : annotations) page.annotations.push_back({subtype, Rect{10, 50, 50, 10}, flags});
     auto doc = Open(PdfBuilder().AddPage(page));
+    // A note the user made, hidden afterwards (as a form script or another tool might): it stays.
+    NewAnnotation note;
+    note.type = AnnotText;
+    note.at = {100, 100};
+    const int64_t made = Pdfium::CreateAnnotation(*doc, 0, note);
+    fz_context* ctx = doc->Core()->ctx;
+    pdf_obj* obj = guarded(ctx, [&] { return pdf_load_object(ctx, doc->Core()->doc, int(made)); });
+    guarded(ctx, [&] { pdf_dict_put_int(ctx, obj, PDF_NAME(F), 2); });
+    pdf_drop_obj(ctx, obj);
     doc->RemoveHiddenObjects();
     std::vector<int> kept;
     for (const auto& annotation : doc->GetPage(0)->GetAllAnnotations()) kept.push_back(annotation->GetType());
     EXPECT_EQ(kept, (std::vector<int>{IAnnotation::Line, IAnnotation::Polygon, IAnnotation::Ink, IAnnotation::Widget,
-                                      IAnnotation::Stamp}));
+                                      IAnnotation::Stamp, IAnnotation::Text, IAnnotation::Popup}));
     // A Hide action or a script could show a hidden one: nothing goes.
     for (const std::string shower : {"<< /S /Hide /T 4 0 R /H false >>", "<< /S /JavaScript /JS (show()) >>"}) {
         const auto path = temp.File("shows.pdf");
