@@ -256,8 +256,10 @@ TEST_F(Cli, NoCommandWritesOverItsInputs) {
 }
 
 // A page that cannot be drawn whole is an error, and no picture of it is
-// written; --keep-going goes on with the others, still with status 1.
-TEST_F(Cli, RenderCutShortIsAnError) {
+// written; --keep-going goes on with the others, still with status 1. The
+// photograph alone needs more memory than the limit allows: decoded whole for
+// a whole picture, and at 600 dpi even for one strip of it.
+TEST_F(Cli, RenderCutShortOrBeyondTheMemoryLimitIsAnError) {
     RunAll({
         {"render broken.pdf --out cut", 1, "", "quirelle: broken.pdf: page 1: cycle in page tree (--keep-going",
          [](const Result&) { EXPECT_FALSE(fs::exists(dir->File("cut/page-002.png"))); }},
@@ -265,6 +267,10 @@ TEST_F(Cli, RenderCutShortIsAnError) {
          "quirelle: broken.pdf: page 1: cycle in page tree\n"},
         {"--time-budget 1 render photo.pdf --dpi 300 --out short", 1, "", "quirelle: photo.pdf: page 1: ",
          [](const Result&) { EXPECT_FALSE(fs::exists(dir->File("short/page-001.png"))); }},
+        {"--memory-limit 16 render photo.pdf 1 --dpi 300 --format jpg --out short", 1, "",
+         "quirelle: photo.pdf: page 1: the page could not be drawn completely"},
+        {"--memory-limit 16 render photo.pdf 1 --dpi 600 --out short", 1, "",
+         "quirelle: photo.pdf: page 1: the page could not be drawn completely"},
     });
 }
 
@@ -321,17 +327,6 @@ TEST_F(Cli, RenderedInStripsAsDrawnWhole) {
         EXPECT_GT(strips.height(), 1000);
         EXPECT_TRUE(strips == whole);
     }
-}
-
-// The photograph alone needs more memory than the limit allows: decoded
-// whole for a whole picture, and at 600 dpi even for one strip of it.
-TEST_F(Cli, RenderBeyondTheMemoryLimitIsAnError) {
-    RunAll({
-        {"--memory-limit 16 render photo.pdf 1 --dpi 300 --format jpg --out short", 1, "",
-         "quirelle: photo.pdf: page 1: the page could not be drawn completely"},
-        {"--memory-limit 16 render photo.pdf 1 --dpi 600 --out short", 1, "",
-         "quirelle: photo.pdf: page 1: the page could not be drawn completely"},
-    });
 }
 
 TEST_F(Cli, EditsWriteNewFilesOrInPlace) {

@@ -80,14 +80,42 @@ TEST_F(DocumentTest, DamagedFilesGiveARuntimeErrorOrADocumentWhosePagesLoad) {
     EXPECT_EQ(Labels(*Open(shifted)), (Strings{"Page 1", "Page 2", "Page 3", "Page 4"}));
 }
 
-TEST_F(DocumentTest, OpensOnlyWithUserOrOwnerPassword) {
-    for (Method method : {Method::Rc4_40, Method::Rc4_128, Method::Aes128, Method::Aes256}) {
-        SCOPED_TRACE(int(method));
-        const fs::path path = Write(PdfBuilder().AddNumberedPages(2).Encrypt({"user", "owner", -4, method}));
+// Print, edit content, copy, edit pages, extract pages, low resolution.
+using Restrictions = std::array<bool, 6>;
+
+Restrictions RestrictionsOf(const IDocument& d) {
+    return {d.IsPrintProtected(),     d.IsEditContentProtected(),     d.IsCopyTextAndGraphicsProtected(),
+            d.IsEditPagesProtected(), d.IsExtractingPagesProtected(), d.IsPrintLowResolution()};
+}
+
+// Every method opens only with the user or the owner password; the user's
+// access follows the file's bits, the owner's is unrestricted.
+TEST_F(DocumentTest, OpensOnlyWithAPasswordAndUserAccessFollowsTheFilesBits) {
+    auto bit = [](int pdfBit) { return int32_t(1u << (pdfBit - 1)); };
+    const struct {
+        Method method;
+        int32_t p;
+        Restrictions user;
+    } cases[] = {{Method::Rc4_128, -4, {false, false, false, false, false, false}},
+                 {Method::Aes128, -4, {false, false, false, false, false, false}},
+                 {Method::Aes128, -4 & ~bit(3), {true, false, false, false, false, false}},
+                 {Method::Aes128, -4 & ~bit(12), {false, false, false, false, false, true}},
+                 {Method::Aes128, -4 & ~bit(4), {false, true, false, false, false, false}},
+                 {Method::Aes256, -4 & ~bit(5), {false, false, true, false, true, false}},
+                 {Method::Aes256, -4 & ~bit(11), {false, false, false, true, true, false}},
+                 {Method::Rc4_40, -4 & ~bit(4), {false, true, false, true, false, false}},  // revision 2
+                 {Method::Rc4_40, -4 & ~bit(12), {false, false, false, false, false, false}}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.p);
+        const fs::path path = Write(PdfBuilder().AddNumberedPages(2).Encrypt({"user", "owner", c.p, c.method}));
         EXPECT_EQ(OpenError(path, ""), "PASSWORD_ERROR");
         EXPECT_EQ(OpenError(path, "wrong"), "PASSWORD_ERROR");
-        EXPECT_EQ(Labels(*OpenFile(path, "user")), (Strings{"Page 1", "Page 2"}));
-        EXPECT_EQ(Labels(*OpenFile(path, "owner")), (Strings{"Page 1", "Page 2"}));
+        auto user = OpenFile(path, "user"), owner = OpenFile(path, "owner");
+        EXPECT_EQ(Labels(*user), (Strings{"Page 1", "Page 2"}));
+        EXPECT_EQ(Labels(*owner), (Strings{"Page 1", "Page 2"}));
+        EXPECT_TRUE(user->IsProtected() && owner->IsProtected());
+        EXPECT_EQ(RestrictionsOf(*user), c.user);
+        EXPECT_EQ(RestrictionsOf(*owner), Restrictions{});
     }
 
     // Without a user password the file opens anyway; a wrong password must
@@ -99,38 +127,6 @@ TEST_F(DocumentTest, OpensOnlyWithUserOrOwnerPassword) {
         EXPECT_EQ(Labels(*doc), (Strings{"Page 1"}));
     }
     EXPECT_FALSE(OpenFile(open, "owner")->IsPrintProtected());
-}
-
-// Print, edit content, copy, edit pages, extract pages, low resolution.
-using Restrictions = std::array<bool, 6>;
-
-Restrictions RestrictionsOf(const IDocument& d) {
-    return {d.IsPrintProtected(),     d.IsEditContentProtected(),     d.IsCopyTextAndGraphicsProtected(),
-            d.IsEditPagesProtected(), d.IsExtractingPagesProtected(), d.IsPrintLowResolution()};
-}
-
-TEST_F(DocumentTest, UserAccessFollowsTheFilesBitsAndOwnerAccessIsUnrestricted) {
-    auto bit = [](int pdfBit) { return int32_t(1u << (pdfBit - 1)); };
-    const struct {
-        Method method;
-        int32_t p;
-        Restrictions user;
-    } cases[] = {{Method::Aes128, -4, {false, false, false, false, false, false}},
-                 {Method::Aes128, -4 & ~bit(3), {true, false, false, false, false, false}},
-                 {Method::Aes128, -4 & ~bit(12), {false, false, false, false, false, true}},
-                 {Method::Aes128, -4 & ~bit(4), {false, true, false, false, false, false}},
-                 {Method::Aes256, -4 & ~bit(5), {false, false, true, false, true, false}},
-                 {Method::Aes256, -4 & ~bit(11), {false, false, false, true, true, false}},
-                 {Method::Rc4_40, -4 & ~bit(4), {false, true, false, true, false, false}},  // revision 2
-                 {Method::Rc4_40, -4 & ~bit(12), {false, false, false, false, false, false}}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.p);
-        const fs::path path = Write(PdfBuilder().AddNumberedPages(1).Encrypt({"user", "owner", c.p, c.method}));
-        auto user = OpenFile(path, "user"), owner = OpenFile(path, "owner");
-        EXPECT_TRUE(user->IsProtected() && owner->IsProtected());
-        EXPECT_EQ(RestrictionsOf(*user), c.user);
-        EXPECT_EQ(RestrictionsOf(*owner), Restrictions{});
-    }
 }
 
 std::vector<double> Widths(const IDocument& doc) {

@@ -32,15 +32,7 @@ public:
 
 TEST_F(ReadingService, QueriesAnswerAndReportTheirErrors) {
     const auto path = temp.File("labelled.pdf");
-    WriteFile(path, RawPdf({
-                        "<< /Type /Catalog /Pages 2 0 R /Outlines 5 0 R /PageLabels << /Nums [0 << /S /r >> 1 << "
-                        "/S /D /P (A-) >>] >> >>",
-                        "<< /Type /Pages /Count 2 /Kids [3 0 R 4 0 R] >>",
-                        "<< /Type /Page /Parent 2 0 R /MediaBox [0 0 612 792] >>",
-                        "<< /Type /Page /Parent 2 0 R /MediaBox [0 0 612 792] >>",
-                        "<< /First 6 0 R >>",
-                        "<< /Title (Appendix) /Dest [4 0 R /Fit] >>",
-                    }));
+    PdfBuilder().AddNumberedPages(2).AddPageLabels({{0, "r"}, {1, "D", "A-"}}).AddOutline({{"Appendix", 0, 1}}).Save(path);
     const int64_t id = Open(path);
     const std::vector<OutlineEntry> outline = Await(service->GetOutline(id));
     ASSERT_EQ(outline.size(), 1u);
