@@ -1,5 +1,6 @@
 // The reading queries and tiles through the service: their errors, their
-// answers, and pending tiles coalesced, cancelled and dropped by a close.
+// answers, and pending tiles coalesced and cancelled (what a close drops is in
+// the document lifecycle tests).
 
 #include <cmath>
 
@@ -14,21 +15,6 @@ using OutlineEntry = Orvane::PDF::OutlineEntry;
 constexpr auto kDefault = IPageInfoObserver::DefaultView;
 
 class ReadingService : public ServiceTest {};
-
-class TileRecorder : public ITileObserver {
-public:
-    struct Tile {
-        int64_t doc;
-        unsigned page;
-        Rect region;
-        QImage image;
-    };
-    void OnTile(int64_t doc, unsigned page, const Rect& region, double, IPageInfoObserver::ViewType,
-                const QImage& tile) override {
-        tiles.Add({doc, page, region, tile});
-    }
-    Recorded<Tile> tiles;
-};
 
 TEST_F(ReadingService, QueriesAnswerAndReportTheirErrors) {
     const auto path = temp.File("labelled.pdf");
@@ -86,39 +72,6 @@ TEST_F(ReadingService, TilesMatchThePageImageAndPendingOnesAreCoalescedAndCancel
     EXPECT_EQ(tiles[1].page, 1u);
     EXPECT_EQ(tiles[0].image.size(), QSize(100, 100));
     service.reset();  // the worker stops before the recorder goes
-}
-
-TEST_F(ReadingService, CloseDropsPendingTilesAndQueuedQueriesOfItsDocument) {
-    const int64_t clockDoc = OpenNumbered(40);
-    const int64_t doc = OpenNumbered(3);
-    TileRecorder recorder;
-    service->RegisterTileObserver(&recorder);
-    PassClock clock(*service, clockDoc);
-    clock.OccupyCloseStep();
-    // The first of each kind runs in pass 1, before its close step; the
-    // second waits for pass 2 and goes with the close.
-    const Rect region{0, 792, 100, 692};
-    service->GenerateTileAsync(doc, 0, region, 1, kDefault);
-    service->GenerateTileAsync(doc, 1, region, 1, kDefault);
-    auto firstTile = service->GenerateTile(doc, 0, region, 1, kDefault);
-    auto secondTile = service->GenerateTile(doc, 1, region, 1, kDefault);
-    auto firstLabels = service->GetPageLabels(doc);
-    auto secondLabels = service->GetPageLabels(doc);
-    auto firstSelection = service->SelectAll(doc, 0);
-    auto secondSelection = service->SelectAll(doc, 1);
-    auto close = service->CloseDoument(doc);
-    clock.Release();
-    Await(std::move(close));
-    clock.WaitForPass(3);
-
-    EXPECT_EQ(recorder.tiles.All().size(), 1u);
-    EXPECT_FALSE(Await(std::move(firstTile)).isNull());
-    EXPECT_EQ(Await(std::move(firstLabels)).size(), 3u);
-    EXPECT_EQ(Await(std::move(firstSelection)).text, "Page 1");
-    ExpectBroken(secondTile);
-    ExpectBroken(secondLabels);
-    ExpectBroken(secondSelection);
-    service->UnregisterTileObserver(&recorder);
 }
 
 }  // namespace
