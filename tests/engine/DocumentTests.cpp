@@ -41,10 +41,6 @@ TEST_F(DocumentTest, DamagedFilesGiveARuntimeErrorOrADocumentWhosePagesLoad) {
     const std::string good = PdfBuilder().AddNumberedPages(4).Build();
     std::string noise(4096, '\0');
     for (size_t i = 0; i < noise.size(); ++i) noise[i] = char((i * 7919u + 13u) % 251u);
-    auto tree = [](const std::string& pages) {
-        return RawPdf(
-            {"<< /Type /Catalog /Pages 2 0 R >>", pages, "<< /Type /Page /Parent 2 0 R /MediaBox [0 0 100 100] >>"});
-    };
     struct Case {
         std::string bytes;
         bool notAPdf;
@@ -53,12 +49,10 @@ TEST_F(DocumentTest, DamagedFilesGiveARuntimeErrorOrADocumentWhosePagesLoad) {
              {"", true},
              {"no PDF at all\n", true},
              {noise, true},
-             {good.substr(0, good.size() / 2), false},
              {good.substr(0, 40), false},
-             {good.substr(0, good.rfind("xref")), false},
-             {tree("<< /Type /Pages /Count 2 /Kids [2 0 R 3 0 R] >>"), false},
-             {tree("<< /Type /Pages /Count -5 /Kids [3 0 R] >>"), false},
-             {tree("<< /Type /Pages /Count 1410065407 /Kids [3 0 R] >>"), false}}) {  // opens with its one page
+             {RawPdf({"<< /Type /Catalog /Pages 2 0 R >>", "<< /Type /Pages /Count -5 /Kids [3 0 R] >>",
+                      "<< /Type /Page /Parent 2 0 R /MediaBox [0 0 100 100] >>"}),
+              false}}) {
         try {
             auto doc = Open(c.bytes);
             EXPECT_FALSE(c.notAPdf) << c.bytes.substr(0, 60);
@@ -73,11 +67,7 @@ TEST_F(DocumentTest, DamagedFilesGiveARuntimeErrorOrADocumentWhosePagesLoad) {
     }
     EXPECT_THROW(OpenFile(temp.File("missing.pdf")), std::runtime_error);
     EXPECT_THROW(OpenFile(temp.Path()), std::runtime_error);
-
-    // Every object moved: the broken cross-reference table is rebuilt.
-    std::string shifted = good;
-    shifted.insert(shifted.rfind('\n', shifted.find(" 0 obj")) + 1, "     ");
-    EXPECT_EQ(Labels(*Open(shifted)), (Strings{"Page 1", "Page 2", "Page 3", "Page 4"}));
+    // Files damaged the ways files get damaged are in the hostile-file tests.
 }
 
 // Print, edit content, copy, edit pages, extract pages, low resolution.
@@ -137,7 +127,6 @@ std::vector<double> Widths(const IDocument& doc) {
 
 TEST_F(DocumentTest, GetPageAnswersThePageNowAtTheIndexAfterEdits) {
     auto doc = std::make_shared<Pdfium::PdfDocument>(nullptr);
-    EXPECT_TRUE(doc->GetPageCount() == 0 && doc->GetDocumentPath().empty());
     auto held = doc->CreatePage(0, 100, 50);  // held pages keep MuPDF's record of their number
     doc->CreatePage(0, 200, 50);              // before the first
     doc->CreatePage(2, 300, 50);              // at the count: appended
