@@ -1,4 +1,4 @@
-// Asynchronous page requests: coalescing, cancellation, failures and
+// Asynchronous page and tile requests: coalescing, cancellation, failures and
 // observers that throw or act from inside their callbacks. What a close
 // drops is in the document lifecycle tests.
 
