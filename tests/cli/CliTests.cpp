@@ -238,26 +238,11 @@ TEST_F(Cli, Render) {
     });
 }
 
-// Only --out and --in-place name a file to write: the old form with the new
-// file first, or an output that is one of the inputs, changes nothing.
-TEST_F(Cli, NoCommandWritesOverItsInputs) {
-    RunAll({
-        {"export doc.pdf 3,1 --out two.pdf", 0, ""},
-        {"merge two.pdf doc.pdf", 2, "", "say where the result goes: quirelle merge two.pdf doc.pdf --out NEW.pdf"},
-        {"images-to-pdf scan.tiff scan.tiff", 2, "", "quirelle images-to-pdf scan.tiff scan.tiff --out NEW.pdf"},
-        {"merge doc.pdf two.pdf:1 --out two.pdf", 2, "", "two.pdf: is an input of the command"},
-        {"export two.pdf 1 --out ./two.pdf", 2, "", "./two.pdf: is the same file as two.pdf, an input"},
-        {"rotate two.pdf 1 --by 90 --out two.pdf", 2, "", "to change the file itself, use --in-place"},
-        {"images-to-pdf scan.tiff --out scan.tiff", 2, "", "scan.tiff: is an input"},
-        {"rotate scan.tiff 1 --by 90 --in-place", 2, "", "scan.tiff: an image file cannot be replaced by a PDF"},
-        {"text two.pdf", 0, "Page 3\nQuirelle and quirelle\n\fPage 1\n"},
-        {"info scan.tiff", 0, "pages:       3\n"},
-    });
-}
-
 // A page that cannot be drawn whole is an error, and no picture of it is
-// written; --keep-going goes on with the others, still with status 1.
-TEST_F(Cli, RenderCutShortIsAnError) {
+// written; --keep-going goes on with the others, still with status 1. The
+// photograph alone needs more memory than the limit allows: decoded whole for
+// a whole picture, and at 600 dpi even for one strip of it.
+TEST_F(Cli, RenderCutShortOrBeyondTheMemoryLimitIsAnError) {
     RunAll({
         {"render broken.pdf --out cut", 1, "", "quirelle: broken.pdf: page 1: cycle in page tree (--keep-going",
          [](const Result&) { EXPECT_FALSE(fs::exists(dir->File("cut/page-002.png"))); }},
@@ -265,6 +250,10 @@ TEST_F(Cli, RenderCutShortIsAnError) {
          "quirelle: broken.pdf: page 1: cycle in page tree\n"},
         {"--time-budget 1 render photo.pdf --dpi 300 --out short", 1, "", "quirelle: photo.pdf: page 1: ",
          [](const Result&) { EXPECT_FALSE(fs::exists(dir->File("short/page-001.png"))); }},
+        {"--memory-limit 16 render photo.pdf 1 --dpi 300 --format jpg --out short", 1, "",
+         "quirelle: photo.pdf: page 1: the page could not be drawn completely"},
+        {"--memory-limit 16 render photo.pdf 1 --dpi 600 --out short", 1, "",
+         "quirelle: photo.pdf: page 1: the page could not be drawn completely"},
     });
 }
 
@@ -323,18 +312,7 @@ TEST_F(Cli, RenderedInStripsAsDrawnWhole) {
     }
 }
 
-// The photograph alone needs more memory than the limit allows: decoded
-// whole for a whole picture, and at 600 dpi even for one strip of it.
-TEST_F(Cli, RenderBeyondTheMemoryLimitIsAnError) {
-    RunAll({
-        {"--memory-limit 16 render photo.pdf 1 --dpi 300 --format jpg --out short", 1, "",
-         "quirelle: photo.pdf: page 1: the page could not be drawn completely"},
-        {"--memory-limit 16 render photo.pdf 1 --dpi 600 --out short", 1, "",
-         "quirelle: photo.pdf: page 1: the page could not be drawn completely"},
-    });
-}
-
-TEST_F(Cli, EditsWriteNewFilesOrInPlace) {
+TEST_F(Cli, EditsWriteNewFilesOrInPlaceAndNeverOverTheirInputs) {
     RunAll({
         {"export doc.pdf 3,1 --out two.pdf", 0, "two.pdf: 2 pages exported from doc.pdf\n"},
         {"text two.pdf", 0, "Page 3\nQuirelle and quirelle\n\fPage 1\n"},
@@ -379,6 +357,17 @@ TEST_F(Cli, EditsWriteNewFilesOrInPlace) {
         {"info scans.pdf", 0, "1-6: 40 x 30 pt landscape\n"},
         {"images-to-pdf doc.pdf --out x.pdf", 2, "", "doc.pdf: not an image file name"},
         {"images-to-pdf missing.png --out x.pdf", 1, "", "missing.png: no such file"},
+        // Only --out and --in-place name a file to write: the old form with the
+        // new file first, or an output that is one of the inputs, changes nothing.
+        {"merge two.pdf doc.pdf", 2, "", "say where the result goes: quirelle merge two.pdf doc.pdf --out NEW.pdf"},
+        {"images-to-pdf scan.tiff scan.tiff", 2, "", "quirelle images-to-pdf scan.tiff scan.tiff --out NEW.pdf"},
+        {"merge doc.pdf two.pdf:1 --out two.pdf", 2, "", "two.pdf: is an input of the command"},
+        {"export two.pdf 1 --out ./two.pdf", 2, "", "./two.pdf: is the same file as two.pdf, an input"},
+        {"rotate two.pdf 1 --by 90 --out two.pdf", 2, "", "to change the file itself, use --in-place"},
+        {"images-to-pdf scan.tiff --out scan.tiff", 2, "", "scan.tiff: is an input"},
+        {"rotate scan.tiff 1 --by 90 --in-place", 2, "", "scan.tiff: an image file cannot be replaced by a PDF"},
+        {"text two.pdf", 0, "Page 3\nQuirelle and quirelle\n\fPage 1\n"},
+        {"info scan.tiff", 0, "pages:       3\n"},
     });
 }
 

@@ -1,11 +1,9 @@
 // Annotations as files hold them: every numbered type with the values its
-// dictionary gives; hidden annotations a user made survive the removal of
-// hidden objects.
+// dictionary gives.
 
-#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 
 #include "engine/Annotations.h"
-#include "engine/DocumentCore.h"
 #include "tests/engine/DocumentTestSupport.h"
 
 namespace QuirelleTest {
@@ -82,26 +80,6 @@ TEST_F(Annotations, EveryNumberedTypeIsReadWithTheValuesTheFileHolds) {
     ASSERT_EQ(list[14].inkStrokes.size(), 2u);
     EXPECT_EQ(list[14].inkStrokes[0].size(), 2u);
     EXPECT_EQ(list[14].inkStrokes[1][0].x, 30);
-}
-
-TEST_F(Annotations, RemovingHiddenObjectsKeepsTheHiddenAnnotationsAUserMade) {
-    PageLayout page;
-    page.annotations.push_back({"Square", {10, 30, 40, 20}, 2});  // hidden in the file
-    auto document = Open(PdfBuilder().AddPage(page));
-    NewAnnotation note;
-    note.type = AnnotText;
-    note.at = {100, 100};
-    const int64_t made = Pdfium::CreateAnnotation(*document, 0, note);
-    // Hidden afterwards (as a form script or another tool might).
-    fz_context* ctx = document->Core()->ctx;
-    pdf_obj* obj = pdf_load_object(ctx, document->Core()->doc, int(made));
-    pdf_dict_put_int(ctx, obj, PDF_NAME(F), 2);
-    pdf_drop_obj(ctx, obj);
-
-    document->RemoveHiddenObjects();
-    std::vector<int> left;
-    for (const Annotation& a : Pdfium::ListAnnotations(*document, 0)) left.push_back(a.type);
-    EXPECT_THAT(left, ::testing::ElementsAre(AnnotText, AnnotPopup));
 }
 
 }  // namespace

@@ -3,7 +3,6 @@
 // leaves the target as it was and nothing else behind.
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -93,14 +92,6 @@ TEST(AtomicFile, ReplacesTheTargetOnlyOnCommitAndLeavesNothingBehind) {
     fs::remove_all(target);
     EXPECT_THROW(NewFile(target / "below" / "doc.pdf"), Orvane::Exception);  // no directory to write in
     EXPECT_TRUE(Names(temp.Path()).empty());
-}
-
-TEST(AtomicFile, ANewFileKeepsThePermissionsOfTheFileItReplaces) {
-    QuirelleTest::TempDir temp;
-    const fs::path target = temp.File("doc.pdf");
-    WriteFile(target, "old");
-    ASSERT_EQ(::chmod(target.c_str(), 0640), 0);
-    EXPECT_EQ(Orvane::PDF::Pdfium::modeFor(target), mode_t(0640));
 }
 
 }  // namespace

@@ -4,7 +4,6 @@
 // engine wrote or drew, and hand-written files for what PdfBuilder cannot make.
 
 #include <algorithm>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <memory>
@@ -15,6 +14,7 @@
 #include "engine/Engine.h"
 #include "engine/Guarded.h"
 #include "engine/PdfDocument.h"
+#include "engine/Watchdog.h"
 #include "tests/support/EngineTest.h"
 
 namespace QuirelleTest {
@@ -55,11 +55,6 @@ inline int CountObjects(const std::filesystem::path& path, const char* name) {
     });
 }
 
-// qpdf's structural check finds neither errors nor warnings.
-inline bool QpdfClean(const std::filesystem::path& path) {
-    return std::system(("qpdf --check '" + path.string() + "' > /dev/null 2>&1").c_str()) == 0;
-}
-
 // A rendered picture: the bitmap is filled with fill first, as the service
 // does; the bytes past each row's width must stay untouched.
 class Picture {
@@ -81,6 +76,17 @@ private:
     int stride_;
     std::vector<unsigned char> bytes_;
 };
+
+// The page drawn over white at width x height, within a request's budget as
+// the service draws it; throws what the renderer throws.
+inline QImage Render(const std::shared_ptr<IPage>& page, int width, int height) {
+    QImage picture(width, height, QImage::Format_RGB32);
+    picture.fill(Qt::white);
+    const Pdfium::RequestBudget budget;
+    Pdfium::CreatePageRenderer()->Render(
+        page, Pdfium::CreateBitmap(width, height, IBitmap::Bgrx, picture.bits(), int(picture.bytesPerLine())), false);
+    return picture;
+}
 
 constexpr uint32_t kWhite = 0xFFFFFFFF, kRed = 0xFFFF0000, kBlue = 0xFF0000FF;
 

@@ -35,28 +35,19 @@ std::vector<std::string> OnePage(const std::string& resources, const std::string
             RawStream("", content)};
 }
 
-class HostileFiles : public EngineTest {
+class HostileFiles : public FileTest {
 protected:
-    std::shared_ptr<Pdfium::PdfDocument> Open(const std::vector<std::string>& objects) {
-        const auto path = temp.File("hostile" + std::to_string(files++) + ".pdf");
-        WriteFile(path, RawPdf(objects));
-        return std::make_shared<Pdfium::PdfDocument>(nullptr, path.string(), "");
-    }
+    using FileTest::Open;
+    std::shared_ptr<Pdfium::PdfDocument> Open(const std::vector<std::string>& objects) { return Open(RawPdf(objects)); }
     // Renders page 0 at 100 x 100; false when the renderer threw.
-    bool Render(const std::shared_ptr<Pdfium::PdfDocument>& document) {
-        QImage picture(100, 100, QImage::Format_RGB32);
-        picture.fill(Qt::white);
-        std::shared_ptr<IBitmap> bitmap =
-            Pdfium::CreateBitmap(100, 100, IBitmap::Bgrx, picture.bits(), int(picture.bytesPerLine()));
+    static bool Renders(const std::shared_ptr<Pdfium::PdfDocument>& document) {
         try {
-            Pdfium::CreatePageRenderer()->Render(document->GetPage(0), bitmap, false);
+            QuirelleTest::Render(document->GetPage(0), 100, 100);
             return true;
         } catch (const Orvane::Exception&) {
             return false;
         }
     }
-
-    int files = 0;
 };
 
 TEST_F(HostileFiles, PageTreeWhoseParentsLoopIsEditedOrRefusedInsteadOfHanging) {
@@ -80,7 +71,7 @@ TEST_F(HostileFiles, PageTreeWhoseParentsLoopIsEditedOrRefusedInsteadOfHanging) 
     EXPECT_THROW(document->CreatePage(1, 100, 100), Orvane::Exception);
     EXPECT_THROW(document->DeletePage(0), Orvane::Exception);
     EXPECT_EQ(document->GetPageCount(), 1u);
-    EXPECT_TRUE(Render(document));
+    EXPECT_TRUE(Renders(document));
 }
 
 TEST_F(HostileFiles, ReferencesNestedTooDeepAreRefusedByImportAndSaveAndLeaveTheSourceWorking) {
@@ -97,7 +88,7 @@ TEST_F(HostileFiles, ReferencesNestedTooDeepAreRefusedByImportAndSaveAndLeaveThe
     EXPECT_THROW(source->Save(temp.File("deep.pdf").string(), 0), Orvane::Exception);
     source->CreatePage(1, 100, 100);
     EXPECT_EQ(source->GetPageCount(), 2u);
-    EXPECT_TRUE(Render(source));
+    EXPECT_TRUE(Renders(source));
 }
 
 TEST_F(HostileFiles, ExponentiallyNestedFormsEndWithinTheBudget) {
@@ -112,7 +103,7 @@ TEST_F(HostileFiles, ExponentiallyNestedFormsEndWithinTheBudget) {
     objects.push_back(RawStream("/Type /XObject /Subtype /Form /BBox [0 0 200 200]", "0 0 1 1 re f"));
     auto document = Open(objects);
     SetTimeBudget(std::chrono::milliseconds(200));
-    EXPECT_FALSE(Render(document));
+    EXPECT_FALSE(Renders(document));
     EXPECT_THROW(document->GetPage(0)->GetTextObject(), Orvane::Exception);
     EXPECT_THROW(document->GetPage(0)->GetObjectCount(), Orvane::Exception);
     SetEngineLimits(saved);
@@ -128,12 +119,12 @@ TEST_F(HostileFiles, DecompressionBombsEndQuicklyWithinTheMemoryCap) {
     objects.push_back(RawStream("/Type /XObject /Subtype /Image /Width 40000 /Height 40000 /ColorSpace /DeviceGray "
                                 "/BitsPerComponent 8 /Filter [/FlateDecode /FlateDecode]",
                                 bomb));
-    EXPECT_TRUE(Render(Open(objects)));
+    EXPECT_TRUE(Renders(Open(objects)));
     objects.resize(3);
     objects.push_back(RawStream("/Filter [/FlateDecode /FlateDecode]", bomb));
     auto content = Open(objects);
     SetTimeBudget(std::chrono::milliseconds(300));
-    EXPECT_FALSE(Render(content));
+    EXPECT_FALSE(Renders(content));
     EXPECT_THROW(content->GetPage(0)->GetTextObject(), Orvane::Exception);
     EXPECT_LT(Pdfium::MemoryInUse(), Pdfium::kDefaultBlockLimit);
 }
@@ -145,15 +136,13 @@ double SecondsSince(std::chrono::steady_clock::time_point start) {
 TEST_F(HostileFiles, DamagedFilesOpenWithThePagesTheyHoldAndSaveClean) {
     for (const DamagedPdf& damaged : DamagedPdfs()) {
         SCOPED_TRACE(damaged.name);
-        const auto path = temp.File("damaged" + std::to_string(files++) + ".pdf");
-        WriteFile(path, damaged.bytes);
         const auto start = std::chrono::steady_clock::now();
-        auto document = std::make_shared<Pdfium::PdfDocument>(nullptr, path.string(), "");
+        auto document = Open(damaged.bytes);
         EXPECT_LT(SecondsSince(start), 1.0);
         ASSERT_EQ(document->GetPageCount(), unsigned(damaged.pages));
         for (int i = 0; i < damaged.pages; ++i) EXPECT_EQ(document->GetPage(unsigned(i))->GetSize().width, 200);
-        EXPECT_TRUE(Render(document));
-        const auto saved = temp.File("saved" + std::to_string(files++) + ".pdf");
+        EXPECT_TRUE(Renders(document));
+        const auto saved = temp.File("saved.pdf");
         document->Save(saved.string(), 0);
         EXPECT_TRUE(QpdfClean(saved));
         EXPECT_EQ(OpenFile(saved)->GetPageCount(), unsigned(damaged.pages));
@@ -175,7 +164,7 @@ TEST_F(HostileFiles, APageListedFiftyThousandTimesIsAPageEachTimeAndEditsTouchOn
     document->DeletePage(0);
     EXPECT_EQ(document->GetPageCount(), 49999u);
     EXPECT_EQ(document->GetPage(0)->GetRotation(), IPage::Rotate90);
-    EXPECT_TRUE(Render(document));
+    EXPECT_TRUE(Renders(document));
     const auto saved = temp.File("listed.pdf");
     document->Save(saved.string(), 0);
     EXPECT_TRUE(QpdfClean(saved));

@@ -75,14 +75,22 @@ TEST_F(ImportTest, CopiesListedPagesInOrderWithDuplicatesAtTheInsertionPointAlso
 TEST_F(ImportTest, SharedResourcesArriveOncePerCall) {
     PageLayout withImage;
     withImage.images.push_back({{100, 500, 300, 300}, 16, 16, 0x00FF00, 200});
-    auto source = Open(PdfBuilder().InheritAttributes().AddNumberedPages(19).AddPage(withImage));
-    auto target = std::make_shared<Pdfium::PdfDocument>(nullptr);
-    CreatePageImporter()->ImportAllPages(source, target, 0);
-    const auto path = temp.File("shared.pdf");
-    target->Save(path, 0);
-    EXPECT_EQ(CountObjects(path, "Font"), 1);
-    EXPECT_EQ(CountObjects(path, "Image"), 2);  // the picture and its soft mask
-    EXPECT_EQ(CountObjects(path, "Page"), 20);
+    // All pages of a file whose pages inherit their resources, or a list with
+    // a page twice (as an export takes them) from one whose pages hold their own.
+    for (bool all : {true, false}) {
+        auto source = Open(PdfBuilder().InheritAttributes(all).AddNumberedPages(19).AddPage(withImage));
+        auto target = std::make_shared<Pdfium::PdfDocument>(nullptr);
+        if (all) {
+            CreatePageImporter()->ImportAllPages(source, target, 0);
+        } else {
+            CreatePageImporter()->ImportPages(source, {19, 3, 19, 0}, target, 0);
+        }
+        const auto path = temp.File(all ? "all.pdf" : "listed.pdf");
+        target->Save(path, 0);
+        EXPECT_EQ(CountObjects(path, "Font"), 1);
+        EXPECT_EQ(CountObjects(path, "Image"), 2);  // the picture and its soft mask
+        EXPECT_EQ(CountObjects(path, "Page"), all ? 20 : 4);
+    }
 }
 
 TEST_F(ImportTest, AnnotationsNeverBringOtherPagesAlongAndNamedLinksResolveThroughTheNamesTree) {

@@ -17,7 +17,7 @@
 #include "engine/Watchdog.h"
 #include "orvane/Exception.h"
 #include "orvane/pdf/EngineLimits.h"
-#include "tests/support/EngineTest.h"
+#include "tests/engine/DocumentTestSupport.h"
 #include "tests/support/HostilePdf.h"
 
 namespace QuirelleTest {
@@ -45,13 +45,8 @@ TEST_F(Limits, PageRunsPastTheirBudgetAreAbortedWithAnException) {
     const auto path = temp.File("page.pdf");
     PdfBuilder().AddNumberedPages(1).Save(path);
     auto document = std::make_shared<Pdfium::PdfDocument>(nullptr, path.string(), "");
-    QImage picture(100, 100, QImage::Format_RGB32);
-    std::shared_ptr<IBitmap> bitmap =
-        Pdfium::CreateBitmap(100, 100, IBitmap::Bgrx, picture.bits(), static_cast<int>(picture.bytesPerLine()));
-    auto renderer = Pdfium::CreatePageRenderer();
-
     SetTimeBudget(std::chrono::milliseconds(0));
-    EXPECT_THROW(renderer->Render(document->GetPage(0), bitmap, false), Orvane::Exception);
+    EXPECT_THROW(Render(document->GetPage(0), 100, 100), Orvane::Exception);
     EXPECT_THROW(document->GetPage(0)->GetTextObject(), Orvane::Exception);
     EXPECT_THROW(document->GetPage(0)->GetObjectIndices(), Orvane::Exception);
     try {
@@ -61,28 +56,21 @@ TEST_F(Limits, PageRunsPastTheirBudgetAreAbortedWithAnException) {
         EXPECT_NE(std::string(e.what()).find("time budget"), std::string::npos) << e.what();
     }
     SetEngineLimits(saved);
-    EXPECT_NO_THROW(renderer->Render(document->GetPage(0), bitmap, false));
+    EXPECT_NO_THROW(Render(document->GetPage(0), 100, 100));
 }
 
 // A picture of the page at width x height, or the exception's message.
-struct Picture {
+struct Attempt {
     QImage image;
     std::string failure;
 };
 
-Picture Render(const std::shared_ptr<IPage>& page, int width, int height) {
-    Picture result{QImage(width, height, QImage::Format_RGB32), {}};
-    result.image.fill(Qt::white);
-    std::shared_ptr<IBitmap> bitmap = Pdfium::CreateBitmap(width, height, IBitmap::Bgrx, result.image.bits(),
-                                                           static_cast<int>(result.image.bytesPerLine()));
+Attempt Draw(const std::shared_ptr<IPage>& page, int width, int height) {
     try {
-        const Pdfium::RequestBudget budget;  // as the service gives every request
-        Pdfium::CreatePageRenderer()->Render(page, bitmap, false);
+        return {Render(page, width, height), {}};
     } catch (const Orvane::Exception& e) {
-        result.failure = e.what();
-        result.image = QImage();
+        return {QImage(), e.what()};
     }
-    return result;
 }
 
 bool NamesALimit(const std::string& message) {
@@ -97,8 +85,8 @@ TEST_F(Limits, EveryClassOfEndlessWorkEndsWithinTheBudgetAndThenAnswersAtOnce) {
         WriteFile(path, hostile.bytes);
         auto document = std::make_shared<Pdfium::PdfDocument>(nullptr, path.string(), "");
         const std::function<std::string()> requests[] = {
-            [&] { return Render(document->GetPage(0), 200, 200).failure; },
-            [&] { return Render(document->GetPage(0), 800, 800).failure; },
+            [&] { return Draw(document->GetPage(0), 200, 200).failure; },
+            [&] { return Draw(document->GetPage(0), 800, 800).failure; },
             [&] {
                 document->GetPage(0)->GetTextObject();
                 return std::string();
@@ -136,7 +124,7 @@ TEST_F(Limits, EveryClassOfEndlessWorkEndsWithinTheBudgetAndThenAnswersAtOnce) {
         SetTimeBudget(std::chrono::milliseconds(1001));
         if (first.find("ran past") != std::string::npos) {
             const auto start = std::chrono::steady_clock::now();
-            Render(document->GetPage(0), 200, 200);
+            Draw(document->GetPage(0), 200, 200);
             EXPECT_GT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(10));
         }
         SetTimeBudget(std::chrono::seconds(1));
@@ -150,13 +138,13 @@ TEST_F(Limits, APictureCutShortByTheMemoryLimitIsNoPicture) {
     const auto path = temp.File("photo.pdf");
     PdfBuilder().AddPage(page).Save(path);
     auto document = std::make_shared<Pdfium::PdfDocument>(nullptr, path.string(), "");
-    const Picture whole = Render(document->GetPage(0), 1224, 1584);
+    const Attempt whole = Draw(document->GetPage(0), 1224, 1584);
     ASSERT_TRUE(whole.failure.empty()) << whole.failure;
     int cut = 0;
     for (size_t room : {size_t(1) << 20, size_t(4) << 20, size_t(8) << 20, size_t(16) << 20}) {
         Pdfium::DisplayListCache::Instance().DropDocument(Pdfium::CurrentContext(), document->Core()->serial);
         SetMemoryLimit(Pdfium::MemoryInUse() + room);
-        const Picture picture = Render(document->GetPage(0), 1224, 1584);
+        const Attempt picture = Draw(document->GetPage(0), 1224, 1584);
         SetEngineLimits(saved);
         if (picture.failure.empty()) {
             EXPECT_TRUE(picture.image == whole.image) << "a picture within " << (room >> 20) << " MiB differs";
@@ -175,7 +163,7 @@ TEST_F(Limits, NoRefusedAllocationWaitsForALockItsThreadHolds) {
     const auto path = temp.File("text.pdf");
     PdfBuilder().AddNumberedPages(20).Save(path);
     auto document = std::make_shared<Pdfium::PdfDocument>(nullptr, path.string(), "");
-    for (unsigned i = 0; i < 20; ++i) Render(document->GetPage(i), 300, 300);
+    for (unsigned i = 0; i < 20; ++i) Draw(document->GetPage(i), 300, 300);
     // The font stays in the store, held by nothing else.
     Pdfium::DisplayListCache::Instance().DropDocument(Pdfium::CurrentContext(), document->Core()->serial);
     fz_purge_glyph_cache(Pdfium::CurrentContext());

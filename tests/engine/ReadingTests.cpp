@@ -242,7 +242,7 @@ std::pair<int, int> CompareTile(const std::shared_ptr<IPage>& page, const Rect& 
     return {differing, most};
 }
 
-TEST_F(Reading, TilesHoldThePixelsOfTheWholePicture) {
+TEST_F(Reading, TilesHoldThePixelsOfTheWholePictureAndCheckTheirArguments) {
     PageLayout page = TwoColumns();
     page.rects = {{{100, 650, 400, 400}, 0x3366CC}};
     page.images = {{{150, 380, 350, 250}, 16, 16, 0xCC2200, 128}};
@@ -272,24 +272,22 @@ TEST_F(Reading, TilesHoldThePixelsOfTheWholePicture) {
             for (int x = 0; x < all.width(); ++x) unequal += all.pixel(x, y) != whole.At(x, y);
         EXPECT_EQ(unequal, 0);
     }
-}
 
-TEST_F(Reading, TileArgumentsAreChecked) {
-    const auto page = FirstPage(TwoColumns());
+    // Arguments are checked.
+    const auto plain = FirstPage(TwoColumns());
     const std::function<void()> calls[] = {
-        [&] { Pdfium::RenderTile(page, {0, 0, 10, 10}, 1, false); },             // empty (top below bottom)
-        [&] { Pdfium::RenderTile(page, {700, 900, 800, 800}, 1, false); },       // off the page
-        [&] { Pdfium::RenderTile(page, {0, 100, 100, 0}, 0, false); },           // no scale
-        [&] { Pdfium::RenderTile(page, {0, 792, 612, 0}, 100, false); },         // 3,7 gigapixels
-        [&] { Pdfium::RenderTile(page, {0, NAN, 100, 0}, 1, false); },           // not finite
+        [&] { Pdfium::RenderTile(plain, {0, 0, 10, 10}, 1, false); },             // empty (top below bottom)
+        [&] { Pdfium::RenderTile(plain, {700, 900, 800, 800}, 1, false); },       // off the page
+        [&] { Pdfium::RenderTile(plain, {0, 100, 100, 0}, 0, false); },           // no scale
+        [&] { Pdfium::RenderTile(plain, {0, 792, 612, 0}, 100, false); },         // 3,7 gigapixels
+        [&] { Pdfium::RenderTile(plain, {0, NAN, 100, 0}, 1, false); },           // not finite
     };
     for (const auto& call : calls) EXPECT_THROW(call(), std::invalid_argument);
     // At 3200 % a tile of 512 x 512 pixels is 16 x 16 points, and white where nothing is drawn.
-    const QImage tile = Pdfium::RenderTile(page, {500, 100, 516, 84}, 32, false);
+    const QImage tile = Pdfium::RenderTile(plain, {500, 100, 516, 84}, 32, false);
     EXPECT_EQ(tile.size(), QSize(512, 512));
     EXPECT_EQ(tile.pixel(0, 0), 0xFFFFFFFFu);
 }
-
 
 // MuPDF's own outline reader as a reference: "title>page" as Flatten writes
 // them. MuPDF gives page 0 to an entry that leads to no page of the document

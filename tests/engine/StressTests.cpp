@@ -19,7 +19,7 @@
 #include "engine/PdfDocument.h"
 #include "orvane/Exception.h"
 #include "orvane/pdf/EngineLimits.h"
-#include "tests/support/EngineTest.h"
+#include "tests/engine/DocumentTestSupport.h"
 #include "tests/support/HostilePdf.h"
 
 namespace QuirelleTest {
@@ -63,21 +63,12 @@ TEST_F(Stress, TinyLimitsNeverHangAndNeverAnswerHalfAnAnswer) {
     }
     std::vector<std::shared_ptr<Pdfium::PdfDocument>> documents;
     for (const auto& file : files) documents.push_back(std::make_shared<Pdfium::PdfDocument>(nullptr, file.string(), ""));
-    auto renderer = Pdfium::CreatePageRenderer();
 
     // What the manual's pages look like and say without limits.
     std::vector<QImage> pictures;
     std::vector<std::wstring> texts;
-    auto render = [&](const std::shared_ptr<IPage>& page, int size) {
-        QImage picture(size, size, QImage::Format_RGB32);
-        picture.fill(Qt::white);
-        std::shared_ptr<IBitmap> bitmap = Pdfium::CreateBitmap(size, size, IBitmap::Bgrx, picture.bits(), int(picture.bytesPerLine()));
-        const Pdfium::RequestBudget budget;
-        renderer->Render(page, bitmap, false);
-        return picture;
-    };
     for (unsigned i = 0; i < documents[0]->GetPageCount(); ++i) {
-        pictures.push_back(render(documents[0]->GetPage(i), 600));
+        pictures.push_back(Render(documents[0]->GetPage(i), 600, 600));
         texts.push_back(documents[0]->GetPage(i)->GetTextObject()->GetText());
     }
 
@@ -115,7 +106,7 @@ TEST_F(Stress, TinyLimitsNeverHangAndNeverAnswerHalfAnAnswer) {
             switch (operation) {
                 case 0:
                 case 1: {
-                    const QImage picture = render(page, 600);
+                    const QImage picture = Render(page, 600, 600);
                     if (which == 0) {
                         EXPECT_TRUE(picture == pictures[index]) << current << ": a different picture";
                     }

@@ -1,4 +1,4 @@
-// Asynchronous page requests: coalescing, cancellation, failures and
+// Asynchronous page and tile requests: coalescing, cancellation, failures and
 // observers that throw or act from inside their callbacks. What a close
 // drops is in the document lifecycle tests.
 
@@ -30,8 +30,17 @@ protected:
 
 TEST_F(AsyncRequests, PendingRequestsAreCoalescedAndCancelledExactly) {
     const int64_t otherDoc = OpenNumbered(9);
+    TileRecorder recorder;
+    service->RegisterTileObserver(&recorder);
     {
         PassClock clock(*service, clockDoc);
+        // Tiles: a repeat answered once, cancelled by region and exact scale or by page.
+        const Rect a{0, 792, 100, 692}, b{100, 792, 200, 692};
+        for (const auto& [page, region] : {std::pair{0u, a}, {0u, a}, {0u, b}, {1u, a}, {2u, a}, {2u, b}})
+            service->GenerateTileAsync(doc, page, region, 1, kDefault);
+        service->CancelTile(doc, 0, b, 1, kDefault);
+        service->CancelTile(doc, 1, a, 2, kDefault);  // another scale: matches nothing
+        service->CancelTiles(doc, 2);
         // Page information: answered once each, oldest first; a repeat moves to the back.
         for (unsigned page : {3u, 3u, 4u, 6u, 5u, 6u}) service->GetPageInfoAsync(doc, page, kDefault);
         // Images are keyed on the page index alone, per view set.
@@ -51,8 +60,15 @@ TEST_F(AsyncRequests, PendingRequestsAreCoalescedAndCancelledExactly) {
         clock.Release();
         observer.infos.WaitFor(5);
         observer.images.WaitFor(2);
+        recorder.tiles.WaitFor(2);
         clock.WaitForPass(7);  // a later pass would answer anything else that was kept
     }
+    service->UnregisterTileObserver(&recorder);
+    const auto tiles = recorder.tiles.All();
+    ASSERT_EQ(tiles.size(), 2u);
+    EXPECT_EQ(tiles[0].page, 0u);
+    EXPECT_EQ(tiles[1].page, 1u);
+    EXPECT_EQ(tiles[0].image.size(), QSize(100, 100));
     std::vector<unsigned> pages;
     for (const auto& info : observer.infos.All()) pages.push_back(info.page);
     EXPECT_EQ(pages, (std::vector<unsigned>{3, 4, 5, 6, 2}));

@@ -1,6 +1,6 @@
 // What an application may get wrong must not end the process: tasks that
-// cannot run, callbacks whose captured state calls back into the service,
-// and documents kept after their service is gone.
+// cannot run and documents kept after their service is gone (a search
+// callback whose state calls back into the service is in the search tests).
 
 #include "tests/service/ServiceTest.h"
 
@@ -19,28 +19,6 @@ TEST_F(CallerMistakes, TasksThatCannotRunAreRefusedWithoutEndingTheWorker) {
     ran(none);
     service->ExecuteWithDocument(doc, std::move(ran));
     EXPECT_EQ(Await(service->GetPageInfo(doc, 0)).size.width, 612);
-}
-
-TEST_F(CallerMistakes, SearchCallbacksAreDestroyedOutsideTheServiceLock) {
-    const int64_t doc = OpenNumbered(3);
-    const int64_t clockDoc = OpenNumbered(40);
-    // Its destructor asks the service something, which takes the service's lock.
-    struct CallsBack {
-        Quirelle& service;
-        int64_t doc;
-        ~CallsBack() { service.GetPageCount(doc); }
-    };
-    auto callback = [&] {
-        return [state = std::make_shared<CallsBack>(CallsBack{*service, doc})](
-                   unsigned, const std::vector<SearchResultInfo>&, const std::shared_ptr<ITextObject>&) {};
-    };
-    {
-        // Stopped before its first step: the service holds the last copy.
-        PassClock clock(*service, clockDoc);
-        const int64_t search = service->SearchInDocument(doc, 0, L"page", callback());
-        service->StopSearch(search);
-    }
-    EXPECT_EQ(service->GetPageCount(doc), 3);
 }
 
 TEST_F(CallerMistakes, DocumentsKeptAfterCloseOrAfterTheServiceAreReleasedSafely) {

@@ -57,29 +57,5 @@ TEST(DamagedFiles, OpenAnswersWithinTheBudgetAndEveryRequestOnWhatOpenedAnswers)
     EXPECT_GT(opened, copies / 2);
 }
 
-TEST(DamagedFiles, EachClassOfDamageOpensWithThePagesItHoldsAtOnce) {
-    TempDir temp;
-    Quirelle service(nullptr);
-    int n = 0;
-    for (const DamagedPdf& damaged : DamagedPdfs()) {
-        const auto path = temp.File("class" + std::to_string(n++) + ".pdf");
-        WriteFile(path, damaged.bytes);
-        const auto start = std::chrono::steady_clock::now();
-        const int64_t id = service.OpenDocument(path, "").get().id;
-        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1)) << damaged.name;
-        ASSERT_GE(id, 0) << damaged.name;
-        EXPECT_EQ(service.GetPageCount(id), damaged.pages) << damaged.name;
-        Await(service.CloseDoument(id));
-    }
-    // Nothing to open: answered at once.
-    const auto path = temp.File("nothing.pdf");
-    WriteFile(path, "not a PDF at all\n");
-    const auto start = std::chrono::steady_clock::now();
-    const auto nothing = service.OpenDocument(path, "").get();
-    EXPECT_EQ(nothing.id, -1);
-    EXPECT_FALSE(nothing.passwordError);
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
-}
-
 }  // namespace
 }  // namespace QuirelleTest

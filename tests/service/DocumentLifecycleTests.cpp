@@ -132,14 +132,24 @@ TEST_F(DocumentLifecycle, CloseRunsLastInItsPassAndDiscardsWhatIsStillQueued) {
     const int64_t other = Open(NumberedPdf(3, "other.pdf"));
     RecordingObserver observer;
     service->RegisterEventHandler(&observer);
+    TileRecorder recorder;
+    service->RegisterTileObserver(&recorder);
     PassClock clock(*service, clockDoc);
     clock.OccupyCloseStep();
     // The first of each kind runs in pass 1, before that pass's close step;
     // the second of a kind waits for pass 2 and is purged by the close.
+    const Rect region{0, 792, 100, 692};
     for (unsigned page : {1u, 2u}) {
         service->GeneratePageImageAsync(doc, page, 10, 10, IPageInfoObserver::DefaultView);
         service->GetPageInfoAsync(doc, page, IPageInfoObserver::DefaultView);
+        service->GenerateTileAsync(doc, page, region, 1, IPageInfoObserver::DefaultView);
     }
+    auto firstTile = service->GenerateTile(doc, 0, region, 1, IPageInfoObserver::DefaultView);
+    auto secondTile = service->GenerateTile(doc, 1, region, 1, IPageInfoObserver::DefaultView);
+    auto firstLabels = service->GetPageLabels(doc);
+    auto secondLabels = service->GetPageLabels(doc);
+    auto firstSelection = service->SelectAll(doc, 0);
+    auto secondSelection = service->SelectAll(doc, 1);
     auto info = service->GetPageInfo(doc, 0);
     auto image = service->GeneratePageImage(doc, 0, 10, 10);
     auto save = service->SaveDocument(doc);
@@ -159,7 +169,15 @@ TEST_F(DocumentLifecycle, CloseRunsLastInItsPassAndDiscardsWhatIsStillQueued) {
 
     EXPECT_EQ(observer.images.All().size(), 1u);
     EXPECT_EQ(observer.infos.All().size(), 1u);
+    EXPECT_EQ(recorder.tiles.All().size(), 1u);
     service->UnregisterEventHandler(&observer);
+    service->UnregisterTileObserver(&recorder);
+    EXPECT_FALSE(Await(std::move(firstTile)).isNull());
+    EXPECT_EQ(Await(std::move(firstLabels)).size(), 3u);
+    EXPECT_EQ(Await(std::move(firstSelection)).text, "Page 1");
+    ExpectBroken(secondTile);
+    ExpectBroken(secondLabels);
+    ExpectBroken(secondSelection);
     EXPECT_DOUBLE_EQ(Await(std::move(info)).size.width, 612);
     EXPECT_FALSE(Await(std::move(image)).isNull());
     EXPECT_TRUE(Await(std::move(save)));

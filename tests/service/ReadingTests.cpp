@@ -1,5 +1,6 @@
-// The reading queries and tiles through the service: their errors, their
-// answers, and pending tiles coalesced, cancelled and dropped by a close.
+// The reading queries and tiles through the service: their answers and their
+// errors. Pending tiles are with the other asynchronous requests, what a close
+// drops with the document lifecycle.
 
 #include <cmath>
 
@@ -15,32 +16,9 @@ constexpr auto kDefault = IPageInfoObserver::DefaultView;
 
 class ReadingService : public ServiceTest {};
 
-class TileRecorder : public ITileObserver {
-public:
-    struct Tile {
-        int64_t doc;
-        unsigned page;
-        Rect region;
-        QImage image;
-    };
-    void OnTile(int64_t doc, unsigned page, const Rect& region, double, IPageInfoObserver::ViewType,
-                const QImage& tile) override {
-        tiles.Add({doc, page, region, tile});
-    }
-    Recorded<Tile> tiles;
-};
-
-TEST_F(ReadingService, QueriesAnswerAndReportTheirErrors) {
+TEST_F(ReadingService, QueriesAndTilesAnswerAndReportTheirErrors) {
     const auto path = temp.File("labelled.pdf");
-    WriteFile(path, RawPdf({
-                        "<< /Type /Catalog /Pages 2 0 R /Outlines 5 0 R /PageLabels << /Nums [0 << /S /r >> 1 << "
-                        "/S /D /P (A-) >>] >> >>",
-                        "<< /Type /Pages /Count 2 /Kids [3 0 R 4 0 R] >>",
-                        "<< /Type /Page /Parent 2 0 R /MediaBox [0 0 612 792] >>",
-                        "<< /Type /Page /Parent 2 0 R /MediaBox [0 0 612 792] >>",
-                        "<< /First 6 0 R >>",
-                        "<< /Title (Appendix) /Dest [4 0 R /Fit] >>",
-                    }));
+    PdfBuilder().AddNumberedPages(2).AddPageLabels({{0, "r"}, {1, "D", "A-"}}).AddOutline({{"Appendix", 0, 1}}).Save(path);
     const int64_t id = Open(path);
     const std::vector<OutlineEntry> outline = Await(service->GetOutline(id));
     ASSERT_EQ(outline.size(), 1u);
@@ -60,73 +38,11 @@ TEST_F(ReadingService, QueriesAnswerAndReportTheirErrors) {
     EXPECT_THROW(Await(std::move(badPoint)), std::invalid_argument);
     auto badScale = service->GenerateTile(id, 0, {0, 100, 100, 0}, -1, kDefault);
     EXPECT_THROW(Await(std::move(badScale)), std::invalid_argument);
-}
 
-TEST_F(ReadingService, TilesMatchThePageImageAndPendingOnesAreCoalescedAndCancelled) {
-    const int64_t clockDoc = OpenNumbered(40);
-    const int64_t doc = OpenNumbered(3);
-    const QImage whole = Await(service->GeneratePageImage(doc, 0, 918, 1188));
-    const QImage tile = Await(service->GenerateTile(doc, 0, {60, 740, 160, 700}, 1.5, kDefault));
-    EXPECT_EQ(tile, whole.copy(90, 78, 150, 60));  // "Page 1" at (72, 720)
-    EXPECT_EQ(Await(service->SelectAll(doc, 0)).text, "Page 1");
-
-    TileRecorder recorder;
-    service->RegisterTileObserver(&recorder);
-    {
-        PassClock clock(*service, clockDoc);
-        const Rect a{0, 792, 100, 692}, b{100, 792, 200, 692};
-        service->GenerateTileAsync(doc, 0, a, 1, kDefault);
-        service->GenerateTileAsync(doc, 0, a, 1, kDefault);  // the same tile: one answer
-        service->GenerateTileAsync(doc, 0, b, 1, kDefault);
-        service->GenerateTileAsync(doc, 1, a, 1, kDefault);
-        service->GenerateTileAsync(doc, 2, a, 1, kDefault);
-        service->GenerateTileAsync(doc, 2, b, 1, kDefault);
-        service->CancelTile(doc, 0, b, 1, kDefault);
-        service->CancelTile(doc, 1, a, 2, kDefault);  // another scale: matches nothing
-        service->CancelTiles(doc, 2);
-        clock.Release();
-        recorder.tiles.WaitFor(2);
-        clock.WaitForPass(4);
-    }
-    const auto tiles = recorder.tiles.All();
-    ASSERT_EQ(tiles.size(), 2u);
-    EXPECT_EQ(tiles[0].page, 0u);
-    EXPECT_EQ(tiles[1].page, 1u);
-    EXPECT_EQ(tiles[0].image.size(), QSize(100, 100));
-    service.reset();  // the worker stops before the recorder goes
-}
-
-TEST_F(ReadingService, CloseDropsPendingTilesAndQueuedQueriesOfItsDocument) {
-    const int64_t clockDoc = OpenNumbered(40);
-    const int64_t doc = OpenNumbered(3);
-    TileRecorder recorder;
-    service->RegisterTileObserver(&recorder);
-    PassClock clock(*service, clockDoc);
-    clock.OccupyCloseStep();
-    // The first of each kind runs in pass 1, before its close step; the
-    // second waits for pass 2 and goes with the close.
-    const Rect region{0, 792, 100, 692};
-    service->GenerateTileAsync(doc, 0, region, 1, kDefault);
-    service->GenerateTileAsync(doc, 1, region, 1, kDefault);
-    auto firstTile = service->GenerateTile(doc, 0, region, 1, kDefault);
-    auto secondTile = service->GenerateTile(doc, 1, region, 1, kDefault);
-    auto firstLabels = service->GetPageLabels(doc);
-    auto secondLabels = service->GetPageLabels(doc);
-    auto firstSelection = service->SelectAll(doc, 0);
-    auto secondSelection = service->SelectAll(doc, 1);
-    auto close = service->CloseDoument(doc);
-    clock.Release();
-    Await(std::move(close));
-    clock.WaitForPass(3);
-
-    EXPECT_EQ(recorder.tiles.All().size(), 1u);
-    EXPECT_FALSE(Await(std::move(firstTile)).isNull());
-    EXPECT_EQ(Await(std::move(firstLabels)).size(), 3u);
-    EXPECT_EQ(Await(std::move(firstSelection)).text, "Page 1");
-    ExpectBroken(secondTile);
-    ExpectBroken(secondLabels);
-    ExpectBroken(secondSelection);
-    service->UnregisterTileObserver(&recorder);
+    // A tile holds the pixels of the page's picture: "Page 1" at (72, 720).
+    const QImage whole = Await(service->GeneratePageImage(id, 0, 918, 1188));
+    EXPECT_EQ(Await(service->GenerateTile(id, 0, {60, 740, 160, 700}, 1.5, kDefault)), whole.copy(90, 78, 150, 60));
+    EXPECT_EQ(Await(service->SelectAll(id, 0)).text, "Page 1");
 }
 
 }  // namespace

@@ -93,16 +93,28 @@ TEST_F(Search, TwoSearchesTakeTurnsPageByPage) {
     EXPECT_EQ(order, (std::vector<std::string>{"a0", "b1", "a1", "b2", "a2", "b0"}));
 }
 
-TEST_F(Search, StoppingBeforeTheFirstStepOrFromTheCallback) {
+TEST_F(Search, StoppingBeforeTheFirstStepOrFromTheCallbackAndLettingTheCallbackGo) {
     const int64_t doc = OpenNumbered(6);
     const int64_t marker = OpenNumbered(1);
     const int64_t clockDoc = OpenNumbered(40);
     Hits never;
     {
-        // The worker is held, so the search cannot have taken a step yet.
+        // The worker is held, so the search cannot have taken a step yet. The
+        // service holds the last copy of the callback, whose state asks the
+        // service something as it goes: it must go outside the service's lock.
+        struct AsksWhenGone {
+            Quirelle& service;
+            int64_t doc;
+            ~AsksWhenGone() { service.GetPageCount(doc); }
+        };
         PassClock clock(*service, clockDoc);
-        service->StopSearch(service->SearchInDocument(doc, 0, L"page", never.Callback()));
+        service->StopSearch(service->SearchInDocument(
+            doc, 0, L"page",
+            [callback = never.Callback(), asks = std::make_shared<AsksWhenGone>(AsksWhenGone{*service, doc})](
+                unsigned page, const std::vector<SearchResultInfo>& results,
+                const std::shared_ptr<ITextObject>& text) { callback(page, results, text); }));
     }
+    EXPECT_EQ(service->GetPageCount(doc), 6);
 
     Hits once;
     int64_t selfId = -1;

@@ -179,4 +179,20 @@ public:
     Recorded<Image> images;
 };
 
+// Records the tiles the service answers.
+class TileRecorder : public ITileObserver {
+public:
+    struct Tile {
+        int64_t doc;
+        unsigned page;
+        Rect region;
+        QImage image;
+    };
+    void OnTile(int64_t doc, unsigned page, const Rect& region, double, IPageInfoObserver::ViewType,
+                const QImage& tile) override {
+        tiles.Add({doc, page, region, tile});
+    }
+    Recorded<Tile> tiles;
+};
+
 }  // namespace QuirelleTest

@@ -761,6 +761,11 @@ std::string Deflate(const std::string& data) {
     return out;
 }
 
+bool QpdfClean(const std::filesystem::path& path, const std::string& password) {
+    const std::string command = "qpdf --check --password='" + password + "' '" + path.string() + "' > /dev/null 2>&1";
+    return std::system(command.c_str()) == 0;
+}
+
 void WriteFile(const std::filesystem::path& path, const std::string& bytes) {
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
     out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));

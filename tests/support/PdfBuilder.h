@@ -206,6 +206,10 @@ std::string MultiFrameTiff(int width, int height, const std::vector<uint32_t>& c
 // The zlib stream of data, as /FlateDecode reads it.
 std::string Deflate(const std::string& data);
 
+// qpdf's structural check, opening the file with the password, finds neither
+// errors nor warnings.
+bool QpdfClean(const std::filesystem::path& path, const std::string& password = "");
+
 // Writes bytes to a file.
 void WriteFile(const std::filesystem::path& path, const std::string& bytes);
 std::string ReadFile(const std::filesystem::path& path);
