@@ -32,6 +32,7 @@
 #include "FindBar.h"
 #include "PresentationWindow.h"
 #include "ViewerWindow.h"
+#include "tests/viewer/WindowTest.h"
 #include "tests/support/PdfBuilder.h"
 
 namespace {
@@ -88,20 +89,11 @@ class ViewerTest : public ::testing::Test {
 protected:
     void SetUp() override {
         service.RegisterEventHandler(&answers);
-        window.resize(1000, 760);
-        window.show();
-        ASSERT_TRUE(QTest::qWaitForWindowExposed(&window));
-        QApplication::setActiveWindow(&window);  // no window manager gives it the keyboard
+        QuirelleTest::ShowWindow(window);
     }
     void TearDown() override {
-        const QString dir = QStringLiteral(QUIRELLE_ARTIFACTS_DIR);
-        QDir().mkpath(dir);
-        const auto* test = ::testing::UnitTest::GetInstance()->current_test_info();
-        window.grab().save(dir + "/" + test->name() + ".png");
         service.UnregisterEventHandler(&answers);
-        window.unsavedPrompt = [](const QString&) { return ViewerWindow::Unsaved::Discard; };
-        window.close();
-        QSettings().clear();
+        QuirelleTest::LeaveWindow(window);
     }
     // Runs a page command and waits until its edit is done.
     void Edit(const std::function<void()>& command) {
