@@ -1,8 +1,11 @@
 // Annotations as files hold them: every numbered type with the values its
 // dictionary gives; hidden annotations a user made survive the removal of
-// hidden objects.
+// hidden objects, and an update looks only at what it writes.
 
 #include <gmock/gmock.h>
+
+#include <chrono>
+#include <filesystem>
 
 #include "engine/Annotations.h"
 #include "engine/DocumentCore.h"
@@ -102,6 +105,35 @@ TEST_F(Annotations, RemovingHiddenObjectsKeepsTheHiddenAnnotationsAUserMade) {
     std::vector<int> left;
     for (const Annotation& a : Pdfium::ListAnnotations(*document, 0)) left.push_back(a.type);
     EXPECT_THAT(left, ::testing::ElementsAre(AnnotText, AnnotPopup));
+}
+
+// Saved over its own file, a document appends an update and looks for hidden
+// annotations only in what the update writes: the untouched page keeps its
+// hidden annotation (its bytes stay in the file whatever is removed). When
+// the file changed on disk in between, the save rewrites it and looks at
+// every page first.
+TEST_F(Annotations, BeforeAnUpdateOnlyTheChangedPagesLoseHiddenAnnotations) {
+    PageLayout page;
+    page.annotations.push_back({"Square", {10, 30, 40, 20}, 2});
+    const std::string original = PdfBuilder().AddPage(page).AddPage(page).Build();
+    for (const bool touched : {false, true}) {
+        const auto path = temp.File(touched ? "touched.pdf" : "update.pdf");
+        WriteFile(path, original);
+        auto document = OpenFile(path);
+        NewAnnotation note;
+        note.type = AnnotText;
+        note.at = {100, 100};
+        Pdfium::CreateAnnotation(*document, 1, note);
+        document->RemoveHiddenObjectsBeforeSave(path);
+        if (touched) std::filesystem::last_write_time(path, std::filesystem::last_write_time(path) + std::chrono::seconds(5));
+        document->Save(path, 0);
+        EXPECT_EQ(ReadFile(path).compare(0, original.size(), original) == 0, !touched);
+        auto saved = OpenFile(path);
+        EXPECT_EQ(Pdfium::ListAnnotations(*saved, 0).size(), touched ? 0u : 1u) << touched;
+        std::vector<int> changed;
+        for (const Annotation& a : Pdfium::ListAnnotations(*saved, 1)) changed.push_back(a.type);
+        EXPECT_THAT(changed, ::testing::ElementsAre(AnnotText, AnnotPopup)) << touched;
+    }
 }
 
 }  // namespace
