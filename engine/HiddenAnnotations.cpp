@@ -191,7 +191,8 @@ void RemoveHiddenAnnotations(DocumentCore& core, HiddenScope scope) {
     for (int drop = 0; drop <= 1; ++drop) {
         int found = 0;
         forEachPage([&](int i, pdf_obj* page) {
-            const int hidden = guarded(ctx, [&] { return hiddenAnnotations(ctx, page, drop, kept.data(), kept.size()); });
+            const int hidden =
+                guarded(ctx, [&] { return hiddenAnnotations(ctx, page, drop, kept.data(), kept.size()); });
             found += hidden;
             VLOG_IF(1, drop && hidden > 0) << "removed " << hidden << " hidden annotation(s) from page "
                                            << (whole ? i + 1 : i) << (whole ? "" : " (object number)");

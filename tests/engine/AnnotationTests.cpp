@@ -125,7 +125,8 @@ TEST_F(Annotations, BeforeAnUpdateOnlyTheChangedPagesLoseHiddenAnnotations) {
         note.at = {100, 100};
         Pdfium::CreateAnnotation(*document, 1, note);
         document->RemoveHiddenObjectsBeforeSave(path);
-        if (touched) std::filesystem::last_write_time(path, std::filesystem::last_write_time(path) + std::chrono::seconds(5));
+        if (touched)
+            std::filesystem::last_write_time(path, std::filesystem::last_write_time(path) + std::chrono::seconds(5));
         document->Save(path, 0);
         EXPECT_EQ(ReadFile(path).compare(0, original.size(), original) == 0, !touched);
         auto saved = OpenFile(path);
