@@ -41,6 +41,18 @@ void ChangeAnnotation(IDocument& document, unsigned page, int64_t id, const Anno
 // Deletes the annotation, its popup and its replies (and theirs).
 void DeleteAnnotation(IDocument& document, unsigned page, int64_t id);
 
+// ---- hidden annotations (HiddenAnnotations.cpp) ----
+
+// Where RemoveHiddenAnnotations looks: every page of the document, or what
+// a save appended to the file writes (the objects changed since the open):
+// the pages among them and the pages of hidden annotations among them.
+enum class HiddenScope { Document, Update };
+// Removes the never-visible annotations PdfDocument::RemoveHiddenObjects
+// describes from the pages of scope (the whole document when it has no
+// update). Whether something could show them is always asked of the whole
+// document.
+void RemoveHiddenAnnotations(DocumentCore& core, HiddenScope scope);
+
 // ---- incremental save (IncrementalSave.cpp) ----
 
 // The file at path as it is now (read before MuPDF opens it).

@@ -79,6 +79,10 @@ struct DocumentCore {
     // Annotations made or changed through the service, by object number:
     // hidden or not, a save keeps them. Document thread only.
     std::unordered_set<int> userAnnotations;
+    // The generation at which hidden annotations were last looked for in
+    // the document's update alone (0: the last look took every page). A
+    // save that rewrites the file at that generation looks at every page.
+    uint64_t hiddenUpdateOnly = 0;
 
 private:
     static inline std::atomic<uint64_t> nextSerial{1};

@@ -143,6 +143,9 @@ void PdfDocument::SaveAs(const Orvane::ioPath& path, int version) const {
     // Changes to the file the document came from are appended to its bytes
     // where MuPDF can express them as an update.
     const bool append = version == 0 && CanAppendTo(*core_, target);
+    if (!append && core_->hiddenUpdateOnly != 0 && core_->hiddenUpdateOnly == core_->generation) {
+        RemoveHiddenAnnotations(*core_, HiddenScope::Document);
+    }
     // A whole write marks what the document reaches recursively: refuse
     // chains of references long enough to overflow the stack before it
     // starts. An update writes the changed objects alone and marks nothing.

@@ -99,6 +99,11 @@ public:
     // everything else are left alone, so no page changes what it shows or
     // prints. A page that cannot be read is logged and skipped.
     void RemoveHiddenObjects() override;
+    // RemoveHiddenObjects before a save to target. A save that appends an
+    // update to the file the document came from leaves that file's bytes as
+    // they are, so only what the update writes is looked at; a save that
+    // rewrites the file after this looks at every page first.
+    void RemoveHiddenObjectsBeforeSave(const Orvane::ioPath& target);
     // Stores the handler (any thread); the service calls it after a request
     // changed a form field.
     void SetFormOnChangeHandler(std::function<void()> handler) override;

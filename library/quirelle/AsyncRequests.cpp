@@ -52,7 +52,7 @@ void Quirelle::Impl::ServePageInfoRequest() {
     if (!taken) return;
     const PageInfoRequest& request = *taken;
     try {
-        if (!FindDocument(request.id)) throw std::invalid_argument("Invalid doc handle");
+        OpenDocumentOf(request.id);
         const PageInfo info = PageInfoOf({request.id, request.page});
         observers.Notify(&IPageInfoObserver::OnPageInfo, request.id, request.page, info.size, info.rotation, info.rect);
     } catch (...) {

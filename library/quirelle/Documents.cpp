@@ -58,15 +58,20 @@ bool Quirelle::Impl::SaveDocument(const SaveDocumentTask& task) {
     // The document is the worker's alone while it is saved, and so is a copy
     // made of it: no engine locks while no other thread holds a context.
     const Pdfium::SoleUse sole;
-    document->RemoveHiddenObjects();
+    auto* source = dynamic_cast<Pdfium::PdfDocument*>(document.get());
     if (task.path.empty()) {
+        if (source != nullptr) {
+            source->RemoveHiddenObjectsBeforeSave(target);
+        } else {
+            document->RemoveHiddenObjects();
+        }
         document->Save(target, 0);
         return true;
     }
+    document->RemoveHiddenObjects();
     // Save as writes a fresh copy; the open document only takes the new path.
     // The copy is encrypted as the document is, unless the owner asked for
     // a copy without encryption.
-    auto* source = dynamic_cast<Pdfium::PdfDocument*>(document.get());
     if (task.decrypt && source != nullptr && !source->HasOwnerAccess()) {
         QUIRELLE_LOG(ERROR) << "Orvane::PDF::Quirelle::Impl::SaveDocument: "
                             << "a copy without encryption needs the document opened with its owner password";

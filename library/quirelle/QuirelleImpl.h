@@ -83,7 +83,7 @@ public:
     };
     struct SaveDocumentTask {
         int64_t id;
-        Orvane::ioPath path;  // empty: save to the document's own path
+        Orvane::ioPath path;   // empty: save to the document's own path
         bool decrypt = false;  // save as: write the copy without encryption
     };
     struct ExportTask {
@@ -151,18 +151,12 @@ public:
         Position to;    // Between only
     };
 
-    // Annotations: listing and changes share one queue, so each task
-    // carries its own answer (a promise of its result type); destroyed
-    // unrun, it breaks that promise.
-    struct AnnotationWork {
+    // Work for one document in a queue whose requests answer different
+    // types (annotations, forms): each task answers its own future;
+    // destroyed unrun (purged on close, dropped at shutdown), it breaks it.
+    struct DocumentWork {
         int64_t id;
         std::packaged_task<void(Impl&)> work;
-    };
-
-    // A form request: list, fill, reset or flatten, run with the document's id.
-    struct FormRequest {
-        int64_t id;
-        std::function<void(Impl&)> work;
     };
 
     struct SearchRequest {
@@ -191,6 +185,15 @@ private:
     template <class Record, class Result, class Body>
     std::future<Result> Enqueue(Requests<Record, Result>& queue, typename Requests<Record, Result>::Record record,
                                 Body body) EXCLUDES(queueMutex);
+    // Queues body(Impl&, id) to queue; its result (or exception) answers the future.
+    template <class Result, class Body>
+    std::future<Result> EnqueueDocumentWork(WorkQueue<DocumentWork>& queue, const int64_t& id, Body body)
+        EXCLUDES(queueMutex);
+    // As EnqueueDocumentWork, body(IDocument&) run with the open document,
+    // the engine the worker's alone (Pdfium::SoleUse).
+    template <class Result, class Body>
+    std::future<Result> EnqueueWithDocument(WorkQueue<DocumentWork>& queue, const int64_t& id, Body body)
+        EXCLUDES(queueMutex);
     void EnqueueCallerWork(const int64_t& id, std::packaged_task<void(std::shared_ptr<IDocument>&)>&& work)
         EXCLUDES(queueMutex);
 
@@ -219,10 +222,6 @@ private:
 
     // ---- forms (Forms.cpp) ----
 
-    // Queues body(Impl&, id) to the form queue; its result answers the future.
-    template <class Result, class Body>
-    std::future<Result> EnqueueForm(const int64_t& id, Body body) EXCLUDES(queueMutex);
-    void ServeFormRequest() EXCLUDES(queueMutex);
     // Runs change with the open document (worker); calls the document's
     // form-change callback when it answers that a field changed.
     void ChangeForm(const int64_t& id, const std::function<bool(IDocument&)>& change);
@@ -261,7 +260,7 @@ private:
     void ServePageInfoRequest() EXCLUDES(queueMutex);
     void ServePendingImage(PendingImageQueue& pending) EXCLUDES(queueMutex);
     void ServePendingTile() EXCLUDES(queueMutex);
-    void ServeAnnotationWork() EXCLUDES(queueMutex);
+    void ServeDocumentWork(WorkQueue<DocumentWork>& queue) EXCLUDES(queueMutex);
     void ServeSearchStep() EXCLUDES(queueMutex);
     void PurgeStoppedSearches() EXCLUDES(queueMutex);
     void DropQueuedWork() EXCLUDES(queueMutex);
@@ -272,6 +271,8 @@ private:
     // The open document, or an empty pointer. Worker only, without the lock:
     // the worker is the registry's only writer.
     std::shared_ptr<IDocument> FindDocument(int64_t id) const NO_THREAD_SAFETY_ANALYSIS;
+    // The open document (worker), or std::invalid_argument("Invalid doc handle").
+    std::shared_ptr<IDocument> OpenDocumentOf(int64_t id) const;
     int64_t RegisterDocument(std::shared_ptr<IDocument> document) EXCLUDES(queueMutex);
     // Both documents of an import, looked up with insert-on-miss (see ImportExport.cpp).
     struct ImportHandles {
@@ -303,10 +304,6 @@ private:
     DocumentInformation Information(const int64_t& id) const;
     TextSelection Select(const SelectionTask& task) const;
     QImage RenderTile(const TileTask& task) const;
-
-    // Annotations (Annotations.cpp): queued for document id, body run with the open document.
-    template <class Result, class Body>
-    std::future<Result> EnqueueAnnotationWork(const int64_t& id, Body body) EXCLUDES(queueMutex);
 
     void AddBlankPage(const int64_t& id, unsigned index, int width, int height);
     void DeletePages(const DeletePagesTask& task);
@@ -354,9 +351,9 @@ private:
     Requests<SelectionTask, TextSelection> selectionQueue           {queues, SameDocument};
     Requests<RotationPageTask, void> rotationQueue                  {queues, SameDocument};
     // Annotation listing and changes, right after rotation.
-    WorkQueue<AnnotationWork> annotationQueue                       {queues, SameDocument};
+    WorkQueue<DocumentWork> annotationQueue                         {queues, SameDocument};
     // Form queries and changes in one queue, so that each sees the ones before.
-    WorkQueue<FormRequest> formQueue                                {queues, SameDocument};
+    WorkQueue<DocumentWork> formQueue                               {queues, SameDocument};
     WorkQueue<CallerWork> callerWorkQueue                           {queues, SameDocument};
     Requests<ImportPageTask, void> importQueue                      {queues, EitherDocument};
     Requests<SaveDocumentTask, bool> saveQueue                      {queues, SameDocument};
@@ -413,6 +410,27 @@ std::future<Result> Quirelle::Impl::Enqueue(Requests<Record, Result>& queue,
     }
     Wake();
     return future;
+}
+
+template <class Result, class Body>
+std::future<Result> Quirelle::Impl::EnqueueDocumentWork(WorkQueue<DocumentWork>& queue, const int64_t& id, Body body) {
+    std::packaged_task<Result(Impl&)> task([id, body = std::move(body)](Impl& impl) { return body(impl, id); });
+    std::future<Result> future = task.get_future();
+    {
+        MutexLock lock(queueMutex);
+        queue.Add(queueMutex, {id, std::packaged_task<void(Impl&)>(std::move(task))});
+    }
+    Wake();
+    return future;
+}
+
+template <class Result, class Body>
+std::future<Result> Quirelle::Impl::EnqueueWithDocument(WorkQueue<DocumentWork>& queue, const int64_t& id, Body body) {
+    return EnqueueDocumentWork<Result>(queue, id, [body = std::move(body)](Impl& impl, int64_t doc) {
+        const std::shared_ptr<IDocument> document = impl.OpenDocumentOf(doc);
+        const Pdfium::SoleUse sole;
+        return body(*document);
+    });
 }
 
 template <class Query>

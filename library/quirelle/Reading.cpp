@@ -53,12 +53,6 @@ std::future<TextSelection> Quirelle::SelectAll(const int64_t& id, unsigned page)
 
 namespace {
 
-// The open document (worker), or std::invalid_argument.
-std::shared_ptr<IDocument> openDocument(std::shared_ptr<IDocument> document) {
-    if (!document) throw std::invalid_argument("Invalid doc handle");
-    return document;
-}
-
 void checkPoint(const Position& point, const char* name) {
     if (!std::isfinite(point.x) || !std::isfinite(point.y))
         throw std::invalid_argument(std::string(name) + ": the point is not finite");
@@ -67,31 +61,31 @@ void checkPoint(const Position& point, const char* name) {
 }  // namespace
 
 std::vector<OutlineEntry> Impl::Outline(const int64_t& id) const {
-    const std::shared_ptr<IDocument> document = openDocument(FindDocument(id));
+    const std::shared_ptr<IDocument> document = OpenDocumentOf(id);
     const Pdfium::SoleUse sole;
     return Pdfium::ReadOutline(*document);
 }
 
 std::vector<std::string> Impl::PageLabels(const int64_t& id) const {
-    const std::shared_ptr<IDocument> document = openDocument(FindDocument(id));
+    const std::shared_ptr<IDocument> document = OpenDocumentOf(id);
     const Pdfium::SoleUse sole;
     return Pdfium::ReadPageLabels(*document);
 }
 
 int Impl::PageByLabel(const LabelTask& task) const {
-    const std::shared_ptr<IDocument> document = openDocument(FindDocument(task.id));
+    const std::shared_ptr<IDocument> document = OpenDocumentOf(task.id);
     const Pdfium::SoleUse sole;
     return Pdfium::FindPageByLabel(Pdfium::ReadPageLabels(*document), task.label);
 }
 
 DocumentInformation Impl::Information(const int64_t& id) const {
-    const std::shared_ptr<IDocument> document = openDocument(FindDocument(id));
+    const std::shared_ptr<IDocument> document = OpenDocumentOf(id);
     const Pdfium::SoleUse sole;
     return Pdfium::ReadDocumentInformation(*document);
 }
 
 TextSelection Impl::Select(const SelectionTask& task) const {
-    const std::shared_ptr<IDocument> document = openDocument(FindDocument(task.id));
+    const std::shared_ptr<IDocument> document = OpenDocumentOf(task.id);
     static const char* const names[] = {"SelectText", "SelectWord", "SelectLine", "SelectAll"};
     if (task.kind != SelectionTask::All) checkPoint(task.from, names[task.kind]);
     if (task.kind == SelectionTask::Between) checkPoint(task.to, names[task.kind]);
@@ -116,7 +110,7 @@ TextSelection Impl::Select(const SelectionTask& task) const {
 // ---- tiles ----
 
 QImage Impl::RenderTile(const TileTask& task) const {
-    const std::shared_ptr<IDocument> document = openDocument(FindDocument(task.id));
+    const std::shared_ptr<IDocument> document = OpenDocumentOf(task.id);
     const Pdfium::SoleUse sole;
     const Pdfium::RequestBudget budget;
     return Pdfium::RenderTile(document->GetPage(task.page), task.region, task.scale,

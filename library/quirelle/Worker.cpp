@@ -100,8 +100,8 @@ void Quirelle::Impl::ServePass() {
     ServeOne(informationQueue);             //    document information
     ServeOne(selectionQueue);               //    selection
     ServeOne(rotationQueue);                //  8 rotation
-    ServeAnnotationWork();                  //    annotations: listing and changes
-    ServeFormRequest();                     //    form fields
+    ServeDocumentWork(annotationQueue);     //    annotations: listing and changes
+    ServeDocumentWork(formQueue);           //    form fields
     ServeCallerWork();                      //  9 caller's work
     ServeOne(importQueue);                  // 10 import
     ServeOne(saveQueue);                    // 11 save, save as
@@ -164,6 +164,19 @@ void Quirelle::Impl::EnqueueCallerWork(const int64_t& id,
 std::shared_ptr<IDocument> Quirelle::Impl::FindDocument(int64_t id) const {
     auto found = documents.find(id);
     return found == documents.end() ? nullptr : found->second;
+}
+
+std::shared_ptr<IDocument> Quirelle::Impl::OpenDocumentOf(int64_t id) const {
+    std::shared_ptr<IDocument> document = FindDocument(id);
+    if (!document) throw std::invalid_argument("Invalid doc handle");
+    return document;
+}
+
+void Quirelle::Impl::ServeDocumentWork(WorkQueue<DocumentWork>& queue) {
+    std::optional<DocumentWork> item = TakeFirst(queue);
+    if (!item) return;
+    const Pdfium::RequestBudget budget;
+    item->work(*this);
 }
 
 int64_t Quirelle::Impl::RegisterDocument(std::shared_ptr<IDocument> document) {

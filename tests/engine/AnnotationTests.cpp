@@ -1,7 +1,12 @@
 // Annotations as files hold them: every numbered type with the values its
-// dictionary gives.
+// dictionary gives; before an update, hidden annotations are looked for
+// only in what it writes.
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include <chrono>
+#include <filesystem>
 
 #include "engine/Annotations.h"
 #include "tests/engine/DocumentTestSupport.h"
@@ -80,6 +85,36 @@ TEST_F(Annotations, EveryNumberedTypeIsReadWithTheValuesTheFileHolds) {
     ASSERT_EQ(list[14].inkStrokes.size(), 2u);
     EXPECT_EQ(list[14].inkStrokes[0].size(), 2u);
     EXPECT_EQ(list[14].inkStrokes[1][0].x, 30);
+}
+
+// Saved over its own file, a document appends an update and looks for hidden
+// annotations only in what the update writes: the untouched page keeps its
+// hidden annotation (its bytes stay in the file whatever is removed). When
+// the file changed on disk in between, the save rewrites it and looks at
+// every page first.
+TEST_F(Annotations, BeforeAnUpdateOnlyTheChangedPagesLoseHiddenAnnotations) {
+    PageLayout page;
+    page.annotations.push_back({"Square", {10, 30, 40, 20}, 2});
+    const std::string original = PdfBuilder().AddPage(page).AddPage(page).Build();
+    for (const bool touched : {false, true}) {
+        const auto path = temp.File(touched ? "touched.pdf" : "update.pdf");
+        WriteFile(path, original);
+        auto document = OpenFile(path);
+        NewAnnotation note;
+        note.type = AnnotText;
+        note.at = {100, 100};
+        Pdfium::CreateAnnotation(*document, 1, note);
+        document->RemoveHiddenObjectsBeforeSave(path);
+        if (touched)
+            std::filesystem::last_write_time(path, std::filesystem::last_write_time(path) + std::chrono::seconds(5));
+        document->Save(path, 0);
+        EXPECT_EQ(ReadFile(path).compare(0, original.size(), original) == 0, !touched);
+        auto saved = OpenFile(path);
+        EXPECT_EQ(Pdfium::ListAnnotations(*saved, 0).size(), touched ? 0u : 1u) << touched;
+        std::vector<int> changed;
+        for (const Annotation& a : Pdfium::ListAnnotations(*saved, 1)) changed.push_back(a.type);
+        EXPECT_THAT(changed, ::testing::ElementsAre(AnnotText, AnnotPopup)) << touched;
+    }
 }
 
 }  // namespace

@@ -268,6 +268,39 @@ TEST_F(AnnotationService, AnUpdateKeepsASignedRangeAndPassesAStructureCheck) {
     EXPECT_EQ(std::system(("qpdf --check '" + path.string() + "' >/dev/null").c_str()), 0);
 }
 
+TEST_F(AnnotationService, AnUpdateOfAnEncryptedFileIsEncryptedAlikeAndKeepsItsPermissions) {
+    for (const auto method : {Encryption::Method::Aes256, Encryption::Method::Rc4_128}) {
+        SCOPED_TRACE(int(method));
+        const auto path = temp.File("encrypted" + std::to_string(int(method)) + ".pdf");
+        Encryption encryption;
+        encryption.userPassword = "user";
+        encryption.ownerPassword = "owner";
+        encryption.permissions = -4 & ~4;  // no printing
+        encryption.method = method;
+        PdfBuilder().AddNumberedPages(2).Encrypt(encryption).Save(path);
+        const std::string original = ReadFile(path);
+        int64_t doc = Open(path, "user");
+        NewAnnotation highlight;
+        highlight.lines = {{72, 732, 130, 716}};
+        highlight.contents = "secret note";
+        Await(service->CreateAnnotation(doc, 0, highlight));
+        ASSERT_TRUE(Save(doc));
+        Await(service->CloseDoument(doc));
+        const std::string saved = ReadFile(path);
+        EXPECT_EQ(saved.compare(0, original.size(), original), 0);
+        EXPECT_EQ(saved.find("secret note", original.size()), std::string::npos) << "written in clear";
+
+        EXPECT_EQ(Await(service->OpenDocument(path.string(), "")).id, -1);
+        doc = Open(path, "user");
+        const std::vector<Annotation> read = Listed(doc);
+        ASSERT_EQ(read.size(), 1u);
+        EXPECT_EQ(read[0].contents, "secret note");
+        EXPECT_TRUE(service->IsProtected(doc));
+        EXPECT_TRUE(service->IsPrintProtected(doc));
+        Await(service->CloseDoument(doc));
+    }
+}
+
 TEST_F(AnnotationService, SaveAsCopiesThemAndErrorsComeThroughTheFuture) {
     const auto path = NumberedPdf(1);
     const int64_t doc = Open(path);

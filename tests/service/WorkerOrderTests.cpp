@@ -66,5 +66,43 @@ TEST_F(WorkerOrder, EachQueueGivesOneTaskAPassInServiceOrder) {
     service->UnregisterEventHandler(&observer);
 }
 
+// Annotation and form requests (queues whose requests answer different
+// types) take one turn a pass each; a close purges the rest, breaking their
+// promises, and later requests find no document.
+TEST_F(WorkerOrder, AnnotationAndFormRequestsTakeOneTurnAPassUntilTheClose) {
+    const int64_t clockDoc = OpenNumbered(40);
+    const int64_t doc = OpenNumbered(2);
+    std::vector<std::future<std::vector<Annotation>>> lists;
+    std::vector<std::future<std::vector<FormField>>> fields;
+    std::pair<int, int> seen{-1, -1};
+    std::future<void> closed;
+    {
+        PassClock clock(*service, clockDoc, [&](int pass) {
+            if (pass != 1) return;
+            seen = {0, 0};
+            for (auto& list : lists) seen.first += IsReady(list);
+            for (auto& field : fields) seen.second += IsReady(field);
+        });
+        clock.OccupyCloseStep();
+        for (int i = 0; i < 3; ++i) {
+            lists.push_back(service->GetAnnotations(doc, 0));
+            fields.push_back(service->GetFormFields(doc));
+        }
+        closed = service->CloseDoument(doc);
+        clock.Release();
+        clock.WaitForPass(2);
+    }
+    Await(std::move(closed));
+    EXPECT_EQ(seen, std::make_pair(1, 1));
+    EXPECT_TRUE(lists[0].get().empty());
+    EXPECT_TRUE(fields[0].get().empty());
+    for (size_t i = 1; i < 3; ++i) {
+        EXPECT_THROW(lists[i].get(), std::future_error);
+        EXPECT_THROW(fields[i].get(), std::future_error);
+    }
+    EXPECT_THROW(Await(service->GetAnnotations(doc, 0)), std::invalid_argument);
+    EXPECT_THROW(Await(service->GetFormFields(doc)), std::invalid_argument);
+}
+
 }  // namespace
 }  // namespace QuirelleTest
