@@ -71,17 +71,8 @@ void FillAndDraw(benchmark::State& st) {
     service.CloseDoument(id).get();
 }
 
-[[maybe_unused]] const bool registered = [] {
-    const std::pair<const char*, void (*)(benchmark::State&)> benchmarks[] = {
-        {"Form/list/100/service", List100}, {"Form/fill/page/service", FillAndDraw}};
-    for (const auto& [name, body] : benchmarks) {
-        benchmark::RegisterBenchmark(name, body)
-            ->UseRealTime()
-            ->ComputeStatistics("min", Fastest)
-            ->Unit(benchmark::kMillisecond);
-    }
-    return true;
-}();
+[[maybe_unused]] const bool registered =
+    RegisterTimed({{"Form/list/100/service", List100}, {"Form/fill/page/service", FillAndDraw}});
 
 }  // namespace
 }  // namespace QuirelleBench

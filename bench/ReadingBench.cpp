@@ -118,20 +118,10 @@ void SelectPageService(benchmark::State& st) {
     for (auto _ : st) benchmark::DoNotOptimize(service.SelectText(id, kTextPage, kFrom, kTo).get().charCount);
 }
 
-[[maybe_unused]] const bool registered = [] {
-    const std::pair<const char*, void (*)(benchmark::State&)> benchmarks[] = {
-        {"Reading/tile/3200%/512x512/service", Tile3200},
-        {"Reading/outline/10000/service", Outline10000},
-        {"Reading/select/page/engine", SelectPageEngine},
-        {"Reading/select/page/service", SelectPageService}};
-    for (const auto& [name, body] : benchmarks) {
-        benchmark::RegisterBenchmark(name, body)
-            ->UseRealTime()
-            ->ComputeStatistics("min", Fastest)
-            ->Unit(benchmark::kMillisecond);
-    }
-    return true;
-}();
+[[maybe_unused]] const bool registered = RegisterTimed({{"Reading/tile/3200%/512x512/service", Tile3200},
+                                                       {"Reading/outline/10000/service", Outline10000},
+                                                       {"Reading/select/page/engine", SelectPageEngine},
+                                                       {"Reading/select/page/service", SelectPageService}});
 
 }  // namespace
 }  // namespace QuirelleBench

@@ -88,6 +88,17 @@ private:
     static inline std::atomic<uint64_t> nextSerial{1};
 };
 
+// How every save writes: streams compressed (images and fonts too), the
+// document's encryption kept.
+inline pdf_write_options SaveWriteOptions() {
+    pdf_write_options options = pdf_default_write_options;
+    options.do_compress = 1;
+    options.do_compress_images = 1;
+    options.do_compress_fonts = 1;
+    options.do_encrypt = PDF_ENCRYPT_KEEP;
+    return options;
+}
+
 // A named destination (name or string), looked up in the catalog's /Dests
 // and, when not there, in the /Names tree, with bounded work. C only: call
 // inside guarded().

@@ -44,12 +44,8 @@ void appendTo(fz_context* ctx, pdf_document* doc, const char* path) {
         if (doc->num_incremental_sections == 0) {
             copyStream(ctx, doc->file, out);
         } else {
-            pdf_write_options options = pdf_default_write_options;
+            pdf_write_options options = SaveWriteOptions();
             options.do_incremental = 1;
-            options.do_compress = 1;
-            options.do_compress_images = 1;
-            options.do_compress_fonts = 1;
-            options.do_encrypt = PDF_ENCRYPT_KEEP;
             pdf_write_document(ctx, doc, out, &options);
         }
         fz_close_output(ctx, out);

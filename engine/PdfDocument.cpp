@@ -170,15 +170,11 @@ void PdfDocument::SaveAs(const Orvane::ioPath& path, int version) const {
 void PdfDocument::WriteWhole(int fd, int version) const {
     fz_context* ctx = core_->ctx;
     pdf_document* doc = core_->doc;
-    pdf_write_options options = pdf_default_write_options;
+    pdf_write_options options = SaveWriteOptions();
     // Garbage collection 1 leaves out what nothing refers to (deleted pages,
     // replaced resources) without renumbering: the higher levels renumber the
     // open document's objects in place, under the pages that hold them.
     options.do_garbage = 1;
-    options.do_compress = 1;
-    options.do_compress_images = 1;
-    options.do_compress_fonts = 1;
-    options.do_encrypt = PDF_ENCRYPT_KEEP;
 
     FileSink sink{fd, 0};
     OutputHandle out(ctx, guarded(ctx, [&] { return fz_new_output(ctx, 64 * 1024, &sink, sinkWrite, NULL, NULL); }));

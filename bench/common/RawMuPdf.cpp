@@ -132,6 +132,16 @@ double Fastest(const std::vector<double>& values) {
     return values.empty() ? 0.0 : *std::min_element(values.begin(), values.end());
 }
 
+bool RegisterTimed(std::initializer_list<std::pair<const char*, void (*)(benchmark::State&)>> benchmarks) {
+    for (const auto& [name, body] : benchmarks) {
+        benchmark::RegisterBenchmark(name, body)
+            ->UseRealTime()
+            ->ComputeStatistics("min", Fastest)
+            ->Unit(benchmark::kMillisecond);
+    }
+    return true;
+}
+
 double Median(std::vector<double> values) {
     if (values.empty()) return 0;
     std::sort(values.begin(), values.end());

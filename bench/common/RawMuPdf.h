@@ -7,10 +7,14 @@
 // callbacks like the ones every multi-threaded user of MuPDF (the engine
 // included) needs, to show what they cost.
 
+#include <benchmark/benchmark.h>
+
 #include <QImage>
 #include <cstddef>
+#include <initializer_list>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "engine/Handles.h"
@@ -76,5 +80,9 @@ double DifferingShare(const QImage& a, const unsigned char* bits, int stride);
 double Fastest(const std::vector<double>& values);
 // The middle repetition (the mean of the two middle ones for an even count).
 double Median(std::vector<double> values);
+
+// Registers each (name, body) timed in real time and milliseconds, with
+// Fastest as the statistic "min". Returns true, for a static initializer.
+bool RegisterTimed(std::initializer_list<std::pair<const char*, void (*)(benchmark::State&)>> benchmarks);
 
 }  // namespace QuirelleBench
