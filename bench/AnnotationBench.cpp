@@ -5,6 +5,8 @@
 //                                      and saved as an update to its bytes;
 //   Annotations/HighlightSave/rewrite  the same, the file touched on disk
 //                                      after the open, so the save rewrites it;
+//   .../selection                      both over a line of text selected on
+//                                      the page first, as a reader makes one;
 //   .../pagesRead                      both after every page's information was
 //                                      asked for (the pages loaded, as in a viewer);
 //   Annotations/List10000              the list of a page of 10,000
@@ -40,9 +42,10 @@ fs::path Manual() {
     return path;
 }
 
-// read: every page's information asked for after the open (as a viewer does)
-// before the timed work.
-void HighlightSave(benchmark::State& st, bool rewrite, bool read) {
+// What the document went through between the open and the timed work.
+enum class Before { Nothing, Selection, PagesRead };
+
+void HighlightSave(benchmark::State& st, bool rewrite, Before before) {
     Quirelle service(nullptr);
     const fs::path file = fs::temp_directory_path() / "quirelle-bench-annotated.pdf";
     NewAnnotation highlight;
@@ -51,8 +54,13 @@ void HighlightSave(benchmark::State& st, bool rewrite, bool read) {
         st.PauseTiming();
         fs::copy_file(Manual(), file, fs::copy_options::overwrite_existing);
         const int64_t id = service.OpenDocument(file.string(), "").get().id;
-        if (read) {
+        if (before == Before::PagesRead) {
             for (int page = 0; page < service.GetPageCount(id); ++page) service.GetPageInfo(id, unsigned(page)).get();
+        }
+        if (before == Before::Selection) {
+            const TextSelection line = service.SelectLine(id, 2, {200, 400}).get();
+            if (line.rects.empty()) st.SkipWithError("no text on the page");
+            highlight.lines = line.rects;
         }
         if (rewrite) {
             struct stat before;
@@ -94,16 +102,22 @@ void List10000(benchmark::State& st) {
     fs::remove(file);
 }
 
-BENCHMARK_CAPTURE(HighlightSave, append, false, false)
+BENCHMARK_CAPTURE(HighlightSave, append, false, Before::Nothing)
     ->Name("Annotations/HighlightSave/append")
     ->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(HighlightSave, rewrite, true, false)
+BENCHMARK_CAPTURE(HighlightSave, rewrite, true, Before::Nothing)
     ->Name("Annotations/HighlightSave/rewrite")
     ->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(HighlightSave, appendRead, false, true)
+BENCHMARK_CAPTURE(HighlightSave, appendSelection, false, Before::Selection)
+    ->Name("Annotations/HighlightSave/append/selection")
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(HighlightSave, rewriteSelection, true, Before::Selection)
+    ->Name("Annotations/HighlightSave/rewrite/selection")
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(HighlightSave, appendRead, false, Before::PagesRead)
     ->Name("Annotations/HighlightSave/append/pagesRead")
     ->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(HighlightSave, rewriteRead, true, true)
+BENCHMARK_CAPTURE(HighlightSave, rewriteRead, true, Before::PagesRead)
     ->Name("Annotations/HighlightSave/rewrite/pagesRead")
     ->Unit(benchmark::kMillisecond);
 BENCHMARK(List10000)->Name("Annotations/List10000")->Unit(benchmark::kMillisecond);

@@ -16,6 +16,7 @@
 #include "engine/Annotations.h"
 #include "engine/Context.h"
 #include "engine/DocumentCore.h"
+#include "engine/FileStreams.h"
 #include "engine/FontLoader.h"
 #include "engine/Guarded.h"
 #include "engine/PageTree.h"
@@ -45,81 +46,10 @@ void checkReadable(const Orvane::ioPath& path) {
     ::close(fd);
 }
 
-// ---- the file a document reads from ----
-//
-// Reading an object seeks to it first. The engine's own file stream forgets
-// its buffer on every seek and asks the system again (a seek, a position and
-// a read for each object); this one reads with pread, keeps what it read, and
-// a seek into it (the next object of a file written in order, usually) costs
-// nothing. Plain C: it runs inside the engine's calls.
-
-constexpr size_t kFileBuffer = 8192;
-
-struct FileState {
-    int fd;
-    unsigned char buffer[kFileBuffer];
-};
-
-int nextFromFile(fz_context* ctx, fz_stream* stm, size_t) {
-    FileState* state = static_cast<FileState*>(stm->state);
-    ssize_t n;
-    do {
-        n = ::pread(state->fd, state->buffer, sizeof state->buffer, stm->pos);
-    } while (n < 0 && errno == EINTR);
-    if (n < 0) fz_throw(ctx, FZ_ERROR_GENERIC, "read error: %s", strerror(errno));
-    stm->rp = state->buffer;
-    stm->wp = state->buffer + n;
-    stm->pos += n;
-    if (n == 0) return EOF;
-    return *stm->rp++;
-}
-
-void seekInFile(fz_context* ctx, fz_stream* stm, int64_t offset, int whence) {
-    FileState* state = static_cast<FileState*>(stm->state);
-    if (whence == SEEK_END) {
-        struct stat st;
-        if (::fstat(state->fd, &st) != 0) fz_throw(ctx, FZ_ERROR_GENERIC, "cannot seek: %s", strerror(errno));
-        offset += st.st_size;
-    } else if (whence == SEEK_CUR) {
-        offset += stm->pos - (stm->wp - stm->rp);
-    }
-    if (offset < 0) fz_throw(ctx, FZ_ERROR_GENERIC, "cannot seek: %s", strerror(EINVAL));
-    // The buffer holds the bytes from start up to stm->pos.
-    const int64_t start = stm->pos - (stm->wp - state->buffer);
-    if (stm->wp != NULL && stm->wp > state->buffer && offset >= start && offset <= stm->pos) {
-        stm->rp = state->buffer + (offset - start);
-        return;
-    }
-    stm->pos = offset;
-    stm->rp = stm->wp = state->buffer;
-}
-
-void closeFile(fz_context* ctx, void* opaque) {
-    FileState* state = static_cast<FileState*>(opaque);
-    ::close(state->fd);
-    fz_free(ctx, state);
-}
-
-fz_stream* openFileStream(fz_context* ctx, const char* path) {
+pdf_document* openFile(fz_context* ctx, const char* path) {
     const int fd = ::open(path, O_RDONLY | O_CLOEXEC);
     if (fd < 0) fz_throw(ctx, FZ_ERROR_GENERIC, "cannot open file '%s': %s", path, strerror(errno));
-    FileState* state = NULL;
-    fz_try(ctx) {
-        state = fz_malloc_struct(ctx, FileState);
-    }
-    fz_catch(ctx) {
-        ::close(fd);
-        fz_rethrow(ctx);
-    }
-    state->fd = fd;
-    // Closes the file and frees the state itself when it fails.
-    fz_stream* stm = fz_new_stream(ctx, state, nextFromFile, closeFile);
-    stm->seek = seekInFile;
-    return stm;
-}
-
-pdf_document* openFile(fz_context* ctx, const char* path) {
-    fz_stream* stm = openFileStream(ctx, path);
+    fz_stream* stm = NewFileStream(ctx, fd);
     pdf_document* doc = NULL;
     fz_try(ctx) {
         doc = pdf_open_document_with_stream(ctx, stm);

@@ -7,14 +7,15 @@
 #include <mupdf/fitz.h>
 #include <mupdf/pdf.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <string>
 #include <system_error>
 
 #include "engine/Annotations.h"
 #include "engine/DocumentCore.h"
+#include "engine/FileStreams.h"
 #include "engine/Guarded.h"
+#include "engine/Handles.h"
 #include "orvane/Exception.h"
 
 namespace Orvane::PDF::Pdfium {
@@ -28,38 +29,26 @@ std::string canonicalName(const fs::path& path) {
     return ec ? std::string() : resolved.string();
 }
 
-// Copies the whole of in to out. C only.
-void copyStream(fz_context* ctx, fz_stream* in, fz_output* out) {
-    unsigned char buffer[64 * 1024];
-    size_t n;
-    fz_seek(ctx, in, 0, SEEK_SET);
-    while ((n = fz_read(ctx, in, buffer, sizeof buffer)) > 0) fz_write_data(ctx, out, buffer, n);
+// Writes the original bytes and the update into out. MuPDF copies the
+// original itself when the output cannot be read back, as ours cannot;
+// with nothing changed, the copy is all. C only.
+void appendTo(fz_context* ctx, pdf_document* doc, fz_output* out) {
+    pdf_write_options options = SaveWriteOptions();
+    options.do_incremental = 1;
+    if (doc->num_incremental_sections == 0) {
+        unsigned char buffer[64 * 1024];
+        size_t n;
+        fz_seek(ctx, doc->file, 0, SEEK_SET);
+        while ((n = fz_read(ctx, doc->file, buffer, sizeof buffer)) > 0) fz_write_data(ctx, out, buffer, n);
+    } else {
+        pdf_write_document(ctx, doc, out, &options);
+    }
+    fz_close_output(ctx, out);
 }
 
-// Writes the original bytes and the update to the file at path (opened for
-// reading too: MuPDF reads back what it copied). C only.
-void appendTo(fz_context* ctx, pdf_document* doc, const char* path) {
-    fz_output* out = fz_new_output_with_path(ctx, path, 1);
-    fz_try(ctx) {
-        if (doc->num_incremental_sections == 0) {
-            copyStream(ctx, doc->file, out);
-        } else {
-            pdf_write_options options = SaveWriteOptions();
-            options.do_incremental = 1;
-            pdf_write_document(ctx, doc, out, &options);
-        }
-        fz_close_output(ctx, out);
-    }
-    fz_always(ctx) {
-        fz_drop_output(ctx, out);
-    }
-    fz_catch(ctx) {
-        fz_rethrow(ctx);
-    }
-}
-
+// Signatures MuPDF still has to complete need the output read back.
 int appendable(fz_context* ctx, pdf_document* doc) {
-    return doc->file != NULL && pdf_can_be_saved_incrementally(ctx, doc);
+    return doc->file != NULL && pdf_can_be_saved_incrementally(ctx, doc) && !pdf_has_unsaved_sigs(ctx, doc);
 }
 
 }  // namespace
@@ -86,8 +75,6 @@ bool CanAppendTo(const DocumentCore& core, const fs::path& target) {
         LOG(INFO) << target.string() << " changed on disk since it was opened: saved whole";
         return false;
     }
-    // The update is written through the new file's /proc entry.
-    if (::access("/proc/self/fd", X_OK) != 0) return false;
     try {
         return guarded(core.ctx, [&] { return appendable(core.ctx, core.doc); }) != 0;
     } catch (const Orvane::Exception& e) {
@@ -97,8 +84,10 @@ bool CanAppendTo(const DocumentCore& core, const fs::path& target) {
 }
 
 void WriteAppended(DocumentCore& core, int fd) {
-    const std::string self = "/proc/self/fd/" + std::to_string(fd);
-    guarded(core.ctx, [&] { appendTo(core.ctx, core.doc, self.c_str()); });
+    fz_context* ctx = core.ctx;
+    FileSink sink{fd, 0};
+    OutputHandle out(ctx, guarded(ctx, [&] { return NewFileOutput(ctx, &sink); }));
+    guarded(ctx, [&] { appendTo(ctx, core.doc, out.get()); });
 }
 
 void NoteSaved(DocumentCore& core, const fs::path& target, bool appended) {

@@ -16,6 +16,7 @@
 #include "engine/Annotations.h"
 #include "engine/AtomicFile.h"
 #include "engine/Context.h"
+#include "engine/FileStreams.h"
 #include "engine/DocumentCore.h"
 #include "engine/FontLoader.h"
 #include "engine/Guarded.h"
@@ -35,32 +36,6 @@ std::string errorText(int err) {
 }
 
 // ---- saving ----
-
-// Where MuPDF's writer puts the bytes: the temporary file, by descriptor.
-struct FileSink {
-    int fd;
-    int64_t written;
-};
-
-// Called by MuPDF inside its own error frames; plain C, reports by fz_throw.
-void sinkWrite(fz_context* ctx, void* state, const void* data, size_t n) {
-    FileSink* sink = static_cast<FileSink*>(state);
-    const char* bytes = static_cast<const char*>(data);
-    while (n > 0) {
-        const ssize_t done = ::write(sink->fd, bytes, n);
-        if (done < 0) {
-            if (errno == EINTR) continue;
-            fz_throw(ctx, FZ_ERROR_GENERIC, "cannot write the file: %s", std::strerror(errno));
-        }
-        bytes += done;
-        n -= size_t(done);
-        sink->written += done;
-    }
-}
-
-int64_t sinkTell(fz_context*, void* state) {
-    return static_cast<FileSink*>(state)->written;
-}
 
 // References nested deeper than this are not saved (MuPDF's writer follows
 // them recursively; about 80,000 levels overflow an 8 MiB stack).
@@ -177,8 +152,7 @@ void PdfDocument::WriteWhole(int fd, int version) const {
     options.do_garbage = 1;
 
     FileSink sink{fd, 0};
-    OutputHandle out(ctx, guarded(ctx, [&] { return fz_new_output(ctx, 64 * 1024, &sink, sinkWrite, NULL, NULL); }));
-    out.get()->tell = sinkTell;
+    OutputHandle out(ctx, guarded(ctx, [&] { return NewFileOutput(ctx, &sink); }));
 
     const int ownVersion = doc->version;
     if (version != 0) doc->version = version;
