@@ -222,11 +222,17 @@ bool AnnotationTools::MarkSelection(int type) {
     return true;
 }
 
+// The topmost annotation at the point; a reply (its icon lies on the one it
+// answers) only where no other is.
 std::optional<Annotation> AnnotationTools::HitTest(int page, const QPointF& point) const {
     const std::vector<Annotation>& list = Listed(page);
+    const Annotation* reply = nullptr;
     for (auto it = list.rbegin(); it != list.rend(); ++it) {
-        if (Editable(it->type) && !it->hidden && Contains(it->rect, point)) return *it;
+        if (!Editable(it->type) || it->hidden || !Contains(it->rect, point)) continue;
+        if (it->inReplyTo == 0) return *it;
+        if (reply == nullptr) reply = &*it;
     }
+    if (reply != nullptr) return *reply;
     return std::nullopt;
 }
 

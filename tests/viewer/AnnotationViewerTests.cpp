@@ -191,6 +191,47 @@ TEST_F(AnnotationViewerTest, DrawsInkWithTheMouseMovesAndDeletesIt) {
     EXPECT_NEAR(Listed().at(0).rect.right, was.right, 1.5);
 }
 
+// A click on a note with a reply picks the note; deleted, it takes the reply
+// with it, and undo brings both back, the reply answering the note's new id.
+TEST_F(AnnotationViewerTest, UndoOfADeletedNoteBringsBackItsReplies) {
+    Open(QuirelleTest::SamplesDir() / "sample.pdf");
+    AnnotationCommands& commands = *window.Annotations();
+    commands.textPrompt = [](QString& text) {
+        text = "first";
+        return true;
+    };
+    commands.Action("tool-note")->trigger();
+    Edit([&] { Drag({{400, 760}}); });
+    const auto notes = Listed();
+    const auto note = std::find_if(notes.begin(), notes.end(), [](const Annotation& a) { return a.type == AnnotText; });
+    ASSERT_NE(note, notes.end());
+    NewAnnotation reply;
+    reply.type = AnnotText;
+    reply.inReplyTo = note->id;
+    reply.contents = "answer";
+    service.CreateAnnotation(window.Document(), 0, reply).get();
+    commands.Changed(0);
+    AnnotationTools& tools = commands.Tools();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return tools.Listed(0).size() == Listed().size() + 3; }, kTimeout));
+
+    commands.Action("tool-select")->trigger();
+    Drag({{note->rect.left + 5, note->rect.top - 5}});  // the note, not the reply lying on it
+    ASSERT_TRUE(tools.Selected().has_value());
+    ASSERT_EQ(tools.Selected()->id, note->id);
+    Edit([&] { QTest::keyClick(&window.View(), Qt::Key_Delete); });
+    for (const Annotation& a : Listed()) EXPECT_NE(a.type, AnnotText);
+
+    Edit([&] { window.Undo(); });
+    const auto back = Listed();
+    std::vector<Annotation> texts;
+    std::copy_if(back.begin(), back.end(), std::back_inserter(texts),
+                 [](const Annotation& a) { return a.type == AnnotText; });
+    ASSERT_EQ(texts.size(), 2u);
+    EXPECT_EQ(texts[0].contents, "first");
+    EXPECT_EQ(texts[1].contents, "answer");
+    EXPECT_EQ(texts[1].inReplyTo, texts[0].id);
+}
+
 // A document whose permissions forbid annotating: tools and commands off,
 // saying why, and a drag with the ink tool makes nothing.
 TEST_F(AnnotationViewerTest, ADocumentThatForbidsAnnotatingGetsNoTools) {

@@ -9,6 +9,7 @@
 #include <QSettings>
 #include <QWidget>
 #include <algorithm>
+#include <set>
 
 namespace Orvane::PDF {
 
@@ -24,8 +25,8 @@ const Swatch kSwatches[] = {{QT_TR_NOOP("Yellow"), 0xFFD400},
                             {QT_TR_NOOP("Red"), 0xE03030},
                             {QT_TR_NOOP("Black"), 0x000000}};
 
-// What makes an annotation again as the list gave it. Its replies, popup
-// and dates are not made again.
+// What makes an annotation again as the list gave it (a note with a new
+// popup; its dates are not kept). Replies are made again one by one.
 NewAnnotation Remake(const Annotation& a) {
     NewAnnotation made;
     made.type = a.type;
@@ -55,6 +56,24 @@ NewAnnotation Remake(const Annotation& a) {
         made.lines.push_back(line);
     }
     return made;
+}
+
+// The replies to id among a page's annotations and the replies to those,
+// each after the one it answers (a loop of replies in a damaged file ends).
+std::vector<Annotation> repliesTo(const std::vector<Annotation>& listed, int64_t id) {
+    std::vector<Annotation> replies;
+    std::set<int64_t> answered{id};
+    std::vector<int64_t> next{id};
+    while (!next.empty()) {
+        const int64_t parent = next.back();
+        next.pop_back();
+        for (const Annotation& a : listed) {
+            if (a.inReplyTo != parent || !answered.insert(a.id).second) continue;
+            replies.push_back(a);
+            next.push_back(a.id);
+        }
+    }
+    return replies;
 }
 
 // What puts back the fields a change sets.
@@ -301,17 +320,30 @@ void AnnotationCommands::Change(int page, const Annotation& before, const Annota
     if (commit) commit(std::move(edit));
 }
 
+// The step that makes an annotation again, answering the annotation it
+// answered under the id that one has by then.
+AnnotationCommands::Step AnnotationCommands::MakeAgain(int64_t doc, int page, const Annotation& annotation) {
+    const Slot slot = SlotOf(annotation.id);
+    const Slot answered = annotation.inReplyTo != 0 ? SlotOf(annotation.inReplyTo) : nullptr;
+    return [this, doc, page, again = Remake(annotation), slot, answered]() mutable {
+        if (answered) again.inReplyTo = *answered;
+        return Make(doc, page, again, slot);
+    };
+}
+
+// The service deletes the replies with the annotation; undo makes them again.
 void AnnotationCommands::Delete(int page, const Annotation& annotation) {
     if (doc_ < 0 || !refusal_.isEmpty() || !AnnotationTools::Editable(annotation.type)) return;
     const int64_t doc = doc_;
     const Slot slot = SlotOf(annotation.id);
-    const NewAnnotation again = Remake(annotation);
     Edit edit;
     edit.name = tr("Delete annotation");
     edit.page = page;
     edit.redo.push_back(
         [this, doc, page, slot] { return service_.DeleteAnnotation(doc, static_cast<unsigned>(page), *slot); });
-    edit.undo.push_back([this, doc, page, again, slot] { return Make(doc, page, again, slot); });
+    edit.undo.push_back(MakeAgain(doc, page, annotation));
+    for (const Annotation& reply : repliesTo(tools_->Listed(page), annotation.id))
+        edit.undo.push_back(MakeAgain(doc, page, reply));
     if (commit && commit(std::move(edit))) tools_->ClearSelected();
 }
 

@@ -76,6 +76,7 @@ private:
     void EditText();
     void UpdateActions();
     std::future<void> Make(int64_t doc, int page, const NewAnnotation& annotation, const Slot& slot);
+    Step MakeAgain(int64_t doc, int page, const Annotation& annotation);
 
     QuirelleView& view_;
     IAnnotationProvider& service_;
