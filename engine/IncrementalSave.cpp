@@ -29,9 +29,10 @@ std::string canonicalName(const fs::path& path) {
     return ec ? std::string() : resolved.string();
 }
 
-// Writes the original bytes and the update into out. MuPDF copies the
-// original itself when the output cannot be read back, as ours cannot;
-// with nothing changed, the copy is all. C only.
+// Writes the original bytes and the update into out, an empty file. MuPDF
+// reads the output back, finds it does not start with the original, and
+// copies the original in before the update; with nothing changed, the copy
+// is all. C only.
 void appendTo(fz_context* ctx, pdf_document* doc, fz_output* out) {
     pdf_write_options options = SaveWriteOptions();
     options.do_incremental = 1;
@@ -46,9 +47,8 @@ void appendTo(fz_context* ctx, pdf_document* doc, fz_output* out) {
     fz_close_output(ctx, out);
 }
 
-// Signatures MuPDF still has to complete need the output read back.
 int appendable(fz_context* ctx, pdf_document* doc) {
-    return doc->file != NULL && pdf_can_be_saved_incrementally(ctx, doc) && !pdf_has_unsaved_sigs(ctx, doc);
+    return doc->file != NULL && pdf_can_be_saved_incrementally(ctx, doc);
 }
 
 }  // namespace
