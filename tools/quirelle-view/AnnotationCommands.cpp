@@ -320,11 +320,13 @@ void AnnotationCommands::Change(int page, const Annotation& before, const Annota
     if (commit) commit(std::move(edit));
 }
 
-// The step that makes an annotation again, answering the annotation it
-// answered under the id that one has by then.
+// The step that makes an annotation again; a reply note answers the
+// annotation it answered under the id that one has by then (the service
+// makes every reply a note, so another kind comes back on its own).
 AnnotationCommands::Step AnnotationCommands::MakeAgain(int64_t doc, int page, const Annotation& annotation) {
     const Slot slot = SlotOf(annotation.id);
-    const Slot answered = annotation.inReplyTo != 0 ? SlotOf(annotation.inReplyTo) : nullptr;
+    const bool reply = annotation.inReplyTo != 0 && annotation.type == AnnotText;
+    const Slot answered = reply ? SlotOf(annotation.inReplyTo) : nullptr;
     return [this, doc, page, again = Remake(annotation), slot, answered]() mutable {
         if (answered) again.inReplyTo = *answered;
         return Make(doc, page, again, slot);
