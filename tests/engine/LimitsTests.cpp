@@ -107,7 +107,9 @@ TEST_F(Limits, EveryClassOfEndlessWorkEndsWithinTheBudgetAndThenAnswersAtOnce) {
             }
             const auto took = std::chrono::steady_clock::now() - start;
             const bool pastBudget = NamesALimit(first);
-            EXPECT_LT(took, std::chrono::milliseconds(pastBudget ? 10 : 1500)) << failure;
+            // Remembered, a page past its budget answers without running again:
+            // well under the budget even under the sanitizers on a busy machine.
+            EXPECT_LT(took, std::chrono::milliseconds(pastBudget ? 100 : 1500)) << failure;
             // What the file itself makes impossible fails at once, as a bad file.
             if (!failure.empty() && !NamesALimit(failure)) {
                 EXPECT_LT(took, std::chrono::milliseconds(100)) << failure;
