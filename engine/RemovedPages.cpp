@@ -56,25 +56,24 @@ int visibleBelow(fz_context* ctx, pdf_obj* parent) {
     return visible;
 }
 
+// Makes neighbour's key (the parent's end key when there is no neighbour)
+// name other, or nothing.
+void relink(fz_context* ctx, pdf_obj* parent, pdf_obj* neighbour, pdf_obj* key, pdf_obj* end, pdf_obj* other) {
+    const bool inList = pdf_is_dict(ctx, neighbour);
+    pdf_obj* holder = inList ? neighbour : parent;
+    pdf_obj* name = inList ? key : end;
+    if (other != NULL) {
+        pdf_dict_put(ctx, holder, name, other);
+    } else {
+        pdf_dict_del(ctx, holder, name);
+    }
+}
+
 void unlink(fz_context* ctx, pdf_obj* parent, pdf_obj* item) {
     pdf_obj* prev = pdf_dict_get(ctx, item, PDF_NAME(Prev));
     pdf_obj* next = pdf_dict_get(ctx, item, PDF_NAME(Next));
-    if (pdf_is_dict(ctx, prev)) {
-        if (next != NULL) pdf_dict_put(ctx, prev, PDF_NAME(Next), next);
-        else pdf_dict_del(ctx, prev, PDF_NAME(Next));
-    } else if (next != NULL) {
-        pdf_dict_put(ctx, parent, PDF_NAME(First), next);
-    } else {
-        pdf_dict_del(ctx, parent, PDF_NAME(First));
-    }
-    if (pdf_is_dict(ctx, next)) {
-        if (prev != NULL) pdf_dict_put(ctx, next, PDF_NAME(Prev), prev);
-        else pdf_dict_del(ctx, next, PDF_NAME(Prev));
-    } else if (prev != NULL) {
-        pdf_dict_put(ctx, parent, PDF_NAME(Last), prev);
-    } else {
-        pdf_dict_del(ctx, parent, PDF_NAME(Last));
-    }
+    relink(ctx, parent, prev, PDF_NAME(Next), PDF_NAME(First), next);
+    relink(ctx, parent, next, PDF_NAME(Prev), PDF_NAME(Last), prev);
 }
 
 // Drops the items below parent that lead to the removed page; an item
